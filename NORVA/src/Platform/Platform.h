@@ -88,8 +88,11 @@ using SocketHandle = std::intptr_t;
 inline constexpr SocketHandle noSocket = -1;
 
 // Error codes are reported in Winsock numbering, whatever the system.
-inline constexpr int errorWouldBlock = 10035;  // WSAEWOULDBLOCK
-inline constexpr int errorNoBuffers = 10055;   // WSAENOBUFS
+inline constexpr int errorInterrupted = 10004;        // WSAEINTR
+inline constexpr int errorWouldBlock = 10035;         // WSAEWOULDBLOCK
+inline constexpr int errorConnectionReset = 10054;    // WSAECONNRESET
+inline constexpr int errorNoBuffers = 10055;          // WSAENOBUFS
+inline constexpr int errorConnectionRefused = 10061;  // WSAECONNREFUSED
 
 // Starts the socket library once for the process (WSAStartup and its
 // clean-up at exit). 0 on success, 84 if the clean-up could not be
@@ -130,6 +133,7 @@ struct SocketAddress6 {
 };
 
 bool socketBind6(SocketHandle handle, const SocketAddress6& address);
+bool socketListen(SocketHandle handle, int backlog);
 bool socketLocalAddress6(SocketHandle handle, SocketAddress6& address);
 bool socketJoinGroup6(SocketHandle handle, const std::uint8_t group[16], std::uint32_t scope);
 
@@ -142,5 +146,12 @@ std::int64_t socketReceiveFrom6(SocketHandle handle, void* data, std::size_t siz
 
 // select() on one socket for reading: 0 error, 1 timed out, 2 readable.
 int socketWaitReadable(SocketHandle handle, std::uint64_t timeoutMicroseconds);
+
+// The most sockets one wait takes (Winsock's FD_SETSIZE).
+inline constexpr std::size_t maxWaitSockets = 64;
+// select() on up to maxWaitSockets sockets for reading, with the results of
+// socketWaitReadable; on 2, ready[i] tells whether handles[i] is readable.
+int socketWaitAnyReadable(const SocketHandle* handles, std::size_t count, std::uint64_t timeoutMicroseconds,
+                          bool* ready);
 
 }  // namespace NORVA::Platform

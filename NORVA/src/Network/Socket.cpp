@@ -1,0 +1,194 @@
+#include "Network/Socket.h"
+
+#include <atomic>
+
+#include "Network/SocketAddress.h"
+#include "System/Log.h"
+
+namespace NORVA {
+
+namespace {
+
+// Set once the socket library runs; it stays up until the process ends.
+std::atomic<bool> libraryStarted{false};
+
+// Codes of a failed receive that say nothing about this socket: nothing was
+// there, a signal came, or an earlier datagram of ours found no listener
+// (Winsock reports that on the next receive). Every other code is a failure,
+// on every system alike.
+bool isNothingReceived(int code) {
+    return code == Platform::errorWouldBlock || code == Platform::errorInterrupted ||
+           code == Platform::errorConnectionReset || code == Platform::errorConnectionRefused;
+}
+
+}  // namespace
+
+Socket::Socket() {
+    if (libraryStarted.load(std::memory_order_acquire)) return;
+    int failure = Platform::startSocketLibrary();
+    if (failure == 84) throw Err("Socket", 84, 0);
+    if (failure != 0) throw Err("Socket", 87, 0);
+    libraryStarted.store(true, std::memory_order_release);
+}
+
+Socket::~Socket() {
+    close();
+}
+
+bool Socket::open(Kind newKind) {
+    close();
+    kind = newKind;
+    if (kind == raw) return true;
+
+    bool v6 = kind == tcp6 || kind == udp6 || kind == tcp6dual || kind == udp6dual;
+    handle =
+        Platform::socketCreate(v6 ? Platform::SocketFamily::v6 : Platform::SocketFamily::v4,
+                               isStream() ? Platform::SocketType::stream : Platform::SocketType::datagram);
+    if (handle == Platform::noSocket) {
+        lastError = Platform::lastSocketError();
+        return false;
+    }
+
+    if (kind == udp4) {
+        if (!Platform::socketSetOption(handle, Platform::SocketOption::broadcast, 1)) {
+            close();
+            return false;
+        }
+        Platform::socketSetNonBlocking(handle, false);
+    }
+
+    // Each of these fits only some kinds; a refusal is expected and harmless.
+    Platform::socketSetOption(handle, Platform::SocketOption::noDelay, 1);
+    Platform::socketSetOption(handle, Platform::SocketOption::reuseAddress, 1);
+    Platform::socketSetOption(handle, Platform::SocketOption::dontFragment, 1);
+    Platform::socketSetOption(handle, Platform::SocketOption::pathMtuDiscovery, 1);
+
+    if (v6) {
+        Platform::socketSetOption(handle, Platform::SocketOption::v6Only,
+                                  kind == tcp6 || kind == udp6 ? 1 : 0);
+    }
+
+    blocking = true;
+    return true;
+}
+
+void Socket::close() {
+    if (handle == Platform::noSocket) return;
+    // The raw kind has no platform socket behind its handle.
+    if (kind != raw) Platform::socketClose(handle, isStream());
+    handle = Platform::noSocket;
+}
+
+bool Socket::bind(IPAddress& address) {
+    Platform::SocketAddress6 record = socketAddressOf(address);
+
+    // Only a link-local address, or ::1 given a scope, binds to an interface.
+    boundScope = 0;
+    if (address.isLinkLocal() || (address.isLoopback() && address.scope() != 0)) {
+        boundScope = address.scope();
+    }
+    record.scope = boundScope;
+
+    if (!Platform::socketBind6(handle, record)) {
+        lastError = Platform::lastSocketError();
+        return false;
+    }
+
+    if (address.noPort()) {
+        Platform::SocketAddress6 assigned{};
+        if (!Platform::socketLocalAddress6(handle, assigned)) return false;
+        address.portNetworkOrder = assigned.portNetworkOrder;
+    }
+
+    if (isStream() && !Platform::socketListen(handle, 1000)) return false;
+
+    // Sending out of the bound interface is wanted but not required.
+    if (boundScope != 0) setOutgoingInterface(boundScope);
+    return true;
+}
+
+bool Socket::setOutgoingInterface(std::uint32_t scope) {
+    int value = static_cast<int>(scope);
+    return Platform::socketSetOption(handle, Platform::SocketOption::multicastInterface, value) &&
+           Platform::socketSetOption(handle, Platform::SocketOption::unicastInterface, value);
+}
+
+bool Socket::setBlocking(bool flag) {
+    if (!Platform::socketSetNonBlocking(handle, !flag)) return false;
+    blocking = flag;
+    return true;
+}
+
+bool Socket::sendTo(const IPAddress& peer, bool retry, const void* data, std::size_t length) {
+    return sendRecord(data, length, retry, socketAddressOf(peer));
+}
+
+bool Socket::sendRecord(const void* data, std::size_t length, bool retry,
+                        const Platform::SocketAddress6& record) {
+    bool switched = false;
+    for (;;) {
+        std::int64_t sent = Platform::socketSendTo6(handle, data, length, record);
+        if (sent < 0) {
+            lastError = Platform::lastSocketError();
+            bool congestion = lastError == Platform::errorNoBuffers || lastError == Platform::errorWouldBlock;
+            if (!retry || !congestion) return false;
+        } else if (static_cast<std::uint64_t>(sent) != length) {
+            if (!retry) return false;
+        } else {
+            if (switched) setBlocking(false);
+            return true;
+        }
+        // The frame waits in the kernel rather than being lost.
+        if (!blocking && setBlocking(true)) switched = true;
+    }
+}
+
+bool Socket::joinV6(const IPAddress& group) {
+    std::uint8_t bytes[16];
+    group.copyBytes(bytes);
+    if (Platform::socketJoinGroup6(handle, bytes, group.scope())) return true;
+    lastError = Platform::lastSocketError();
+    return false;
+}
+
+bool Socket::receiveDatagram(void* data, std::size_t size, std::size_t& received, IPAddress* peer) {
+    received = 0;
+    Platform::SocketAddress6 from{};
+    std::int64_t result = Platform::socketReceiveFrom6(handle, data, size, peer != nullptr ? &from : nullptr);
+    if (result < 0) return isNothingReceived(Platform::lastSocketError());
+    // On a stream, 0 bytes means that the other end has closed.
+    if (result == 0 && isStream()) return false;
+    received = static_cast<std::size_t>(result);
+    if (peer != nullptr) *peer = addressOf(from);
+    return true;
+}
+
+bool Socket::receiveFrom(void* data, std::size_t size, std::size_t& received, IPAddress& peer) {
+    return receiveDatagram(data, size, received, &peer);
+}
+
+bool Socket::receive(void* data, std::size_t size, std::size_t& received) {
+    return receiveDatagram(data, size, received, nullptr);
+}
+
+bool Socket::receiveIntoArray(ByteArray& array, IPAddress* peer) {
+    array.resize(receiveSize);
+    std::size_t received = 0;
+    bool ok = receiveDatagram(array.data(), array.size(), received, peer);
+    array.resize(received);
+    return ok;
+}
+
+bool Socket::receiveFrom(ByteArray& array, IPAddress& peer) {
+    return receiveIntoArray(array, &peer);
+}
+
+bool Socket::receive(ByteArray& array) {
+    return receiveIntoArray(array, nullptr);
+}
+
+int Socket::waitReadable(TimeValue timeout) {
+    return Platform::socketWaitReadable(handle, timeout.toUs());
+}
+
+}  // namespace NORVA

@@ -1,0 +1,169 @@
+// Winsock 2 behind the socket section of Platform.h.
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "Platform/NativeSocketAddress.h"
+#include "Platform/Platform.h"
+
+namespace NORVA::Platform {
+
+namespace {
+
+// Winsock numbers of level 0 (IPPROTO_IP) and level 41 (IPPROTO_IPV6) that
+// older headers may lack.
+constexpr int optionDontFragment = 14;      // IP_DONTFRAGMENT
+constexpr int optionMtuDiscover = 71;       // IP_MTU_DISCOVER
+constexpr int optionUnicastInterface = 31;  // IPV6_UNICAST_IF
+
+SOCKET native(SocketHandle handle) {
+    return static_cast<SOCKET>(handle);
+}
+
+bool setInt(SocketHandle handle, int level, int name, int value) {
+    DWORD word = static_cast<DWORD>(value);
+    return setsockopt(native(handle), level, name, reinterpret_cast<const char*>(&word), sizeof(word)) == 0;
+}
+
+void cleanUp() {
+    WSACleanup();
+}
+
+}  // namespace
+
+int startSocketLibrary() {
+    if (std::atexit(cleanUp) != 0) return 84;
+    WSADATA data;
+    if (WSAStartup(2, &data) != 0) return 87;
+    return 0;
+}
+
+int lastSocketError() {
+    return WSAGetLastError();
+}
+
+SocketHandle socketCreate(SocketFamily family, SocketType type) {
+    int domain = family == SocketFamily::v6 ? AF_INET6 : AF_INET;
+    int kind = type == SocketType::stream ? SOCK_STREAM : SOCK_DGRAM;
+    int protocol = type == SocketType::stream ? IPPROTO_TCP : IPPROTO_UDP;
+    SOCKET result = socket(domain, kind, protocol);
+    if (result == INVALID_SOCKET) return noSocket;
+    return static_cast<SocketHandle>(result);
+}
+
+void socketClose(SocketHandle handle, bool shutdownFirst) {
+    if (shutdownFirst) shutdown(native(handle), SD_BOTH);
+    closesocket(native(handle));
+}
+
+bool socketSetNonBlocking(SocketHandle handle, bool nonBlocking) {
+    u_long mode = nonBlocking ? 1 : 0;
+    return ioctlsocket(native(handle), FIONBIO, &mode) == 0;
+}
+
+bool socketSetOption(SocketHandle handle, SocketOption option, int value) {
+    switch (option) {
+        case SocketOption::broadcast:
+            return setInt(handle, SOL_SOCKET, SO_BROADCAST, value);
+        case SocketOption::noDelay:
+            return setInt(handle, IPPROTO_TCP, TCP_NODELAY, value);
+        case SocketOption::reuseAddress:
+            return setInt(handle, SOL_SOCKET, SO_REUSEADDR, value);
+        case SocketOption::dontFragment:
+            return setInt(handle, IPPROTO_IP, optionDontFragment, value);
+        case SocketOption::pathMtuDiscovery:
+            return setInt(handle, IPPROTO_IP, optionMtuDiscover, value);
+        case SocketOption::v6Only:
+            return setInt(handle, IPPROTO_IPV6, IPV6_V6ONLY, value);
+        case SocketOption::multicastInterface:
+            return setInt(handle, IPPROTO_IPV6, IPV6_MULTICAST_IF, value);
+        // The IPv6 form takes the interface index in host order.
+        case SocketOption::unicastInterface:
+            return setInt(handle, IPPROTO_IPV6, optionUnicastInterface, value);
+        case SocketOption::multicastLoop:
+            return setInt(handle, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, value);
+        case SocketOption::multicastHops:
+            return setInt(handle, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, value);
+        case SocketOption::receiveBufferSize:
+            return setInt(handle, SOL_SOCKET, SO_RCVBUF, value);
+        case SocketOption::sendBufferSize:
+            return setInt(handle, SOL_SOCKET, SO_SNDBUF, value);
+    }
+    return false;
+}
+
+bool socketBind6(SocketHandle handle, const SocketAddress6& address) {
+    sockaddr_in6 record = toNative(address);
+    return bind(native(handle), reinterpret_cast<const sockaddr*>(&record), sizeof(record)) == 0;
+}
+
+bool socketListen(SocketHandle handle, int backlog) {
+    return listen(native(handle), backlog) == 0;
+}
+
+bool socketLocalAddress6(SocketHandle handle, SocketAddress6& address) {
+    sockaddr_storage record{};
+    int size = sizeof(record);
+    if (getsockname(native(handle), reinterpret_cast<sockaddr*>(&record), &size) != 0) return false;
+    fromNative(record, address);
+    return true;
+}
+
+bool socketJoinGroup6(SocketHandle handle, const std::uint8_t group[16], std::uint32_t scope) {
+    ipv6_mreq request{};
+    std::memcpy(&request.ipv6mr_multiaddr, group, 16);
+    request.ipv6mr_interface = scope;
+    return setsockopt(native(handle), IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP,
+                      reinterpret_cast<const char*>(&request), sizeof(request)) == 0;
+}
+
+std::int64_t socketSendTo6(SocketHandle handle, const void* data, std::size_t length,
+                           const SocketAddress6& peer) {
+    sockaddr_in6 record = toNative(peer);
+    int sent = sendto(native(handle), static_cast<const char*>(data), static_cast<int>(length), 0,
+                      reinterpret_cast<const sockaddr*>(&record), sizeof(record));
+    return sent == SOCKET_ERROR ? -1 : sent;
+}
+
+std::int64_t socketReceiveFrom6(SocketHandle handle, void* data, std::size_t size, SocketAddress6* peer) {
+    sockaddr_storage record{};
+    int recordSize = sizeof(record);
+    int received = recvfrom(native(handle), static_cast<char*>(data), static_cast<int>(size), 0,
+                            reinterpret_cast<sockaddr*>(&record), &recordSize);
+    if (received == SOCKET_ERROR) {
+        // A datagram larger than the buffer fills it and is cut, as on the
+        // BSD side, where that is no failure.
+        if (WSAGetLastError() != WSAEMSGSIZE) return -1;
+        received = static_cast<int>(size);
+    }
+    if (peer != nullptr) fromNative(record, *peer);
+    return received;
+}
+
+int socketWaitReadable(SocketHandle handle, std::uint64_t timeoutMicroseconds) {
+    bool ready = false;
+    return socketWaitAnyReadable(&handle, 1, timeoutMicroseconds, &ready);
+}
+
+int socketWaitAnyReadable(const SocketHandle* handles, std::size_t count, std::uint64_t timeoutMicroseconds,
+                          bool* ready) {
+    if (count > maxWaitSockets) {
+        WSASetLastError(WSAEINVAL);
+        return 0;
+    }
+    fd_set readable;
+    FD_ZERO(&readable);
+    for (std::size_t i = 0; i < count; ++i) FD_SET(native(handles[i]), &readable);
+    timeval timeout{};
+    timeout.tv_sec = static_cast<long>(timeoutMicroseconds / 1'000'000);
+    timeout.tv_usec = static_cast<long>(timeoutMicroseconds % 1'000'000);
+    int result = select(0, &readable, nullptr, nullptr, &timeout);
+    if (result == SOCKET_ERROR) return 0;
+    if (result == 0) return 1;
+    for (std::size_t i = 0; i < count; ++i) ready[i] = FD_ISSET(native(handles[i]), &readable) != 0;
+    return 2;
+}
+
+}  // namespace NORVA::Platform
