@@ -8,7 +8,7 @@
 namespace NORVA {
 
 class IPAddress {
-public:
+  public:
     std::uint8_t address[16] = {};
     std::uint16_t portNetworkOrder = 0;  // as it lies in a socket address
     std::uint32_t scopeId = 0;           // interface index; 0 means none
@@ -49,6 +49,7 @@ public:
     void toStringPort(std::string& text) const;
     void toStringScopePort(std::string& text) const;
     std::string toString() const;
+    std::string toStringPort() const;
     std::string toStringScopePort() const;
 
     // Parsers; false on bad input (see the .cpp for what each accepts).

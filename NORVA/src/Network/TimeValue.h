@@ -10,7 +10,7 @@
 namespace NORVA {
 
 class TimeValue {
-public:
+  public:
     constexpr TimeValue() = default;
 
     static constexpr TimeValue fromRaw(std::uint64_t ps) { return TimeValue(ps); }
@@ -46,7 +46,7 @@ public:
     constexpr bool operator<(TimeValue other) const { return compare(other) < 0; }
     constexpr bool operator<=(TimeValue other) const { return compare(other) <= 0; }
 
-private:
+  private:
     constexpr explicit TimeValue(std::uint64_t ps) : value(ps) {}
     std::uint64_t value = 0;
 };

@@ -55,6 +55,9 @@ bool setThreadPriorityValue(ThreadId thread, int value);
 bool setThreadAffinity(ThreadId thread, std::uint32_t mask);
 
 std::uint16_t processorCount();
+// The processor the calling thread runs on (GetCurrentProcessorNumber /
+// sched_getcpu).
+std::uint32_t currentProcessor();
 
 // The process priority class as its Windows value (256 realtime, 128 high,
 // 32768 above normal, 32 normal, 16384 below normal, 64 idle).

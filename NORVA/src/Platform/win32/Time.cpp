@@ -1,0 +1,67 @@
+// Clocks and sleeping on Windows: the performance counter, the multimedia
+// timer's millisecond clock and its 1 ms granularity.
+// windows.h first: the others build on its types.
+#include <windows.h>
+
+#include <mmsystem.h>
+
+#include "Platform/Platform.h"
+
+namespace NORVA::Platform {
+
+std::uint64_t counterFrequency() {
+    LARGE_INTEGER frequency{};
+    QueryPerformanceFrequency(&frequency);
+    return std::uint64_t(frequency.QuadPart);
+}
+
+std::uint64_t counterNow() {
+    LARGE_INTEGER counter{};
+    QueryPerformanceCounter(&counter);
+    return std::uint64_t(counter.QuadPart);
+}
+
+CalendarTime localTimeNow() {
+    // The wall clock in 100 ns units, cut to whole seconds, then in local time.
+    FILETIME utc{};
+    GetSystemTimeAsFileTime(&utc);
+    ULARGE_INTEGER ticks{};
+    ticks.LowPart = utc.dwLowDateTime;
+    ticks.HighPart = utc.dwHighDateTime;
+    ticks.QuadPart -= ticks.QuadPart % 10'000'000ull;
+    utc.dwLowDateTime = ticks.LowPart;
+    utc.dwHighDateTime = ticks.HighPart;
+
+    SYSTEMTIME universal{};
+    SYSTEMTIME local{};
+    FileTimeToSystemTime(&utc, &universal);
+    SystemTimeToTzSpecificLocalTime(nullptr, &universal, &local);
+    return {local.wYear, local.wMonth, local.wDay, local.wHour, local.wMinute, local.wSecond};
+}
+
+std::uint32_t millisecondClock() {
+    return std::uint32_t(timeGetTime());
+}
+
+void beginTimerPeriod() {
+    timeBeginPeriod(1);
+}
+
+void endTimerPeriod() {
+    timeEndPeriod(1);
+}
+
+void sleepMilliseconds(std::uint32_t ms) {
+    Sleep(DWORD(ms));
+}
+
+void sleepMicroseconds(std::uint64_t us) {
+    // Sleep has millisecond steps: round up, so that a sleep never ends early.
+    Sleep(DWORD((us + 999) / 1000));
+}
+
+void yieldThread() {
+    Sleep(0);
+}
+
+}  // namespace NORVA::Platform
