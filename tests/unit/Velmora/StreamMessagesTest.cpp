@@ -1,0 +1,169 @@
+#include "Stream/StreamMessages.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "Protocol/Frame.h"
+
+namespace {
+
+using namespace VELMORA;
+
+// A received frame with the given header words and body.
+class Frame {
+  public:
+    Frame(std::uint16_t flags, std::uint16_t p0, std::uint16_t p1, std::uint16_t p2, std::uint16_t p3,
+          std::vector<std::uint8_t> body = {}) {
+        FrameHeader header;
+        header.set(0x0B, flags, p0, p1, p2, p3);
+        header.setLength(lengthFieldFor(std::uint32_t(body.size())));
+        bytes.assign(header.bytes, header.bytes + headerSize);
+        bytes.insert(bytes.end(), body.begin(), body.end());
+        bytes.resize(frameSizeOf(header.length()), 0);
+    }
+    Receive received() const { return Receive(bytes.data(), std::uint32_t(bytes.size())); }
+
+  private:
+    std::vector<std::uint8_t> bytes;
+};
+
+std::int16_t deviation(std::uint16_t p0, std::uint16_t p1 = 0, std::uint16_t p2 = 0) {
+    return readStreamAnswer(Frame(0, p0, p1, p2, 0).received()).deviation;
+}
+
+TEST(StreamAnswer, FeedbackEncodings) {
+    // Centred: 0x2000 is the middle, 0 and 0x4000 the ends.
+    EXPECT_EQ(deviation(0x2000), 0);
+    EXPECT_EQ(deviation(0x3000), 8192);
+    EXPECT_EQ(deviation(0x1000), -8192);
+    EXPECT_EQ(deviation(0x4000), 16384);
+    // Signed 15 bits behind bit 15.
+    EXPECT_EQ(deviation(0xC000), -16384);
+    EXPECT_EQ(deviation(0x8001), 1);
+    EXPECT_EQ(deviation(0xBFFF), 16383);
+    EXPECT_EQ(deviation(0xFFFF), -1);
+    // Level against level wanted.
+    EXPECT_EQ(deviation(0, 150, 100), 8192);
+    EXPECT_EQ(deviation(0, 50, 100), -8192);
+    EXPECT_EQ(deviation(0, 150, 0), 0) << "no level wanted: no feedback";
+
+    EXPECT_EQ(readStreamAnswer(Frame(0, 0x3000, 0, 0, 0).received()).encoding, 1);
+    EXPECT_EQ(readStreamAnswer(Frame(0, 0x8001, 0, 0, 0).received()).encoding, 2);
+    EXPECT_EQ(readStreamAnswer(Frame(0, 0, 1, 2, 0).received()).encoding, 3);
+    EXPECT_EQ(readStreamAnswer(Frame(0, 0, 1, 0, 0).received()).encoding, 0);
+}
+
+TEST(StreamAnswer, ResendFormCarriesNoFeedbackOrPhase) {
+    StreamAnswer answer = readStreamAnswer(Frame(0x108, 0x3000, 0xFFFE, 7, 0).received());
+    EXPECT_TRUE(answer.resend);
+    EXPECT_EQ(answer.resendFrom, 0xFFFE) << "the full 16-bit sequence number";
+    EXPECT_EQ(answer.resendNote, 7);
+    EXPECT_EQ(answer.deviation, 0);
+    EXPECT_FALSE(answer.sinkInvert) << "phase bits of a resend request are not read";
+
+    StreamAnswer feedback = readStreamAnswer(Frame(0x100, 0x2000, 0, 0, 0).received());
+    EXPECT_FALSE(feedback.resend);
+    EXPECT_TRUE(feedback.sinkInvert);
+}
+
+TEST(StreamAnswer, PhaseBits) {
+    EXPECT_TRUE(sinkInvertOf(0x100));
+    EXPECT_FALSE(sinkInvertOf(0x180)) << "bit 7 cancels the inversion";
+    EXPECT_FALSE(sinkInvertOf(0x080));
+    EXPECT_FALSE(sinkInvertOf(0));
+}
+
+TEST(ConnectMessages, ConnectPreValue) {
+    FormatID stereoS32;
+    stereoS32.replace(0x02 | 0x0800, 0);
+    ASSERT_TRUE(stereoS32.setRate(48000));
+    std::uint64_t value = connectPreValue(stereoS32, 25);
+    EXPECT_EQ(value & 0xFFFF, 0x0102u);
+    EXPECT_EQ((value >> 16) & 0xFFFF, 25u);
+    EXPECT_EQ(value >> 32, stereoS32.high());
+
+    FormatID floating(0x2000 | 0x08, 0);
+    EXPECT_EQ((connectPreValue(floating, 0) >> 8) & 0xFF, 2u);
+    FormatID dsd(FormatID::dsdOneBit | FormatID::dsdMsbFirst | 0x02, 0);
+    EXPECT_EQ((connectPreValue(dsd, 0) >> 8) & 0xFF, 8u) << "the bit order bits are not part of the kind";
+    FormatID unknown(0x02, 0);
+    EXPECT_EQ((connectPreValue(unknown, 0) >> 8) & 0xFF, 4u);
+}
+
+TEST(ConnectMessages, MsConnectBodyAndFlags) {
+    const std::uint8_t mac[6] = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
+    std::uint8_t body[msConnectBodySize];
+    std::memset(body, 0xAA, sizeof body);
+    writeMsConnectBody(body, msModeRawFrames, mac);
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(body[i], 0);
+    EXPECT_EQ(std::memcmp(body + 8, mac, 6), 0);
+    writeMsConnectBody(body, msMode2, mac);
+    for (std::uint8_t byte : body) EXPECT_EQ(byte, 0) << "only raw frames carry the MAC address";
+    writeMsConnectBody(body, msModeRawFrames, nullptr);
+    for (std::uint8_t byte : body) EXPECT_EQ(byte, 0);
+
+    EXPECT_EQ(msConnectFlags(msMode1), 1);
+    EXPECT_EQ(msConnectFlags(msMode2), 2);
+    EXPECT_EQ(msConnectFlags(msModeRawFrames), 3);
+}
+
+TEST(ConnectMessages, RouteFollowsModeAndDataPort) {
+    StreamRoute none = streamRouteFor(msModeNone, 5000);
+    EXPECT_EQ(none.framing, FramingMode::header);
+    EXPECT_FALSE(none.ms);
+    EXPECT_EQ(streamRouteFor(msMode1, 5000).framing, FramingMode::tagLast);
+    EXPECT_EQ(streamRouteFor(msMode2, 5000).framing, FramingMode::tagFirst);
+    StreamRoute raw = streamRouteFor(msModeRawFrames, 0x88B5);
+    EXPECT_EQ(raw.framing, FramingMode::ethernet);
+    EXPECT_TRUE(raw.rawFrames);
+    EXPECT_TRUE(raw.ms);
+    // A target that names no second port keeps the plain framing.
+    StreamRoute fallBack = streamRouteFor(msMode2, 0);
+    EXPECT_EQ(fallBack.framing, FramingMode::header);
+    EXPECT_FALSE(fallBack.ms);
+    EXPECT_FALSE(streamRouteFor(msModeRawFrames, 0).rawFrames);
+}
+
+TEST(ConnectMessages, ConnectAnswerFields) {
+    ConnectAnswer answer =
+        readConnectAnswer(Frame(0x101, 19650, 0x88B5, 0x1234, 0, {1, 2, 3, 4, 5, 6}).received());
+    EXPECT_EQ(answer.statusPort, 19650);
+    EXPECT_EQ(answer.dataPort, 0x88B5);
+    EXPECT_EQ(answer.linkByte, 0x34) << "only the low byte";
+    EXPECT_TRUE(answer.sinkInvert);
+    ASSERT_TRUE(answer.hasTargetMac);
+    EXPECT_EQ(answer.targetMac[5], 6);
+    EXPECT_FALSE(readConnectAnswer(Frame(1, 1, 0, 0, 0, {1, 2, 3, 4, 5}).received()).hasTargetMac);
+}
+
+TEST(SetupMessages, DataSizeProbe) {
+    std::vector<std::uint8_t> bytes(1452 - 16);
+    std::uint32_t seed = 0;
+    std::uint16_t sum = fillProbeBytes(bytes.data(), std::uint32_t(bytes.size()), seed);
+    EXPECT_EQ(sum, probeSum(bytes.data(), std::uint32_t(bytes.size())));
+    EXPECT_NE(seed, 0u);
+    std::uint32_t nextSeed = seed;
+    std::vector<std::uint8_t> again(bytes.size());
+    fillProbeBytes(again.data(), std::uint32_t(again.size()), nextSeed);
+    EXPECT_NE(again, bytes) << "each probe has bytes of its own";
+
+    // The answer echoes the sum in param3 and the frame size at the start of its body.
+    DataSizeAnswer echo = readDataSizeAnswer(Frame(1, 64, 0xFFFF, 1400, sum, {0xAC, 0x05, 0, 0}).received());
+    EXPECT_EQ(echo.mostPerCycle, 0xFFFF);
+    ASSERT_TRUE(echo.hasProbeSize);
+    EXPECT_FALSE(echo.hasGreatestPacket);
+    EXPECT_TRUE(probeEchoed(echo, 1452, sum));
+    EXPECT_FALSE(probeEchoed(echo, 1400, sum)) << "a cut frame";
+    EXPECT_FALSE(probeEchoed(echo, 1452, std::uint16_t(sum + 1))) << "damaged bytes";
+
+    DataSizeAnswer bare = readDataSizeAnswer(Frame(1, 64, 3000, 1400, sum).received());
+    EXPECT_TRUE(probeEchoed(bare, 1452, sum)) << "the body is optional";
+    DataSizeAnswer full =
+        readDataSizeAnswer(Frame(1, 0, 0, 0, 0, {0xAC, 0x05, 0, 0, 0xDC, 0x05, 0, 0}).received());
+    ASSERT_TRUE(full.hasGreatestPacket);
+    EXPECT_EQ(full.greatestPacket, 1500u);
+}
+
+}  // namespace
