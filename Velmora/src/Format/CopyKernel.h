@@ -1,0 +1,52 @@
+// The copy from a ring slot into a packet's payload, with any DSD bit or
+// word reordering and any polarity inversion done in the same pass.
+//
+// Kernels run on the stream worker's cycle: they hold no state, allocate
+// nothing and never fail. `byteCount` is a whole number of frames; the
+// four-byte forms handle byteCount / 4 whole groups and leave the last
+// byteCount % 4 bytes of the destination untouched.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace VELMORA {
+
+using CopyKernel = void (*)(std::uint8_t* destination, const std::uint8_t* source, std::size_t byteCount);
+
+using ByteTable = std::array<std::uint8_t, 256>;
+
+constexpr ByteTable makeBitReverse(std::uint8_t invert) {
+    ByteTable table{};
+    for (unsigned value = 0; value < 256; ++value) {
+        unsigned reversed = 0;
+        for (unsigned bit = 0; bit < 8; ++bit) reversed |= ((value >> bit) & 1u) << (7 - bit);
+        table[value] = static_cast<std::uint8_t>(reversed ^ invert);
+    }
+    return table;
+}
+
+// Entry i is i with its bits in reverse order.
+inline constexpr ByteTable bitReverse = makeBitReverse(0x00);
+// Entry i is the bitwise NOT of bitReverse[i].
+inline constexpr ByteTable bitReverseNot = makeBitReverse(0xFF);
+
+void copyPlain(std::uint8_t* destination, const std::uint8_t* source, std::size_t byteCount);
+void copyInvert(std::uint8_t* destination, const std::uint8_t* source, std::size_t byteCount);
+// Each group of four bytes in reverse byte order.
+void copySwap(std::uint8_t* destination, const std::uint8_t* source, std::size_t byteCount);
+void copySwapInvert(std::uint8_t* destination, const std::uint8_t* source, std::size_t byteCount);
+// Each byte bit-reversed, byte order kept.
+void copyReverse(std::uint8_t* destination, const std::uint8_t* source, std::size_t byteCount);
+void copyReverseInvert(std::uint8_t* destination, const std::uint8_t* source, std::size_t byteCount);
+// Each byte bit-reversed and each group of four in reverse byte order.
+void copyReverseSwap(std::uint8_t* destination, const std::uint8_t* source, std::size_t byteCount);
+void copyReverseSwapInvert(std::uint8_t* destination, const std::uint8_t* source, std::size_t byteCount);
+
+// The four reorderings; each has a plain and an inverted kernel.
+enum class KernelForm { plain, swap, reverse, reverseSwap };
+
+CopyKernel kernelFor(KernelForm form, bool invert);
+
+}  // namespace VELMORA

@@ -1,0 +1,147 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "Format/CopyKernel.h"
+
+using namespace VELMORA;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+struct Named {
+    const char* name;
+    CopyKernel kernel;
+};
+
+constexpr Named allKernels[] = {
+    {"copyPlain", copyPlain},
+    {"copyInvert", copyInvert},
+    {"copySwap", copySwap},
+    {"copySwapInvert", copySwapInvert},
+    {"copyReverse", copyReverse},
+    {"copyReverseInvert", copyReverseInvert},
+    {"copyReverseSwap", copyReverseSwap},
+    {"copyReverseSwapInvert", copyReverseSwapInvert},
+};
+
+Bytes run(CopyKernel kernel, const Bytes& source, std::uint8_t fill = 0xEE) {
+    Bytes destination(source.size(), fill);
+    kernel(destination.data(), source.data(), source.size());
+    return destination;
+}
+
+Bytes randomBytes(std::size_t size, std::uint32_t seed) {
+    std::mt19937 random(seed);
+    Bytes bytes(size);
+    for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(random());
+    return bytes;
+}
+
+}  // namespace
+
+TEST(BitReverseTables, KnownEntriesAndComplement) {
+    EXPECT_EQ(bitReverse[0x01], 0x80);
+    EXPECT_EQ(bitReverse[0x02], 0x40);
+    EXPECT_EQ(bitReverse[0x03], 0xC0);
+    EXPECT_EQ(bitReverse[0x96], 0x69);
+    EXPECT_EQ(bitReverseNot[0x00], 0xFF);
+    EXPECT_EQ(bitReverseNot[0x01], 0x7F);
+    for (unsigned i = 0; i < 256; ++i) {
+        EXPECT_EQ(bitReverse[bitReverse[i]], i);
+        EXPECT_EQ(bitReverseNot[i], static_cast<std::uint8_t>(~bitReverse[i]));
+    }
+}
+
+TEST(CopyKernels, OneGroupOfEachKernel) {
+    const Bytes source{0x01, 0x02, 0x03, 0x04};
+    EXPECT_EQ(run(copyPlain, source), (Bytes{0x01, 0x02, 0x03, 0x04}));
+    EXPECT_EQ(run(copyInvert, source), (Bytes{0xFE, 0xFD, 0xFC, 0xFB}));
+    EXPECT_EQ(run(copySwap, source), (Bytes{0x04, 0x03, 0x02, 0x01}));
+    EXPECT_EQ(run(copySwapInvert, source), (Bytes{0xFB, 0xFC, 0xFD, 0xFE}));
+    EXPECT_EQ(run(copyReverse, source), (Bytes{0x80, 0x40, 0xC0, 0x20}));
+    EXPECT_EQ(run(copyReverseInvert, source), (Bytes{0x7F, 0xBF, 0x3F, 0xDF}));
+    EXPECT_EQ(run(copyReverseSwap, source), (Bytes{0x20, 0xC0, 0x40, 0x80}));
+    EXPECT_EQ(run(copyReverseSwapInvert, source), (Bytes{0xDF, 0x3F, 0xBF, 0x7F}));
+    EXPECT_EQ(run(copyReverseInvert, Bytes{0, 0, 0, 0}), (Bytes{0xFF, 0xFF, 0xFF, 0xFF}));
+}
+
+TEST(CopyKernels, EachInvertedKernelIsTheNotOfItsPartner) {
+    const Bytes source = randomBytes(1024 + 4, 7);
+    for (KernelForm form :
+         {KernelForm::plain, KernelForm::swap, KernelForm::reverse, KernelForm::reverseSwap}) {
+        Bytes plain = run(kernelFor(form, false), source);
+        Bytes inverted = run(kernelFor(form, true), source);
+        for (std::size_t i = 0; i < source.size(); ++i) {
+            ASSERT_EQ(inverted[i], static_cast<std::uint8_t>(~plain[i]))
+                << static_cast<int>(form) << " at " << i;
+        }
+    }
+}
+
+TEST(CopyKernels, PairsByForm) {
+    EXPECT_EQ(kernelFor(KernelForm::plain, false), &copyPlain);
+    EXPECT_EQ(kernelFor(KernelForm::plain, true), &copyInvert);
+    EXPECT_EQ(kernelFor(KernelForm::swap, true), &copySwapInvert);
+    EXPECT_EQ(kernelFor(KernelForm::reverse, false), &copyReverse);
+    EXPECT_EQ(kernelFor(KernelForm::reverseSwap, true), &copyReverseSwapInvert);
+}
+
+TEST(CopyKernels, ByteWiseKernelsTakeAnyLengthAndTouchNothingElse) {
+    // Lengths around the eight-byte steps of the inverting copy.
+    for (std::size_t length = 0; length <= 20; ++length) {
+        const Bytes source = randomBytes(length, static_cast<std::uint32_t>(length));
+        Bytes destination(length + 2, 0xEE);
+        copyInvert(destination.data() + 1, source.data(), length);
+        EXPECT_EQ(destination.front(), 0xEE);
+        EXPECT_EQ(destination.back(), 0xEE);
+        for (std::size_t i = 0; i < length; ++i)
+            ASSERT_EQ(destination[i + 1], static_cast<std::uint8_t>(~source[i]));
+        EXPECT_EQ(run(copyPlain, source), source);
+    }
+    copyPlain(nullptr, nullptr, 0);
+    copyInvert(nullptr, nullptr, 0);
+}
+
+TEST(CopyKernels, GroupKernelsLeaveAPartialGroupUnwritten) {
+    const Bytes source = randomBytes(11, 3);
+    for (const Named& entry : allKernels) {
+        if (entry.kernel == copyPlain || entry.kernel == copyInvert) continue;
+        Bytes written = run(entry.kernel, source, 0xEE);
+        EXPECT_EQ(Bytes(written.begin() + 8, written.end()), (Bytes{0xEE, 0xEE, 0xEE})) << entry.name;
+        Bytes none = run(entry.kernel, Bytes(3, 0x55), 0xEE);
+        EXPECT_EQ(none, Bytes(3, 0xEE)) << entry.name;
+    }
+}
+
+TEST(CopyKernels, ReorderingTwiceGivesTheSourceBack) {
+    const Bytes source = randomBytes(4096, 11);
+    for (KernelForm form : {KernelForm::swap, KernelForm::reverse, KernelForm::reverseSwap}) {
+        for (bool invert : {false, true}) {
+            CopyKernel kernel = kernelFor(form, invert);
+            EXPECT_EQ(run(kernel, run(kernel, source)), source) << static_cast<int>(form) << invert;
+        }
+    }
+}
+
+TEST(CopyKernels, CutsOnFramesDoNotChangeTheResult) {
+    // The worker copies a chunk in pieces that end on frames.
+    const Bytes source = randomBytes(96, 5);
+    for (const Named& entry : allKernels) {
+        Bytes whole = run(entry.kernel, source);
+        Bytes pieces(source.size(), 0xEE);
+        for (std::size_t at = 0, piece = 8; at < source.size(); at += piece, piece = piece == 8 ? 24 : 8) {
+            entry.kernel(pieces.data() + at, source.data() + at, piece);
+        }
+        EXPECT_EQ(pieces, whole) << entry.name;
+    }
+}
+
+TEST(CopyKernels, DsdSilenceChangesBitOrder) {
+    EXPECT_EQ(run(copyReverse, Bytes(8, 0x96)), Bytes(8, 0x69));
+    EXPECT_EQ(run(copyReverseSwapInvert, Bytes(8, 0x69)), Bytes(8, 0x69));
+}
