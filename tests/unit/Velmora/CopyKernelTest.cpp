@@ -83,14 +83,6 @@ TEST(CopyKernels, EachInvertedKernelIsTheNotOfItsPartner) {
     }
 }
 
-TEST(CopyKernels, PairsByForm) {
-    EXPECT_EQ(kernelFor(KernelForm::plain, false), &copyPlain);
-    EXPECT_EQ(kernelFor(KernelForm::plain, true), &copyInvert);
-    EXPECT_EQ(kernelFor(KernelForm::swap, true), &copySwapInvert);
-    EXPECT_EQ(kernelFor(KernelForm::reverse, false), &copyReverse);
-    EXPECT_EQ(kernelFor(KernelForm::reverseSwap, true), &copyReverseSwapInvert);
-}
-
 TEST(CopyKernels, ByteWiseKernelsTakeAnyLengthAndTouchNothingElse) {
     // Lengths around the eight-byte steps of the inverting copy.
     for (std::size_t length = 0; length <= 20; ++length) {
@@ -125,19 +117,6 @@ TEST(CopyKernels, ReorderingTwiceGivesTheSourceBack) {
             CopyKernel kernel = kernelFor(form, invert);
             EXPECT_EQ(run(kernel, run(kernel, source)), source) << static_cast<int>(form) << invert;
         }
-    }
-}
-
-TEST(CopyKernels, CutsOnFramesDoNotChangeTheResult) {
-    // The worker copies a chunk in pieces that end on frames.
-    const Bytes source = randomBytes(96, 5);
-    for (const Named& entry : allKernels) {
-        Bytes whole = run(entry.kernel, source);
-        Bytes pieces(source.size(), 0xEE);
-        for (std::size_t at = 0, piece = 8; at < source.size(); at += piece, piece = piece == 8 ? 24 : 8) {
-            entry.kernel(pieces.data() + at, source.data() + at, piece);
-        }
-        EXPECT_EQ(pieces, whole) << entry.name;
     }
 }
 

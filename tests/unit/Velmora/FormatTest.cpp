@@ -32,48 +32,24 @@ FormatID dsd(std::uint32_t form, std::uint32_t high = rateDsd64) {
 
 }  // namespace
 
-TEST(FormatWord, SizesAndRatesOfPcmAndDsd) {
+TEST(FormatWord, SizesAndRates) {
     FormatID pcm(0x0000000A00000802ull);
-    EXPECT_EQ(pcm.bitsPerSample(), 32u);
-    EXPECT_EQ(pcm.channelCount(), 2u);
-    EXPECT_EQ(pcm.rate(), 44100u);
     EXPECT_EQ(pcm.frameBytes(), 8u);
     EXPECT_EQ(pcm.byteRate(), 352800u);
+    EXPECT_EQ(pcm.muteByte(), 0u);
 
     FormatID dsd64 = dsd(lsbLittle);
     EXPECT_EQ(dsd64.rate(), 2822400u);
-    EXPECT_EQ(dsd64.bitsPerSample(), 1u);
     EXPECT_EQ(dsd64.frameBytes(), 8u);
     EXPECT_EQ(dsd64.byteRate(), 705600u);
+    EXPECT_EQ(dsd64.muteByte(), 0x69u);
+    EXPECT_EQ(dsd(msbBig).muteByte(), 0x96u);
 
-    // DSD words other than 32 bits count as 16.
-    EXPECT_EQ(FormatID(0x0510002u, rateDsd64).bytesPerSample(), 2u);
-    EXPECT_EQ(FormatID(0x2520002u, rateDsd64).bitsPerSample(), 4u);
-    EXPECT_EQ(FormatID(0x2520002u, rateDsd64).bytesPerSample(), 4u);
-}
-
-TEST(FormatWord, EveryPcmFormHasItsWidth) {
-    struct Form {
-        std::uint32_t bit, bits, bytes;
-    } forms[] = {{0x100, 8, 1},   {0x200, 16, 2},  {0x400, 24, 3}, {0x800, 32, 4},
-                 {0x1000, 64, 8}, {0x2000, 32, 4}, {0x4000, 64, 8}};
-    for (const Form& form : forms) {
-        FormatID word(form.bit | stereo, rate44100);
-        EXPECT_EQ(word.bitsPerSample(), form.bits) << std::hex << form.bit;
-        EXPECT_EQ(word.bytesPerSample(), form.bytes) << std::hex << form.bit;
-    }
-    // Several forms at once, or none, count as 16 bits.
-    EXPECT_EQ(FormatID(0x0C00u | stereo, rate44100).bitsPerSample(), 16u);
-    EXPECT_EQ(FormatID(0x0C00u | stereo, rate44100).bytesPerSample(), 2u);
-    EXPECT_EQ(FormatID(stereo, rate44100).bytesPerSample(), 2u);
-}
-
-TEST(FormatWord, ChannelBitsAndTheirFallback) {
-    const std::uint32_t counts[][2] = {{0x01, 1},  {0x02, 2}, {0x04, 4}, {0x08, 6}, {0x10, 8},
-                                       {0x20, 16}, {0x00, 2}, {0x03, 2}, {0x40, 2}};
-    for (const auto& entry : counts) {
-        EXPECT_EQ(FormatID(0x800u | entry[0], rate44100).channelCount(), entry[1]) << entry[0];
-    }
+    EXPECT_EQ(FormatID(0x0510002u, rateDsd64).bytesPerSample(), 2u);  // 16-bit DSD words
+    EXPECT_EQ(FormatID(0x0402u, rate44100).frameBytes(), 6u);
+    EXPECT_EQ(FormatID(0x0C02u, rate44100).bitsPerSample(), 16u);  // no single form
+    EXPECT_EQ(FormatID(0x0843u, rate44100).channelCount(), 2u);    // no single channel bit
+    EXPECT_EQ(FormatID(0x0808u, rate44100).channelCount(), 6u);
 }
 
 TEST(FormatWord, RateNeedsOneBaseAndOneMultiplier) {
@@ -81,15 +57,9 @@ TEST(FormatWord, RateNeedsOneBaseAndOneMultiplier) {
     EXPECT_EQ(FormatID(0u, 0x0008u).rate(), 0u);                 // no base
     EXPECT_EQ(FormatID(0u, 0x0006u | 0x8u).rate(), 0u);          // two bases
     EXPECT_EQ(FormatID(0u, 0x0002u | 0x18u).rate(), 0u);         // two multipliers
-    EXPECT_EQ(FormatID(0u, 0x0001u).rate(), 0u);                 // 8000 as setRate writes it
-    EXPECT_EQ(FormatID(0x802u, 0x0001u).byteRate(), 0u);
-}
-
-TEST(FormatWord, ByteRateThatNeedsMoreThan32BitsIsZero) {
-    // 64-bit, 16 channels, 48000 x 4096.
-    FormatID huge(0x4020u, 0x4u | 0x8000u);
-    EXPECT_EQ(huge.rate(), 196608000u);
-    EXPECT_EQ(huge.byteRate(), 0u);
+    EXPECT_EQ(FormatID(0x802u, 0x0001u).byteRate(), 0u);         // 8000 as setRate writes it
+    // 64-bit, 16 channels, 48000 x 4096 needs more than 32 bits.
+    EXPECT_EQ(FormatID(0x4020u, 0x4u | 0x8000u).byteRate(), 0u);
 }
 
 TEST(FormatWord, SetRateTakesOnlyExpressibleRates) {
@@ -125,21 +95,11 @@ TEST(FormatWord, ReplaceWritesWholeFields) {
     EXPECT_EQ(word, FormatID(0x801u, 0x1234000Au));
 }
 
-TEST(FormatWord, SilenceByteByBitOrder) {
-    EXPECT_EQ(FormatID(0x802u, rate44100).muteByte(), 0u);
-    EXPECT_EQ(dsd(lsbLittle).muteByte(), 0x69u);
-    EXPECT_EQ(dsd(msbBig).muteByte(), 0x96u);
-}
-
 TEST(FormatMask, GreatestAndLeastQueries) {
     EXPECT_EQ(FormatID(0x4100u).greatestBits(), 64u);
     EXPECT_EQ(FormatID(0x2300u).greatestBits(), 32u);
-    EXPECT_EQ(FormatID(0x0700u).greatestBits(), 24u);
     EXPECT_EQ(FormatID(0x30000u).greatestBits(), 4u);
-    EXPECT_EQ(FormatID(0x10000u).greatestBits(), 1u);
     EXPECT_EQ(FormatID(0x0u).greatestBits(), 0u);
-
-    EXPECT_EQ(FormatID(0x3Fu).greatestChannels(), 16u);
     EXPECT_EQ(FormatID(0x0Bu).greatestChannels(), 6u);
     EXPECT_EQ(FormatID(0x00u).greatestChannels(), 0u);
 
@@ -155,7 +115,6 @@ TEST(FormatValidity, StreamWordsThatCanGoOnTheWire) {
 
     EXPECT_FALSE(isValidStream(dsd(lsbLittle, rate44100)));  // DSD below 2,822,400 Hz
     EXPECT_FALSE(isValidStream(FormatID(0x803u, rate44100)));
-    EXPECT_FALSE(isValidStream(FormatID(0x840u, rate44100)));
     EXPECT_FALSE(isValidStream(FormatID(0xC02u, rate44100)));
     EXPECT_FALSE(isValidStream(FormatID(0x8002u, rate44100)));    // no such PCM form
     EXPECT_FALSE(isValidStream(FormatID(0x100802u, rate44100)));  // PCM with a DSD bit
@@ -283,22 +242,18 @@ TEST(FormatChoice, RefusedConversions) {
     EXPECT_FALSE(chooseFormat(dsd(0x2520000u), fourBitOnly).accepted);
 }
 
-TEST(FormatNegotiation, FailureChangesNothing) {
-    FormatNegotiation format;
-    format.sink.pcm = FormatID(0x0802u, 0x000Au);
-    ASSERT_TRUE(format.setFormat(FormatID(0x802u, rate44100)));
-    EXPECT_FALSE(format.setFormat(dsd(lsbLittle)));
-    EXPECT_EQ(format.sourceFormat, FormatID(0x802u, rate44100));
-    EXPECT_EQ(format.streamFormat, FormatID(0x802u, rate44100));
-    EXPECT_EQ(format.copyKernel, &VELMORA::copyPlain);
-}
-
 TEST(FormatNegotiation, ConversionLogsAndChoosesTheKernel) {
     FormatNegotiation format;
     format.sink.dsdLsb = FormatID(lsbBig | stereo, rateDsd64);
     LogCapture log;
     ASSERT_TRUE(format.setFormat(dsd(lsbLittle)));
     EXPECT_TRUE(log.has("DSD COVERT LSB little -> LSB Big"));
+    EXPECT_EQ(format.sourceFormat, dsd(lsbLittle));
+    EXPECT_EQ(format.streamFormat, dsd(lsbBig));
+    EXPECT_EQ(format.copyKernel, &VELMORA::copySwap);
+
+    // A refusal changes nothing.
+    EXPECT_FALSE(format.setFormat(FormatID(0x802u, rate44100)));
     EXPECT_EQ(format.sourceFormat, dsd(lsbLittle));
     EXPECT_EQ(format.streamFormat, dsd(lsbBig));
     EXPECT_EQ(format.copyKernel, &VELMORA::copySwap);
@@ -328,14 +283,11 @@ TEST(FormatNegotiation, PhaseIsHostAndSinkCombined) {
     format.applyPhase(false);
     EXPECT_EQ(format.copyKernel, &VELMORA::copyReverse);
     EXPECT_EQ(format.silenceByte(), 0x96u);
-}
 
-TEST(FormatNegotiation, InvertedSilenceOfLsbFirstDsd) {
-    FormatNegotiation format;
+    // Without a conversion the plain copy has its inverted partner too.
     format.sink.dsdLsb = FormatID(lsbLittle | stereo, rateDsd64);
     ASSERT_TRUE(format.setFormat(dsd(lsbLittle)));
-    format.hostInvert = true;
-    format.applyPhase(false);
+    format.applyPhase(true);
     EXPECT_EQ(format.copyKernel, &VELMORA::copyInvert);
-    EXPECT_EQ(format.silenceByte(), 0x96u);
+    EXPECT_EQ(format.silenceByte(), 0x96u);  // LSB-first silence 0x69, inverted
 }
