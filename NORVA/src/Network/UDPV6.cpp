@@ -36,8 +36,9 @@ namespace {
 // that the send doesn't depend on when a sleep wakes up.
 constexpr TimeValue spinStretch = TimeValue::fromUs(100);
 
-// The time still to go to `until`; 0 if it has come.
+// The time still to go to `until`; 0 if it has come or isn't set.
 TimeValue remainingUntil(TimeValue until) {
+    if (!until.isSet()) return TimeValue();
     TimeValue now = TimeValue::now();
     return now < until ? until - now : TimeValue();
 }
@@ -123,7 +124,7 @@ bool UDPV6::receiveStep(Receiving& receiving, TimeValue until) {
     EthernetBuffer& buffer = *receiving.list[receiving.cursor];
     bool ok = receiving.other != nullptr
                   ? receiving.other->transfer({}, until, receiving.list, receiving.peer, nullptr)
-                  : receiveOne(buffer, receiving.peer, until.isSet() ? remainingUntil(until) : TimeValue());
+                  : receiveOne(buffer, receiving.peer, remainingUntil(until));
     if (!ok) return false;
     if (buffer.length != 0) ++receiving.cursor;
     return true;
@@ -136,8 +137,7 @@ bool UDPV6::transfer(BufferList sendList, TimeValue deadline, BufferList receive
     if (sendList.empty()) {
         if (!receiving.waiting()) return true;
         if (other != nullptr) return other->transfer(sendList, deadline, receiveList, peer, nullptr);
-        return receiveOne(*receiveList[receiving.cursor], peer,
-                          deadline.isSet() ? remainingUntil(deadline) : TimeValue());
+        return receiveOne(*receiveList[receiving.cursor], peer, remainingUntil(deadline));
     }
 
     if (!deadline.isSet() || TimeValue::now() >= deadline) return sendNow(sendList);

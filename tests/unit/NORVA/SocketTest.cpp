@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Network/ByteArray.h"
+#include "Network/Interfaces.h"
 #include "Network/SocketSet.h"
 
 #include <cstring>
@@ -83,6 +84,28 @@ TEST(Socket, BindToPortZeroWritesTheAssignedPortBack) {
     EXPECT_EQ(std::string(data, received), text);
     EXPECT_EQ(peer.port(), b.port());
     EXPECT_TRUE(peer.isLoopback());
+}
+
+// Only a link-local address (or ::1 given a scope) binds to an interface.
+TEST(Socket, BindingALinkLocalAddressTakesItsScope) {
+    NORVA::InterfaceMap map;
+    ASSERT_TRUE(NORVA::getMyLocalAddresV6(map, false));
+    if (map.empty()) GTEST_SKIP() << "no link-local address";
+    IPAddress linkLocal = map.begin()->first;
+    ASSERT_NE(linkLocal.scope(), 0u);
+
+    UDPV6 socket;
+    ASSERT_TRUE(socket.openNonBlocking());
+    ASSERT_TRUE(socket.bind(linkLocal));
+    EXPECT_EQ(socket.boundScope, linkLocal.scope());
+    EXPECT_NE(linkLocal.port(), 0);
+
+    UDPV6 loopback;
+    ASSERT_TRUE(loopback.openNonBlocking());
+    IPAddress plain = IPAddress::loopback(0);
+    plain.setScope(0);
+    ASSERT_TRUE(loopback.bind(plain));
+    EXPECT_EQ(loopback.boundScope, 0u);
 }
 
 TEST(Socket, ASecondBindFailsWithTheError) {
