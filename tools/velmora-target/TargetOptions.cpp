@@ -1,0 +1,223 @@
+#include "TargetOptions.h"
+
+#include <charconv>
+#include <functional>
+#include <map>
+#include <sstream>
+
+namespace {
+
+std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> parts;
+    std::string part;
+    std::istringstream stream(text);
+    while (std::getline(stream, part, separator)) parts.push_back(part);
+    if (!text.empty() && text.back() == separator) parts.emplace_back();
+    return parts;
+}
+
+template <class Number>
+bool number(const std::string& text, Number& out) {
+    int base = text.starts_with("0x") ? 16 : 10;
+    const char* begin = text.data() + (base == 16 ? 2 : 0);
+    const char* end = text.data() + text.size();
+    auto [last, failure] = std::from_chars(begin, end, out, base);
+    return failure == std::errc() && last == end && begin != end;
+}
+
+// "port,index,name[,class[,second]]"
+bool staticPort(const std::string& text, VELMORA::TargetConfig& config) {
+    std::vector<std::string> parts = split(text, ',');
+    VELMORA::StaticPort port;
+    if (parts.size() < 3 || parts.size() > 5 || !number(parts[0], port.port) ||
+        !number(parts[1], port.index)) {
+        return false;
+    }
+    port.name = parts[2];
+    if (parts.size() >= 4 && !number(parts[3], port.portClass)) return false;
+    if (parts.size() == 5) {
+        if (parts[4] != "second") return false;
+        port.sink = false;
+    }
+    config.staticPorts.push_back(port);
+    return true;
+}
+
+// "count,packetSize,packetsPerBlock,blockCount"
+bool slots(const std::string& text, VELMORA::TargetConfig& config) {
+    std::vector<std::string> parts = split(text, ',');
+    std::uint32_t sizes[3];
+    if (parts.size() != 4 || !number(parts[0], config.slotCount)) return false;
+    for (int i = 0; i < 3; ++i) {
+        if (!number(parts[i + 1], sizes[i]) || sizes[i] == 0 || sizes[i] > 65536) return false;
+        config.slots[i] = static_cast<std::uint16_t>(sizes[i] - 1);
+    }
+    return true;
+}
+
+// "name,text,value"
+bool slotDescription(const std::string& text, VELMORA::TargetConfig& config) {
+    std::vector<std::string> parts = split(text, ',');
+    VELMORA::SlotDescription description;
+    if (parts.size() != 3 || !number(parts[2], description.value)) return false;
+    description.name = parts[0];
+    description.text = parts[1];
+    config.slotDescriptions.push_back(description);
+    return true;
+}
+
+// "kind,name,text,minimum,maximum,value[,choice...]"
+bool setting(const std::string& text, VELMORA::TargetConfig& config) {
+    std::vector<std::string> parts = split(text, ',');
+    VELMORA::TargetSettingRow row;
+    if (parts.size() < 6 || !number(parts[0], row.kind) || row.kind < 1 || row.kind > 7 ||
+        !number(parts[3], row.minimum) || !number(parts[4], row.maximum) || !number(parts[5], row.value)) {
+        return false;
+    }
+    row.name = parts[1];
+    row.text = parts[2];
+    row.choices.assign(parts.begin() + 6, parts.end());
+    config.settings.push_back(row);
+    return true;
+}
+
+// "number,width,height[,alpha]": a generated test pattern.
+bool icon(const std::string& text, VELMORA::TargetConfig& config) {
+    std::vector<std::string> parts = split(text, ',');
+    unsigned which = 0, width = 0, height = 0;
+    if (parts.size() < 3 || parts.size() > 4 || !number(parts[0], which) || which < 1 || which > 8 ||
+        !number(parts[1], width) || !number(parts[2], height) || width == 0 || width > 1024 || height == 0 ||
+        height > 1024 || (parts.size() == 4 && parts[3] != "alpha")) {
+        return false;
+    }
+    VELMORA::TargetIcon& target = config.icons[which - 1];
+    target.alphaOnly = parts.size() == 4;
+    target.width = static_cast<std::uint16_t>(width);
+    target.pixels.resize(std::size_t(width) * height);
+    for (unsigned y = 0; y < height; ++y) {
+        for (unsigned x = 0; x < width; ++x) {
+            target.pixels[y * width + x] =
+                0xFF000000u | (x * 255 / width) << 16 | (y * 255 / height) << 8 | which;
+        }
+    }
+    return true;
+}
+
+// "index,port,name" with port 0 for one of the system's choice.
+bool testSink(const std::string& text, std::vector<TestSink>& sinks) {
+    std::vector<std::string> parts = split(text, ',');
+    TestSink sink;
+    if (parts.size() != 3 || !number(parts[0], sink.index) || sink.index == 0 ||
+        !number(parts[1], sink.port)) {
+        return false;
+    }
+    sink.name = parts[2];
+    sinks.push_back(sink);
+    return true;
+}
+
+}  // namespace
+
+const char* TargetOptions::usage() {
+    return "usage: velmora-target [options]\n"
+           "  --name TEXT               name in discovery answers\n"
+           "  --target-name TEXT        target name (may hold [myaddress])\n"
+           "  --product-id N            64-bit ProductID (0x... for hexadecimal)\n"
+           "  --identity N              64-bit identity\n"
+           "  --text1 TEXT, --text2 TEXT\n"
+           "  --info TEXT, --info2 TEXT information texts\n"
+           "  --info-item TEXT, --info2-item TEXT   entries of the information lists (repeat)\n"
+           "  --port-class N            class reported for port requests of class 0 (default 1)\n"
+           "  --static-port P,I,NAME[,CLASS[,second]]   a port that needs no registration\n"
+           "  --sink I,P,NAME           a test sink registering port P (0: any) at index I\n"
+           "  --window N                slot transfer window in bytes (65535: none)\n"
+           "  --slots N,SIZE,PACKETS,BLOCKS   slot count and geometry\n"
+           "  --slot-description NAME,TEXT,VALUE\n"
+           "  --slot-dir DIR            write each checked slot's data to DIR/slotN.bin\n"
+           "  --setting KIND,NAME,TEXT,MIN,MAX,VALUE[,CHOICE...]\n"
+           "  --icon N,WIDTH,HEIGHT[,alpha]   a generated icon\n"
+           "  --loopback                answer discovery from ::1\n"
+           "  --restart-allowed         accept RESTART_REQ\n"
+           "  --forward-log             pass local log lines to the system log\n"
+           "  --no-log-socket           don't take local log lines\n"
+           "  --synchro                 handle clock reports, at high priority\n"
+           "  --idle                    run the loop at idle priority\n"
+           "  --scope N                 0 all interfaces (default), -1 loopback, else one scope\n"
+           "  --control-port N, --registration-port N, --log-port N, --syslog-port N\n"
+           "  --log-level N             0..7, -1 for none (default 6)\n";
+}
+
+bool TargetOptions::parse(int argc, char** argv, std::string& error) {
+    config.idleWithoutSynchro = false;
+    auto flag = [](bool& field) { return [&field](const std::string&) { return field = true; }; };
+    auto text = [](std::string& field) {
+        return [&field](const std::string& value) { return field = value, true; };
+    };
+    auto numeric = [](auto& field) {
+        return [&field](const std::string& value) { return number(value, field); };
+    };
+    auto item = [](std::vector<std::string>& list) {
+        return [&list](const std::string& value) { return list.push_back(value), true; };
+    };
+    VELMORA::TargetConfig& c = config;
+    bool noLogSocket = false;
+    const std::map<std::string, std::function<bool(const std::string&)>> withValue = {
+        {"--name", text(c.name)},
+        {"--target-name", text(c.targetName)},
+        {"--product-id", numeric(c.productId)},
+        {"--identity", numeric(c.identity)},
+        {"--text1", text(c.text1)},
+        {"--text2", text(c.text2)},
+        {"--info", text(c.infoText)},
+        {"--info2", text(c.infoText2)},
+        {"--info-item", item(c.infoList)},
+        {"--info2-item", item(c.infoList2)},
+        {"--port-class", numeric(c.portClass)},
+        {"--static-port", [&](const std::string& v) { return staticPort(v, c); }},
+        {"--sink", [&](const std::string& v) { return testSink(v, testSinks); }},
+        {"--window", numeric(c.window)},
+        {"--slots", [&](const std::string& v) { return slots(v, c); }},
+        {"--slot-description", [&](const std::string& v) { return slotDescription(v, c); }},
+        {"--slot-dir", text(slotDirectory)},
+        {"--setting", [&](const std::string& v) { return setting(v, c); }},
+        {"--icon", [&](const std::string& v) { return icon(v, c); }},
+        {"--scope", numeric(scope)},
+        {"--control-port", numeric(c.ports.control)},
+        {"--registration-port", numeric(c.ports.registration)},
+        {"--log-port", numeric(c.ports.log)},
+        {"--syslog-port", numeric(c.ports.systemLog)},
+        {"--log-level", numeric(logLevel)},
+    };
+    const std::map<std::string, std::function<bool(const std::string&)>> switches = {
+        {"--loopback", flag(c.allowLoopback)},
+        {"--restart-allowed", flag(c.restartAllowed)},
+        {"--forward-log", flag(c.forwardLog)},
+        {"--no-log-socket", flag(noLogSocket)},
+        {"--synchro", flag(c.synchro)},
+        {"--idle", flag(c.idleWithoutSynchro)},
+        {"--help", flag(help)},
+    };
+    for (int i = 1; i < argc; ++i) {
+        std::string option = argv[i];
+        if (auto found = switches.find(option); found != switches.end()) {
+            found->second(option);
+            continue;
+        }
+        auto found = withValue.find(option);
+        if (found == withValue.end()) {
+            error = "unknown option " + option;
+            return false;
+        }
+        if (i + 1 >= argc) {
+            error = option + " needs a value";
+            return false;
+        }
+        std::string value = argv[++i];
+        if (!found->second(value)) {
+            error = "bad value for " + option + ": " + value;
+            return false;
+        }
+    }
+    withLog = !noLogSocket;
+    return true;
+}

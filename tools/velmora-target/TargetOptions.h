@@ -1,0 +1,30 @@
+// The command line of velmora-target: everything it puts into the
+// TargetConfig, how it opens the target, and the test sinks it registers.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Discovery/TargetConfig.h"
+
+// A sink that only registers its port, for testing discovery.
+struct TestSink {
+    std::uint16_t index = 0;
+    std::uint16_t port = 0;  // 0: a port of the system's choice
+    std::string name;
+};
+
+struct TargetOptions {
+    VELMORA::TargetConfig config;
+    std::vector<TestSink> testSinks;
+    int scope = 0;  // the open form: 0 all interfaces, -1 loopback, else one scope
+    bool withLog = true;
+    int logLevel = 6;
+    std::string slotDirectory;  // where a checked slot's data is written
+    bool help = false;
+
+    // False with `error` set on a bad argument.
+    bool parse(int argc, char** argv, std::string& error);
+    static const char* usage();
+};

@@ -1,0 +1,116 @@
+// velmora-target: a network audio endpoint's control side. It answers the
+// protocol on the control port, takes local registrations, and registers
+// its test sinks, until a signal or a restart or commit ends it.
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Network/Socket.h"
+#include "Protocol/MessageTypes.h"
+#include "Protocol/Send.h"
+#include "System/Log.h"
+#include "System/Threads.h"
+#include "TargetOptions.h"
+#include "ToolTarget.h"
+
+namespace {
+
+volatile std::sig_atomic_t signalled = 0;
+
+void onSignal(int) {
+    signalled = 1;
+}
+
+void printLine(const char* line) {
+    std::fprintf(stderr, "%s\n", line);
+}
+
+// Test sinks register again well within the target's 10 seconds.
+constexpr std::uint32_t registerEveryMs = 3000;
+constexpr std::uint32_t pollMs = 50;
+
+class TestSinkSocket {
+  public:
+    NORVA::UDPV6 socket;
+    VELMORA::SendBuffer registration;
+
+    bool open(const TestSink& sink) {
+        NORVA::IPAddress local = NORVA::IPAddress::loopback(sink.port);
+        if (!socket.openNonBlocking() || !socket.bind(local)) return false;
+        registration.setHeader(VELMORA::MessageType::PORT_REGIST, 0, sink.index, 0, local.port(), 0);
+        registration.setBodyText(sink.name);
+        registration.finish();
+        std::printf("test sink %u: port %u, %s\n", sink.index, local.port(), sink.name.c_str());
+        return true;
+    }
+    void announce(std::uint16_t registrationPort) {
+        socket.sendTo(NORVA::IPAddress::loopback(registrationPort), false, registration.bytes.data,
+                      registration.bytes.size);
+    }
+};
+
+int run(const TargetOptions& options) {
+    ToolTarget target(options.config, options.slotDirectory);
+    if (!target.open(options.scope, options.withLog)) {
+        std::fprintf(stderr, "velmora-target: can't open the target (ports in use, or no such interface)\n");
+        return 2;
+    }
+    std::printf("velmora-target: control port %u, registration port %u\n", target.boundPorts().control,
+                target.boundPorts().registration);
+    std::fflush(stdout);
+
+    std::vector<std::unique_ptr<TestSinkSocket>> sinks;
+    for (const TestSink& sink : options.testSinks) {
+        auto socket = std::make_unique<TestSinkSocket>();
+        if (!socket->open(sink)) {
+            std::fprintf(stderr, "velmora-target: can't open test sink %u on port %u\n", sink.index,
+                         sink.port);
+            return 2;
+        }
+        sinks.push_back(std::move(socket));
+    }
+    std::fflush(stdout);
+
+    std::uint32_t sinceRegistration = registerEveryMs;
+    while (signalled == 0 && target.loopResult() == VELMORA::Target::loopRunning) {
+        if (sinceRegistration >= registerEveryMs) {
+            for (auto& sink : sinks) sink->announce(target.boundPorts().registration);
+            sinceRegistration = 0;
+        }
+        NORVA::sleepMilliseconds(pollMs);
+        sinceRegistration += pollMs;
+    }
+    std::uint32_t result = target.loopResult();
+    target.close();
+    std::fflush(stdout);
+    if (result == VELMORA::Target::loopEndedByMessage) return target.exitCode();
+    return signalled != 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    TargetOptions options;
+    std::string error;
+    if (!options.parse(argc, argv, error)) {
+        std::fprintf(stderr, "velmora-target: %s\n%s", error.c_str(), TargetOptions::usage());
+        return 2;
+    }
+    if (options.help) {
+        std::printf("%s", TargetOptions::usage());
+        return 0;
+    }
+    NORVA::Syslog log;
+    log.configure(16, &printLine, 0);
+    NORVA::Syslog::install(&log);
+    NORVA::logThreshold = options.logLevel;
+
+    std::signal(SIGINT, onSignal);
+    std::signal(SIGTERM, onSignal);
+    int code = run(options);
+    NORVA::Syslog::install(nullptr);
+    return code;
+}
