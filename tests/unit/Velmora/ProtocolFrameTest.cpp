@@ -193,6 +193,44 @@ TEST_F(EthernetFrame, ABodyOf44IsNotShort) {
     EXPECT_EQ(frame[16], 0xCD);
 }
 
+TEST(ConnectionBufferPool, BuildsPreparedBuffersThatSendFromTheirFrameStart) {
+    NORVA::UDPV6 sender;
+    NORVA::UDPV6 receiver;
+    IPAddress senderAddress = IPAddress::loopback(0);
+    IPAddress destination = IPAddress::loopback(0);
+    ASSERT_TRUE(sender.openNonBlocking());
+    ASSERT_TRUE(sender.bind(senderAddress));
+    ASSERT_TRUE(receiver.openNonBlocking());
+    ASSERT_TRUE(receiver.bind(destination));
+    const std::uint8_t noMac[6] = {};
+
+    VELMORA::ConnectionBufferPool pool(sender, destination, noMac, noMac, 0, 0, FramingMode::tagFirst);
+    pool.resize(3);
+    ASSERT_EQ(pool.size(), 3u);
+    ConnectionBuffer& packet = pool[2];
+    EXPECT_EQ(packet.mode, FramingMode::tagFirst);
+    packet.setHeader(MessageType::STREAM_DATA, 0, 5, 0, 0, 0);
+    packet.setBodySize(4);
+    std::memcpy(packet.body(), "data", 4);
+    packet.finish();
+    ASSERT_TRUE(sender.send(*packet.frame));
+
+    ASSERT_EQ(receiver.waitReadable(NORVA::TimeValue::fromSeconds(10)), 2);
+    std::uint8_t data[64];
+    std::size_t received = 0;
+    ASSERT_TRUE(receiver.receive(data, sizeof(data), received));
+    EXPECT_EQ(std::vector<std::uint8_t>(data, data + received),
+              (std::vector<std::uint8_t>{0x05, 0x00, 'd', 'a', 't', 'a'}));
+
+    IPAddress scoped = destination;
+    scoped.setScope(7);
+    VELMORA::ConnectionBufferPool raw(sender, scoped, noMac, noMac, 0x88B5, 0, FramingMode::ethernet);
+    raw.resize(1);
+    EXPECT_EQ(raw[0].mode, FramingMode::ethernet);
+    ASSERT_NE(raw[0].frame->peerRecord(), nullptr);
+    EXPECT_EQ(raw[0].frame->peerRecord()->scope, 7u);
+}
+
 TEST(BodyText, ListsSplitAtZeroBytes) {
     std::vector<std::string> list;
     VELMORA::bodyTextListOf(nullptr, 0, list);
