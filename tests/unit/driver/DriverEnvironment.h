@@ -1,0 +1,39 @@
+// Points the driver's per-user folder at a temporary folder, so that a
+// driver made in a test reads no one's real settings. Windows has no such
+// switch; its tests run in a Wine prefix of their own.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+#include "System/Log.h"
+#include "TempFolder.h"
+
+class DriverEnvironment : public ::testing::Test {
+  protected:
+    void SetUp() override {
+#ifndef _WIN32
+        if (const char* old = std::getenv("XDG_CONFIG_HOME")) saved = old;
+        setenv("XDG_CONFIG_HOME", user.path.c_str(), 1);
+#endif
+    }
+    void TearDown() override {
+#ifndef _WIN32
+        if (saved) {
+            setenv("XDG_CONFIG_HOME", saved->c_str(), 1);
+        } else {
+            unsetenv("XDG_CONFIG_HOME");
+        }
+#endif
+        NORVA::logThreshold.store(-1);
+    }
+
+    // Where the driver looks for "KESTRANE Velmora/setting.inf".
+    TempFolder user;
+
+  private:
+    std::optional<std::string> saved;
+};

@@ -1,0 +1,41 @@
+// A fresh folder under the system's temporary directory, removed with all
+// it holds when the test ends.
+#pragma once
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+
+class TempFolder {
+  public:
+    TempFolder() {
+        std::random_device random;
+        path = std::filesystem::temp_directory_path() / ("velmora-driver-" + std::to_string(random()));
+        std::filesystem::create_directories(path);
+    }
+    ~TempFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+
+    // The folder's path with a trailing separator, as UTF-8.
+    std::string directory() const { return (path / "").string(); }
+    std::string file(const std::string& name) const { return (path / name).string(); }
+
+    // Writes `text` to `name` (folders made as needed); returns its path.
+    std::string write(const std::string& name, const std::string& text) const {
+        std::filesystem::create_directories((path / name).parent_path());
+        std::ofstream(path / name, std::ios::binary) << text;
+        return file(name);
+    }
+
+    std::string read(const std::string& name) const {
+        std::ifstream in(path / name, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+
+    std::filesystem::path path;
+};
