@@ -38,6 +38,8 @@ void beginTimerPeriod();
 void endTimerPeriod();
 
 void sleepMilliseconds(std::uint32_t ms);
+// May end early where the system sleeps in coarse steps (Windows): callers
+// that must reach a point in time loop on the clock.
 void sleepMicroseconds(std::uint64_t us);
 void yieldThread();  // Sleep(0)
 

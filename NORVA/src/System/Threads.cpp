@@ -59,7 +59,8 @@ void sleepUntil(SteadyClock::time_point point) {
             auto ms = duration_cast<milliseconds>(rest).count();
             Platform::sleepMilliseconds(std::uint32_t(std::min<decltype(ms)>(ms, 0x7FFFFFFF)));
         } else {
-            // The last part of a millisecond, rounded up so that it never spins.
+            // The last part of a millisecond, rounded up: one short sleep where
+            // the system has them, yields until the point where it has not.
             Platform::sleepMicroseconds(std::uint64_t((rest.count() + 999) / 1000));
         }
     }

@@ -122,6 +122,7 @@ inline SteadyClock::time_point deadlineAfter(SteadyClock::duration span) {
 
 void yield();
 void sleepMilliseconds(std::uint32_t ms);
+// May end early on Windows; sleepUntil is the exact one.
 void sleepMicroseconds(std::uint64_t us);
 // Sleeps until the clock has reached the point; never returns before it.
 void sleepUntil(SteadyClock::time_point point);

@@ -44,12 +44,28 @@ int lastSocketError() {
     return WSAGetLastError();
 }
 
+namespace {
+
+// Without this, an ICMP "port unreachable" for an earlier datagram makes the
+// next receive fail with a reset, which would cost an exchange one of its
+// tries. A system that refuses the switch keeps the old behaviour, which
+// receiving tolerates.
+void ignorePortUnreachable(SOCKET socket) {
+    constexpr DWORD udpConnectionReset = 0x9800000C;  // SIO_UDP_CONNRESET
+    BOOL report = FALSE;
+    DWORD returned = 0;
+    WSAIoctl(socket, udpConnectionReset, &report, sizeof report, nullptr, 0, &returned, nullptr, nullptr);
+}
+
+}  // namespace
+
 SocketHandle socketCreate(SocketFamily family, SocketType type) {
     int domain = family == SocketFamily::v6 ? AF_INET6 : AF_INET;
     int kind = type == SocketType::stream ? SOCK_STREAM : SOCK_DGRAM;
     int protocol = type == SocketType::stream ? IPPROTO_TCP : IPPROTO_UDP;
     SOCKET result = socket(domain, kind, protocol);
     if (result == INVALID_SOCKET) return noSocket;
+    if (type == SocketType::datagram) ignorePortUnreachable(result);
     return static_cast<SocketHandle>(result);
 }
 

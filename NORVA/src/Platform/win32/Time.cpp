@@ -56,8 +56,12 @@ void sleepMilliseconds(std::uint32_t ms) {
 }
 
 void sleepMicroseconds(std::uint64_t us) {
-    // Sleep has millisecond steps: round up, so that a sleep never ends early.
-    Sleep(DWORD((us + 999) / 1000));
+    // Sleep has whole-millisecond steps and may run over by one of them, even
+    // at a 1 ms timer period. A paced sender would rather wake early and spin
+    // than late: sleep a millisecond less than the span, and only yield for
+    // less than two.
+    std::uint64_t ms = us / 1000;
+    Sleep(ms >= 2 ? DWORD(ms - 1) : 0);
 }
 
 void yieldThread() {
