@@ -1,6 +1,9 @@
 #include "Stream/StreamMessages.h"
 
+#include <algorithm>
 #include <cstring>
+
+#include "Protocol/MessageTypes.h"
 
 namespace VELMORA {
 
@@ -39,6 +42,15 @@ std::int16_t deviationOf(int encoding, const Receive& answer) {
         default:
             return 0;
     }
+}
+
+void writeU32(std::uint8_t* bytes, std::uint32_t value) {
+    for (int i = 0; i < 4; ++i) bytes[i] = std::uint8_t(value >> (8 * i));
+}
+
+void setBare(Message& request, std::uint16_t type, std::uint64_t value = 0) {
+    request.setHeader(type, 0, value);
+    request.finish();
 }
 
 int feedbackEncoding(const Receive& answer) {
@@ -161,6 +173,182 @@ StreamAnswer readStreamAnswer(const Receive& answer) {
     result.deviation = deviationOf(result.encoding, answer);
     result.sinkInvert = sinkInvertOf(answer.flags());
     return result;
+}
+
+// ---- The host's messages ---------------------------------------------------
+
+void buildFormatRequest(Message& request, std::uint64_t query) {
+    setBare(request, MessageType::FORMAT_REQ, query);
+}
+
+void buildLatencyRequest(Message& request, std::uint16_t wanted) {
+    setBare(request, MessageType::LATENCY_REQ, wanted);
+}
+
+void buildDataSizeRequest(Message& request) {
+    setBare(request, MessageType::DATASIZE_REQ);
+}
+
+std::uint16_t buildDataSizeProbe(ConnectionBuffer& request, std::uint16_t frameSize, std::uint32_t& seed) {
+    frameSize = std::max<std::uint16_t>(frameSize, headerSize);
+    request.setHeader(MessageType::DATASIZE_REQ, 0);
+    request.setFrameSize(frameSize);
+    std::uint16_t sum = fillProbeBytes(request.body(), frameSize - headerSize, seed);
+    request.finish();
+    return sum;
+}
+
+void buildSinkInfoRequest(Message& request, FormatID streamFormat) {
+    setBare(request, MessageType::SINKINFO_REQ, streamFormat.value);
+}
+
+void buildConnectPreRequest(Message& request, FormatID streamFormat, std::uint16_t latency) {
+    setBare(request, MessageType::CONNECTPRE_REQ, connectPreValue(streamFormat, latency));
+}
+
+void buildConnectName(ConnectionBuffer& request, std::uint64_t productId, std::string_view name) {
+    request.setHeader(MessageType::CONNECTNAME_SET, flagYes, productId);
+    request.setBodyText(name);
+    request.finish();
+}
+
+void buildNopBreak(Message& request) {
+    setBare(request, MessageType::NOPBREAK_REQ);
+}
+
+void buildSynchroChannelRequest(Message& request) {
+    setBare(request, MessageType::SYNCHRO_CHANNEL_REQ);
+}
+
+void buildConnectRequest(ConnectionBuffer& request, std::uint32_t msMode, FormatID streamFormat,
+                         const std::uint8_t* mac) {
+    if (msMode == msModeNone) {
+        setBare(request, MessageType::CONNECT_REQ, streamFormat.value);
+        return;
+    }
+    request.setHeader(MessageType::MSCONNECT_REQ, msConnectFlags(msMode), streamFormat.value);
+    request.setBodySize(msConnectBodySize);
+    std::uint8_t body[msConnectBodySize];
+    writeMsConnectBody(body, msMode, mac);
+    std::memcpy(request.body(), body, sizeof body);
+    request.finish();
+}
+
+void buildStreamData(ConnectionBuffer& packet, std::uint16_t sequence, bool lastOfCycle, bool wantsFeedback) {
+    std::uint16_t flags =
+        std::uint16_t((lastOfCycle ? streamLastOfCycle : 0) | (wantsFeedback ? streamWantsFeedback : 0));
+    packet.setHeader(MessageType::STREAM_DATA, flags, sequence, 0, 0, 0);
+    packet.finish();
+}
+
+void buildSynchroStatusRequest(Message& request) {
+    setBare(request, MessageType::SYNCHRO_STATUS_REQ);
+}
+
+void buildDisconnectRequest(Message& request) {
+    setBare(request, MessageType::DISCONNECT_REQ);
+}
+
+void buildHostDebugRequest(Message& request, bool starting) {
+    setBare(request, MessageType::HOSTDEBUG_REQ, starting ? 1 : 0);
+}
+
+// ---- The sink's side --------------------------------------------------------
+
+ConnectPreRequest readConnectPreRequest(const Receive& request) {
+    std::uint64_t value = request.paramU64();
+    return {std::uint8_t(value), std::uint8_t(value >> 8), std::uint16_t(value >> 16),
+            std::uint32_t(value >> 32)};
+}
+
+ConnectName readConnectName(const Receive& request) {
+    ConnectName result;
+    result.productId = request.paramU64();
+    request.bodyText(result.name);
+    return result;
+}
+
+bool isDataSizeProbe(const Receive& request) {
+    return request.size > headerSize;
+}
+
+ConnectRequest readConnectRequest(const Receive& request) {
+    ConnectRequest result;
+    result.streamFormat = FormatID(request.paramU64());
+    if (request.type() != MessageType::MSCONNECT_REQ) return result;
+    switch (request.flags()) {
+        case 1:
+            result.msMode = msMode1;
+            break;
+        case 2:
+            result.msMode = msMode2;
+            break;
+        case 3:
+            result.msMode = msModeRawFrames;
+            break;
+        default:
+            result.msMode = msModeNone;
+    }
+    if (result.msMode == msModeRawFrames && request.bodySize() >= msConnectBodySize) {
+        result.hasHostMac = true;
+        std::memcpy(result.hostMac, request.body() + 8, 6);
+    }
+    return result;
+}
+
+void buildFormatAnswer(SendBuffer& answer, std::uint64_t value) {
+    answer.setHeader(MessageType::FORMAT_ANS, flagYes, value);
+    answer.finish();
+}
+
+void buildLatencyAnswer(SendBuffer& answer, const LatencyAnswer& latency) {
+    answer.setHeader(MessageType::LATENCY_ANS, flagYes, latency.granted, latency.hardware, latency.greatest,
+                     0);
+    answer.finish();
+}
+
+void buildDataSizeAnswer(SendBuffer& answer, const DataSizeAnswer& sizes) {
+    answer.setHeader(MessageType::DATASIZE_ANS, flagYes, sizes.leastPacket, sizes.mostPerCycle,
+                     sizes.wantedPacket, sizes.probeSum);
+    if (sizes.hasGreatestPacket) {
+        answer.setBodySize(8);
+        writeU32(answer.body(), sizes.probeSize);
+        writeU32(answer.body() + 4, sizes.greatestPacket);
+    } else if (sizes.hasProbeSize) {
+        answer.setBodySize(4);
+        writeU32(answer.body(), sizes.probeSize);
+    }
+    answer.finish();
+}
+
+void buildSinkInfoAnswer(SendBuffer& answer, const SinkInfoAnswer& info) {
+    answer.setHeader(MessageType::SINKINFO_ANS, flagYes, info.minCycle, info.maxCycle, info.profile, 0);
+    answer.finish();
+}
+
+void buildSynchroChannelAnswer(SendBuffer& answer, std::uint16_t msa) {
+    answer.setHeader(MessageType::SYNCHRO_CHANNEL_ANS, flagYes, msa, 0, 0, 0);
+    answer.finish();
+}
+
+void buildConnectPreAnswer(SendBuffer& answer, std::uint16_t latency) {
+    answer.setHeader(MessageType::CONNECTPRE_ANS, flagYes, 0, latency, 0, 0);
+    answer.finish();
+}
+
+void buildConnectAnswer(SendBuffer& answer, std::uint16_t requestType, const ConnectAnswer& route) {
+    std::uint16_t flags = std::uint16_t(flagYes | (route.sinkInvert ? 0x100 : 0));
+    answer.setHeader(awaitedAnswer(requestType), flags, route.statusPort, route.dataPort, route.linkByte, 0);
+    if (route.hasTargetMac) {
+        answer.setBodySize(6);
+        std::memcpy(answer.body(), route.targetMac, 6);
+    }
+    answer.finish();
+}
+
+void buildEmptyAnswer(SendBuffer& answer, std::uint16_t requestType) {
+    answer.setHeader(awaitedAnswer(requestType), flagYes);
+    answer.finish();
 }
 
 }  // namespace VELMORA

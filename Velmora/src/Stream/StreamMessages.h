@@ -5,10 +5,13 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 #include "Format/FormatID.h"
 #include "Protocol/ConnectionBuffer.h"
 #include "Protocol/Receive.h"
+#include "Protocol/Send.h"
 
 namespace VELMORA {
 
@@ -120,5 +123,74 @@ struct StreamAnswer {
     bool sinkInvert = false;
 };
 StreamAnswer readStreamAnswer(const Receive& answer);
+
+// ---- The host's messages, built and finished, ready to send ----------------
+
+void buildFormatRequest(Message& request, std::uint64_t query);
+// `wanted` in units of 100 us; 0 only asks.
+void buildLatencyRequest(Message& request, std::uint16_t wanted);
+void buildDataSizeRequest(Message& request);
+// A probe frame of exactly `frameSize` bytes (at least a header) filled with
+// random bytes; returns their sum, which the echo must carry.
+std::uint16_t buildDataSizeProbe(ConnectionBuffer& request, std::uint16_t frameSize, std::uint32_t& seed);
+void buildSinkInfoRequest(Message& request, FormatID streamFormat);
+void buildConnectPreRequest(Message& request, FormatID streamFormat, std::uint16_t latency);
+void buildConnectName(ConnectionBuffer& request, std::uint64_t productId, std::string_view name);
+void buildNopBreak(Message& request);
+void buildSynchroChannelRequest(Message& request);
+// CONNECT_REQ with no transfer mode, MSCONNECT_REQ with its body otherwise;
+// `mac` is the host interface's address for raw frames, or null.
+void buildConnectRequest(ConnectionBuffer& request, std::uint32_t msMode, FormatID streamFormat,
+                         const std::uint8_t* mac);
+// The header, or the tag, of an audio packet whose body is already in
+// place. Allocates nothing: it runs on the worker's cycle.
+void buildStreamData(ConnectionBuffer& packet, std::uint16_t sequence, bool lastOfCycle, bool wantsFeedback);
+void buildSynchroStatusRequest(Message& request);
+void buildDisconnectRequest(Message& request);
+void buildHostDebugRequest(Message& request, bool starting);
+
+// ---- The sink's side: its readings of requests and its answers --------------
+
+// The CONNECTPRE_REQ value taken apart.
+struct ConnectPreRequest {
+    std::uint8_t channels = 0;
+    std::uint8_t kind = 0;      // 1 integer PCM, 2 floating PCM, 8 DSD, 4 other
+    std::uint16_t latency = 0;  // units of 100 us
+    std::uint32_t formatHigh = 0;
+};
+ConnectPreRequest readConnectPreRequest(const Receive& request);
+
+struct ConnectName {
+    std::uint64_t productId = 0;
+    std::string name;
+};
+ConnectName readConnectName(const Receive& request);
+
+// A DATASIZE_REQ that carries random bytes behind its header.
+bool isDataSizeProbe(const Receive& request);
+
+// The transfer mode that MSCONNECT_REQ's flags name (CONNECT_REQ: none), and
+// for raw frames the host's MAC address from its body.
+struct ConnectRequest {
+    std::uint32_t msMode = msModeNone;
+    FormatID streamFormat;
+    bool hasHostMac = false;
+    std::uint8_t hostMac[6] = {};
+};
+ConnectRequest readConnectRequest(const Receive& request);
+
+// Answers are yes answers, built whole.
+void buildFormatAnswer(SendBuffer& answer, std::uint64_t value);
+void buildLatencyAnswer(SendBuffer& answer, const LatencyAnswer& latency);
+// With a body when the answer has a probe size or a greatest packet.
+void buildDataSizeAnswer(SendBuffer& answer, const DataSizeAnswer& sizes);
+void buildSinkInfoAnswer(SendBuffer& answer, const SinkInfoAnswer& info);
+void buildSynchroChannelAnswer(SendBuffer& answer, std::uint16_t msa);
+void buildConnectPreAnswer(SendBuffer& answer, std::uint16_t latency);
+// CONNECT_ANS or MSCONNECT_ANS, after `requestType`; the target's MAC goes
+// into the body when the answer has one.
+void buildConnectAnswer(SendBuffer& answer, std::uint16_t requestType, const ConnectAnswer& route);
+// The plain yes of a request whose answer carries nothing.
+void buildEmptyAnswer(SendBuffer& answer, std::uint16_t requestType);
 
 }  // namespace VELMORA

@@ -1,0 +1,231 @@
+#include "Sink/StreamSink.h"
+
+#include <algorithm>
+
+#include "Protocol/MessageTypes.h"
+#include "Protocol/Send.h"
+#include "System/Log.h"
+
+using NORVA::IPAddress;
+using NORVA::LogLine;
+
+namespace VELMORA {
+
+namespace {
+
+// Room for the largest probe a datagram can carry.
+constexpr std::size_t datagramRoom = 65536;
+
+void refuse(SendBuffer& reply, std::uint16_t requestType) {
+    reply.setHeader(awaitedAnswer(requestType), 0);
+    reply.finish();
+}
+
+}  // namespace
+
+StreamSink::StreamSink(const StreamSinkConfig& settings) : config(settings), bound(settings.address) {}
+
+StreamSink::~StreamSink() {
+    stop();
+}
+
+bool StreamSink::start() {
+    if (thread.joinable()) {
+        LogLine(3) << "StreamSink already running on port " << port();
+        return false;
+    }
+    bound = config.address;
+    if (!socket.openNonBlocking() || !socket.bind(bound)) {
+        LogLine(3) << "StreamSink can't bind " << config.address.toStringPort() << " error "
+                   << socket.lastError;
+        socket.close();
+        return false;
+    }
+    stopping = false;
+    thread = std::thread([this] { run(); });
+    LogLine(6) << "StreamSink answers on " << bound.toStringPort();
+    return true;
+}
+
+void StreamSink::stop() {
+    if (!thread.joinable()) return;
+    stopping = true;
+    thread.join();
+    socket.close();
+    connected = false;
+}
+
+void StreamSink::run() {
+    std::vector<std::uint8_t> datagram(datagramRoom);
+    while (!stopping.load()) {
+        int ready = socket.waitReadable(pollInterval);
+        if (ready == 0) {
+            LogLine(3) << "StreamSink wait failed, error " << socket.lastError;
+            return;
+        }
+        if (ready != 2) continue;
+        std::size_t received = 0;
+        IPAddress from;
+        if (!socket.receiveFrom(datagram.data(), datagram.size(), received, from)) {
+            LogLine(3) << "StreamSink receive failed, error " << socket.lastError;
+            return;
+        }
+        Receive request(datagram.data(), std::uint32_t(received));
+        if (received != 0 && request.isValid()) handle(request, from);
+    }
+}
+
+void StreamSink::handle(const Receive& request, const IPAddress& from) {
+    record(request);
+    SendBuffer reply;
+    if (!answer(request, reply)) return;
+    if (!socket.sendTo(from, true, reply.bytes.data, reply.bytes.size)) {
+        LogLine(4) << "StreamSink send failed, error " << socket.lastError;
+    }
+}
+
+// False: the request gets no answer.
+bool StreamSink::answer(const Receive& request, SendBuffer& reply) {
+    std::uint16_t type = request.type();
+    switch (type) {
+        case MessageType::FORMAT_REQ: {
+            std::uint64_t value = formatAnswer(request.paramU64());
+            if (value == 0 && request.paramU64() != formatKindsQuery) {
+                refuse(reply, type);
+            } else {
+                buildFormatAnswer(reply, value);
+            }
+            return true;
+        }
+        case MessageType::LATENCY_REQ:
+            buildLatencyAnswer(reply, latencyAnswer(request.param0()));
+            return true;
+        case MessageType::DATASIZE_REQ: {
+            DataSizeAnswer sizes;
+            if (!dataSizeAnswer(request, sizes)) return false;
+            buildDataSizeAnswer(reply, sizes);
+            return true;
+        }
+        case MessageType::SINKINFO_REQ:
+            buildSinkInfoAnswer(reply, {config.cycleMin, config.cycleMax, config.profile});
+            return true;
+        case MessageType::SYNCHRO_CHANNEL_REQ:
+            if (!config.answerSynchroChannel) return false;
+            buildSynchroChannelAnswer(reply, config.msa);
+            return true;
+        case MessageType::CONNECTPRE_REQ:
+            buildConnectPreAnswer(reply, latencyAnswer(readConnectPreRequest(request).latency).granted);
+            return true;
+        case MessageType::CONNECTNAME_SET: {
+            std::lock_guard<std::mutex> lock(seenMutex);
+            name = readConnectName(request);
+            buildEmptyAnswer(reply, type);
+            return true;
+        }
+        case MessageType::CONNECT_REQ:
+        case MessageType::MSCONNECT_REQ:
+            return connectAnswer(request, reply);
+        case MessageType::DISCONNECT_REQ:
+            connected = false;
+            buildEmptyAnswer(reply, type);
+            return true;
+        case MessageType::NOPBREAK_REQ:
+        case MessageType::SYNCHRO_STATUS_REQ:
+            buildEmptyAnswer(reply, type);
+            return true;
+        case MessageType::STREAM_DATA:
+            return false;  // audio isn't taken in here
+        default:
+            if (!isRequest(type)) return false;
+            // An unknown request is echoed as a refusal.
+            reply.setHeader(type, 0);
+            reply.finish();
+            return true;
+    }
+}
+
+// The kinds word for a query of 0, else the mask asked for; 0 for a query
+// that names no kind.
+std::uint64_t StreamSink::formatAnswer(std::uint64_t query) const {
+    if (query == formatKindsQuery) {
+        std::uint32_t kinds = config.pcm.low() & FormatID::pcmMask;
+        kinds |= (config.dsdLsb.low() | config.dsdMsb.low()) & FormatID::dsdMask;
+        if (config.dsdLsb.value != 0) kinds |= FormatID::dsdLsbFirst;
+        if (config.dsdMsb.value != 0) kinds |= FormatID::dsdMsbFirst;
+        return kinds;
+    }
+    if ((query & FormatID::pcmMask) != 0) return config.pcm.value;
+    if (query == formatDsdLsbQuery) return config.dsdLsb.value;
+    if (query == formatDsdMsbQuery) return config.dsdMsb.value;
+    return 0;
+}
+
+LatencyAnswer StreamSink::latencyAnswer(std::uint16_t wanted) const {
+    std::uint16_t granted = wanted == 0 ? config.latency
+                                        : std::clamp(wanted, config.latencyLeast,
+                                                     std::max(config.latencyLeast, config.latencyGreatest));
+    return {granted, config.latencyHardware, config.latencyGreatest};
+}
+
+// False: no answer, for a silent sink or a probe larger than the link.
+bool StreamSink::dataSizeAnswer(const Receive& request, DataSizeAnswer& sizes) const {
+    if (!config.answerDataSize) return false;
+    sizes.leastPacket = config.dataMin;
+    sizes.mostPerCycle = config.cycleDataMax;
+    sizes.wantedPacket = config.dataReq;
+    sizes.hasGreatestPacket = config.dataMax != 0;
+    sizes.greatestPacket = config.dataMax;
+    if (!isDataSizeProbe(request)) return true;
+    if (config.linkMtu != 0 && request.size + probeFrameBelowMtu > config.linkMtu) return false;
+    sizes.probeSum = probeSum(request.body(), request.size - headerSize);
+    sizes.hasProbeSize = true;
+    sizes.probeSize = request.size;
+    return true;
+}
+
+bool StreamSink::connectAnswer(const Receive& request, SendBuffer& reply) {
+    ConnectRequest wanted = readConnectRequest(request);
+    bool offered =
+        wanted.msMode == msModeNone || (config.answerSynchroChannel && wanted.msMode == msMode1) ||
+        (config.answerSynchroChannel && wanted.msMode == msMode2 && (config.msa & channelOffersMode2) != 0);
+    // Raw frames need a link path that this sink doesn't have.
+    if (!offered) {
+        LogLine(4) << "StreamSink refuses transfer mode " << wanted.msMode;
+        refuse(reply, request.type());
+        return true;
+    }
+    ConnectAnswer route;
+    route.statusPort = port();
+    route.dataPort = wanted.msMode == msModeNone ? 0 : port();
+    route.sinkInvert = config.invertPhase;
+    buildConnectAnswer(reply, request.type(), route);
+    mode = wanted.msMode;
+    connected = true;
+    return true;
+}
+
+void StreamSink::record(const Receive& request) {
+    std::lock_guard<std::mutex> lock(seenMutex);
+    if (seen.size() == keptRequests) seen.pop_front();
+    seen.push_back({request.type(), request.flags(), request.paramU64(), request.size});
+}
+
+std::vector<StreamSink::Request> StreamSink::requests() const {
+    std::lock_guard<std::mutex> lock(seenMutex);
+    return {seen.begin(), seen.end()};
+}
+
+std::vector<StreamSink::Request> StreamSink::requestsOf(std::uint16_t type) const {
+    std::vector<Request> result;
+    for (const Request& request : requests()) {
+        if (request.type == type) result.push_back(request);
+    }
+    return result;
+}
+
+ConnectName StreamSink::connectName() const {
+    std::lock_guard<std::mutex> lock(seenMutex);
+    return name;
+}
+
+}  // namespace VELMORA

@@ -1,0 +1,126 @@
+// The sink's side of stream set-up: one UDP port that answers what a host
+// asks before it streams (formats, latency, packet size and its probe, the
+// cycle profile, transfer modes, connect preparation and name, connect,
+// status and disconnect), as a plain configuration says.
+//
+// It runs on a thread of its own between start and stop, so a target program
+// can hold several and register their ports with its target.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "Format/FormatID.h"
+#include "Network/IPAddress.h"
+#include "Network/Socket.h"
+#include "Network/TimeValue.h"
+#include "Protocol/Receive.h"
+#include "Stream/StreamMessages.h"
+
+namespace VELMORA {
+
+struct StreamSinkConfig {
+    // Port 0: one of the system's choice.
+    NORVA::IPAddress address = NORVA::IPAddress::loopback(0);
+
+    // The capability masks of FORMAT_ANS; kinds follow from them.
+    FormatID pcm;
+    FormatID dsdLsb;
+    FormatID dsdMsb;
+
+    // LATENCY_ANS, units of 100 us. A request is granted within
+    // [latencyLeast, latencyGreatest]; 0 only asks and gets `latency`.
+    std::uint16_t latency = 50;
+    std::uint16_t latencyLeast = 10;
+    std::uint16_t latencyGreatest = 5000;
+    std::uint16_t latencyHardware = 10;
+
+    // DATASIZE_ANS. A `dataMax` of 0 leaves the greatest packet unsaid.
+    bool answerDataSize = true;
+    std::uint16_t dataMin = 64;
+    std::uint16_t cycleDataMax = 0xFFFF;
+    std::uint16_t dataReq = 1500;
+    std::uint32_t dataMax = 0;
+    // Probes above this link MTU go unanswered, as a link of that MTU would
+    // drop them; 0 leaves it to the real path.
+    std::uint32_t linkMtu = 0;
+
+    // SINKINFO_ANS: least and greatest cycle in units of 10 us, profile bits.
+    std::uint16_t cycleMin = 0;
+    std::uint16_t cycleMax = 0;
+    std::uint16_t profile = 0;
+
+    // SYNCHRO_CHANNEL_ANS; without an answer the host uses no transfer mode.
+    bool answerSynchroChannel = true;
+    std::uint16_t msa = channelOffersMode2;
+
+    // The phase bits of the connect answer.
+    bool invertPhase = false;
+};
+
+class StreamSink {
+  public:
+    // One request as it arrived.
+    struct Request {
+        std::uint16_t type = 0;
+        std::uint16_t flags = 0;
+        std::uint64_t value = 0;
+        std::uint32_t size = 0;  // bytes received
+    };
+    // The requests kept for looking at; older ones are dropped.
+    static constexpr std::size_t keptRequests = 1024;
+    // The receive loop looks at the stop flag at least this often.
+    static constexpr NORVA::TimeValue pollInterval = NORVA::TimeValue::fromMs(10);
+
+    explicit StreamSink(const StreamSinkConfig& settings);
+    ~StreamSink();
+    StreamSink(const StreamSink&) = delete;
+    StreamSink& operator=(const StreamSink&) = delete;
+
+    // Binds the port and starts answering. False, with the reason logged,
+    // if the port can't be had or the sink already runs.
+    bool start();
+    // Ends the loop and closes the port; the kept requests stay.
+    void stop();
+
+    // The address the sink answers on, with its port once started.
+    NORVA::IPAddress address() const { return bound; }
+    std::uint16_t port() const { return bound.port(); }
+
+    std::vector<Request> requests() const;
+    // Requests of one type, in order.
+    std::vector<Request> requestsOf(std::uint16_t type) const;
+    ConnectName connectName() const;
+    // Between a connect answer and a disconnect.
+    bool isConnected() const { return connected.load(); }
+    // The transfer mode of the last connect.
+    std::uint32_t connectedMode() const { return mode.load(); }
+
+  private:
+    void run();
+    void handle(const Receive& request, const NORVA::IPAddress& from);
+    bool answer(const Receive& request, SendBuffer& reply);
+    std::uint64_t formatAnswer(std::uint64_t query) const;
+    LatencyAnswer latencyAnswer(std::uint16_t wanted) const;
+    bool dataSizeAnswer(const Receive& request, DataSizeAnswer& sizes) const;
+    bool connectAnswer(const Receive& request, SendBuffer& reply);
+    void record(const Receive& request);
+
+    const StreamSinkConfig config;
+    NORVA::UDPV6 socket;
+    NORVA::IPAddress bound;
+    std::thread thread;
+    std::atomic<bool> stopping{false};
+    std::atomic<bool> connected{false};
+    std::atomic<std::uint32_t> mode{msModeNone};
+
+    mutable std::mutex seenMutex;
+    std::deque<Request> seen;
+    ConnectName name;
+};
+
+}  // namespace VELMORA

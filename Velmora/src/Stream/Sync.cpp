@@ -1,0 +1,175 @@
+#include "Stream/Sync.h"
+
+#include <chrono>
+
+#include "Protocol/MessageTypes.h"
+#include "System/Log.h"
+#include "System/Threads.h"
+
+using NORVA::IPAddress;
+using NORVA::LogLine;
+using NORVA::TimeValue;
+
+namespace VELMORA {
+
+Sync::Sync() {
+    transfer.cycle = TimeValue::fromMs(1000);
+    transfer.packetCount = 1;
+}
+
+Sync::Sync(NORVA::UDPV6& shared, NORVA::UDPV6* raw) : Connection(shared), rawSocket(raw) {
+    transfer.cycle = TimeValue::fromMs(1000);
+    transfer.packetCount = 1;
+}
+
+Sync::~Sync() {
+    connectState = idle;
+    playing = 0;
+    // The worker's exchanges are bounded; it goes before its socket does.
+    joinWorker();
+    Connection::close();
+}
+
+bool Sync::open(std::uint32_t flags, TimeValue infoCycle, std::uint16_t scope, const std::string& name,
+                std::uint64_t product, std::int32_t sendCpu, std::int32_t otherCpu,
+                std::int32_t otherCpuCount) {
+    LogLine(6) << "Velmora Sync Library ReleaseNo : " << releaseNumber << " [" << scope << "]";
+    threadFlags = flags;
+    cpuSend = sendCpu;
+    cpuOther = otherCpu;
+    cpuOtherCount = otherCpuCount;
+    infoRequestTime = infoCycle;
+    format.hostInvert = false;
+    msMode = msModeNone;
+
+    IPAddress any;
+    any.setScope(scope);
+    if (!Connection::open(any)) return false;
+
+    maxPacketSize = 1432;
+    maxPacketCount = 10;
+    syncName = name;
+    productId = product;
+    connectState = idle;
+    playing = 0;
+    disconnectRequested = false;
+    return true;
+}
+
+bool Sync::exchange(ConnectionBuffer& request, const IPAddress& peer, ConnectionBuffer& answer,
+                    TimeValue timeout) {
+    // A late answer to a request that was sent again would pass for the
+    // answer to this one (many share an answer type), so drop what waits.
+    for (int stale = 0; stale < staleAnswersDropped; ++stale) {
+        if (!receive(answer, nullptr, TimeValue()) || answer.isEmpty()) break;
+    }
+    return sendAck(request, peer, awaitedAnswer(request.header.type()), answer, timeout);
+}
+
+// ---- Connecting ---------------------------------------------------------------
+
+bool Sync::connect() {
+    connectState = idle;
+    joinWorker();
+    if (!isValidStream(format.streamFormat)) {
+        LogLine(3) << "sinkConfig invalid";
+        return false;
+    }
+    playing = 0;
+    disconnectRequested = false;
+    connectState = starting;
+    if (!startWorker()) {
+        LogLine(3) << "Sync Worker Start Error";
+        connectState = idle;
+        playing = 0;
+        Connection::close();
+        joinWorker();
+        return false;
+    }
+    return true;
+}
+
+bool Sync::startWorker() {
+    if (workerThread.joinable()) return false;  // connect joins the last one first
+    workerThread = std::thread([this] { workerMain(); });
+    return true;
+}
+
+void Sync::joinWorker() {
+    if (workerThread.joinable()) workerThread.join();
+}
+
+bool Sync::connectWait() {
+    std::int32_t state = connectState;
+    if (state != starting && state != connected) return false;
+    {
+        std::unique_lock<std::mutex> lock(stateMutex);
+        bool ended = NORVA::waitFor(stateChanged, lock, std::chrono::microseconds(connectWaitLimit.toUs()),
+                                    [this] { return connectState != starting; });
+        LogLine(6) << (ended ? "connectWait notimeout" : "connectWait timeout");
+    }
+    LogLine(6) << "connectWait " << connectState.load();
+    return true;
+}
+
+void Sync::setConnectState(ConnectState state) {
+    {
+        std::lock_guard<std::mutex> lock(stateMutex);
+        connectState = state;
+    }
+    stateChanged.notify_all();
+    onStateChange();
+}
+
+// ---- The worker ---------------------------------------------------------------
+
+void Sync::workerMain() {
+    if (connectExchange()) {
+        // The stream loop isn't built yet, so nothing would ever be sent:
+        // say so, and tell the sink that its connection is over.
+        LogLine(3) << "wth stream loop not built: the connection ends after its set-up";
+        ConnectionBuffer disconnect(*socket, statusAddress);
+        buildDisconnectRequest(disconnect);
+        if (!socket->send(*disconnect.frame)) LogLine(6) << "DISCONNECT_REQ ERROR ";
+        LogLine(6) << "wth end";
+    }
+    setConnectState(idle);
+}
+
+bool Sync::connectExchange() {
+    const std::uint8_t* mac = nullptr;
+    std::vector<LocalAddressEntry> locals;
+    if (msMode == msModeRawFrames && getMyLocalAddresV6(locals, false, false)) {
+        for (const LocalAddressEntry& entry : locals) {
+            if (entry.interfaceIndex == targetAddress.scope()) mac = entry.mac;
+        }
+    }
+    ConnectionBuffer request(*socket, targetAddress);
+    buildConnectRequest(request, msMode, format.streamFormat, mac);
+    ConnectionBuffer answer(*socket);
+    if (!exchange(request, targetAddress, answer, connectTimeout)) {
+        LogLine(3) << "wth CR send err";
+        return false;
+    }
+    if (answer.isEmpty()) {
+        LogLine(6) << "wth CR ack none";
+        return false;
+    }
+    recordRoute(answer);
+    format.applyPhase(connectAnswer.sinkInvert);
+    setConnectState(connected);
+    return true;
+}
+
+void Sync::recordRoute(const ConnectionBuffer& answer) {
+    connectAnswer = readConnectAnswer(answer.received());
+    route = streamRouteFor(msMode, connectAnswer.dataPort);
+    statusAddress = targetAddress;
+    statusAddress.setPort(connectAnswer.statusPort);
+    dataAddress = statusAddress;
+    if (route.ms && !route.rawFrames) dataAddress.setPort(connectAnswer.dataPort);
+    static constexpr const char* modeNames[] = {"disable", "mode1", "mode2", "disable", "RFS(mode3)"};
+    LogLine(6) << "MS " << (route.ms && msMode < 5 ? modeNames[msMode] : "disable");
+}
+
+}  // namespace VELMORA
