@@ -57,7 +57,7 @@ AsioVelmora::AsioVelmora(IUnknown* outer, HRESULT*) : CUnknown(outer) {
     NORVA::LogLine(6) << "settingOrgPath : " << referencePath;
     NORVA::LogLine(6) << "Velmora ASIO DLL : " << versionText;
 
-    if (wantsLocalService()) localServiceUp();
+    if (wantsLocalService(settings)) LocalServiceExchange().up(settings, DriverPlatform::processId());
     NORVA::Platform::beginTimerPeriod();
 }
 
@@ -65,7 +65,7 @@ AsioVelmora::~AsioVelmora() {
     stop();
     disposeBuffers();
     NORVA::Platform::endTimerPeriod();
-    if (wantsLocalService()) localServiceDown();
+    if (wantsLocalService(settings)) LocalServiceExchange().down(settings, DriverPlatform::processId());
 }
 
 bool AsioVelmora::loadSettings() {
@@ -139,23 +139,6 @@ ASIOError ASIO_METHOD AsioVelmora::controlPanel() {
     // The host learns of a failed re-initialisation only through this value
     // (0) and getErrorMessage().
     return init(sysHandle);
-}
-
-// ---- Local service ----------------------------------------------------------------
-
-bool AsioVelmora::wantsLocalService() const {
-    return ((settings.thredMode & thredModeCpuSend) != 0 && settings.cpuSend != -1) ||
-           settings.cpuOther != -1;
-}
-
-// Hooks for the exchange with the local service, which is not part of this
-// build: the settings that ask for it are not silently ignored.
-void AsioVelmora::localServiceUp() {
-    NORVA::LogLine(4) << "local service exchange not available in this build: CPU placement not announced";
-}
-
-void AsioVelmora::localServiceDown() {
-    NORVA::LogLine(4) << "local service exchange not available in this build: no goodbye sent";
 }
 
 // ---- Transport, channels and buffers ----------------------------------------------

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "ComServer.h"
+#include "LocalService.h"
 #include "Settings.h"
 #include "asio/Asio.h"
 
@@ -94,11 +95,6 @@ class AsioVelmora : public IASIO, public CUnknown {
     char errorText[errorTextSize] = {};
 
   private:
-    // Settings that ask for CPU placement involve the local service.
-    bool wantsLocalService() const;
-    void localServiceUp();
-    void localServiceDown();
-
     // Writes the text for getErrorMessage(), logs it, and answers false.
     ASIOBool fail(const char* text);
     // Logs the operation's entry and answers that it isn't in this build.

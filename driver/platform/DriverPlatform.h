@@ -3,6 +3,7 @@
 // tool, and the COM registration. One implementation in posix/, one in win32/.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace DriverPlatform {
@@ -20,6 +21,9 @@ std::string libraryDirectory();
 // The per-user application data folder, without a trailing separator, as
 // UTF-8 (CSIDL_APPDATA; $XDG_CONFIG_HOME, else ~/.config). Empty if unknown.
 std::string userDataFolder();
+
+// The id of this process (GetCurrentProcessId, getpid).
+std::uint64_t processId();
 
 // Starts the program, shown normally, and waits without limit for its end.
 // False if it could not be started.

@@ -40,6 +40,10 @@ std::string userDataFolder() {
     return std::string(home) + "/.config";
 }
 
+std::uint64_t processId() {
+    return std::uint64_t(getpid());
+}
+
 bool runAndWait(const std::string& programPath) {
     char* argv[] = {const_cast<char*>(programPath.c_str()), nullptr};
     pid_t child = 0;

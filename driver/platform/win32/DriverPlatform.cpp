@@ -123,6 +123,10 @@ std::string userDataFolder() {
     return toUtf8(path);
 }
 
+std::uint64_t processId() {
+    return GetCurrentProcessId();
+}
+
 bool runAndWait(const std::string& programPath) {
     std::wstring file = toWide(programPath);
     if (file.empty()) return false;
