@@ -224,11 +224,15 @@ void DriverSettings::readKeys(NORVA::InfFile& file, std::uint16_t processors) {
     ackProcessCtl = keys.keyword("AckProcessctl", "enable");
 }
 
-SettingsFiles chooseSettingsFile(const std::string& userFolder, const std::string& libraryDirectory) {
+std::string userSettingPath(const std::string& userFolder) {
     constexpr char separator = DriverPlatform::pathSeparator;
+    return userFolder + separator + "KESTRANE Velmora" + separator + "setting.inf";
+}
+
+SettingsFiles chooseSettingsFile(const std::string& userFolder, const std::string& libraryDirectory) {
     SettingsFiles files;
     if (!userFolder.empty()) {
-        files.settingPath = userFolder + separator + "KESTRANE Velmora" + separator + "setting.inf";
+        files.settingPath = userSettingPath(userFolder);
     }
     files.referencePath = libraryDirectory + "setting_org.inf";
 

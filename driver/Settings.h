@@ -71,6 +71,9 @@ struct SettingsFiles {
     bool referenceInUse = false;
 };
 
+// "setting.inf" in the driver's folder of the per-user folder `userFolder`.
+std::string userSettingPath(const std::string& userFolder);
+
 // The user's "setting.inf" in `userFolder`, else the file that
 // "setting_path.inf" in `libraryDirectory` names, else the reference copy
 // "setting_org.inf" there. A user's file whose "Version" differs from the

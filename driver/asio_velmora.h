@@ -1,16 +1,19 @@
 // The driver object a host creates through COM and talks to through IASIO.
 //
-// This build has the object's face, its settings and its life; target
-// discovery and the stream are not part of it yet, so init() and the
-// transport operations answer that they are not available.
+// init() finds the target and reads what its sink takes; the transport and
+// buffer operations are not part of this build yet and answer that they are
+// not present.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "ComServer.h"
+#include "Discovery/Find.h"
 #include "LocalService.h"
 #include "Settings.h"
+#include "Stream/Sync.h"
 #include "asio/Asio.h"
 
 // The 64-bit ProductID: the brand word's eight characters, the first in the
@@ -24,13 +27,38 @@ constexpr std::uint64_t makeProductId(const char* word) {
     return id;
 }
 
+// The PCM format bit that init() takes from a sink's mask, and the bytes per
+// sample of the host's buffers that go with it.
+struct SampleChoice {
+    std::uint64_t formatBit = 0;
+    std::int32_t sampleWidth = 0;
+};
+// The first bit of `pcmMask` in the order that `pcmRequest` (bits per sample
+// wanted) and `covertS32` (the host always writes 32-bit integers) give;
+// nothing if the sink takes none of them.
+std::optional<SampleChoice> chooseSampleFormat(std::uint64_t pcmMask, std::int32_t pcmRequest,
+                                               bool covertS32);
+// The output channels that a sink's mask offers: its highest channel bit
+// counts; 0 without one.
+std::int32_t channelCountOf(std::uint64_t pcmMask);
+
 class AsioVelmora : public IASIO, public CUnknown {
   public:
+    // The stream to the chosen sink. The ring that feeds it from the host's
+    // buffers will sit between this class and VELMORA::Sync; until then
+    // there is no audio to give.
+    class Sync : public VELMORA::Sync {
+      public:
+        ~Sync() override { joinWorker(); }
+        bool getBuffer(VELMORA::StreamChunk&) override { return false; }
+    };
+
     static constexpr std::uint64_t productId = makeProductId("KESTRANE");
     // Target ProductIDs discovery accepts, ended by all ones; a first entry
     // of 0 accepts every target.
     static constexpr std::uint64_t findIds[] = {0, ~std::uint64_t(0)};
     static constexpr const char* productName = "KESTRANE Velmora";
+    static constexpr const char* versionText = "3_148_9";
     static constexpr const char* configToolName = "velmora_asio_configura.exe";
     // The host's ASIODriverInfo::errorMessage holds 124 bytes.
     static constexpr std::size_t errorTextSize = 124;
@@ -76,6 +104,7 @@ class AsioVelmora : public IASIO, public CUnknown {
     // Reads `settingPath` into `settings`; false leaves the defaults.
     bool loadSettings();
 
+    Sync sync;
     std::string driverName;  // the chosen target's name; empty until init() succeeds
     DriverSettings settings;
     std::string settingPath;  // the settings file in force
@@ -87,6 +116,13 @@ class AsioVelmora : public IASIO, public CUnknown {
     ASIOCallbacks* callbacks = nullptr;
     AsioLong bufferBytes = 1024;
     AsioLong activeChannels = 0;
+    std::int32_t channelCount = 0;  // output channels of the sink, set by init()
+    std::uint64_t formatMode = 0;   // the one PCM format bit init() chose
+    std::int32_t sampleWidth = 0;   // bytes per sample in the host's buffers
+    bool dsdMode = false;           // the host asked for DSD
+    // The port targets answer control requests on; tests point it at a
+    // responder of their own.
+    std::uint16_t targetControlPort = VELMORA::Find::controlPort;
     AsioLong bufferIndex = 0;
     bool initialised = false;
     bool running = false;
@@ -95,8 +131,16 @@ class AsioVelmora : public IASIO, public CUnknown {
     char errorText[errorTextSize] = {};
 
   private:
-    // Writes the text for getErrorMessage(), logs it, and answers false.
-    ASIOBool fail(const char* text);
+    // Logs `logged`, keeps `shown` for getErrorMessage(), and answers false.
+    ASIOBool fail(const std::string& logged, const char* shown);
+    VELMORA::FindSettings findSettings() const;
+    // The sink to stream to: the configured address, else the first one
+    // that discovery finds beyond this machine.
+    ASIOBool chooseTarget(VELMORA::Find& find, NORVA::IPAddress& sink, VELMORA::TargetRecord& record);
+    ASIOBool askTarget(VELMORA::Find& find, NORVA::IPAddress& sink, VELMORA::TargetRecord& record);
+    ASIOBool discoverTarget(VELMORA::Find& find, NORVA::IPAddress& sink, VELMORA::TargetRecord& record);
+    std::uint32_t pathMtu(VELMORA::Find& find, const NORVA::IPAddress& sink);
+    ASIOBool takeSinkFormat();
     // Logs the operation's entry and answers that it isn't in this build.
     ASIOError notAvailable(const char* operation);
 };

@@ -18,6 +18,10 @@ inline constexpr char pathSeparator = '/';
 // trailing separator, as UTF-8. Empty if the system doesn't tell.
 std::string libraryDirectory();
 
+// The folder of the running program, with a trailing separator, as UTF-8.
+// Empty if the system doesn't tell.
+std::string programDirectory();
+
 // The per-user application data folder, without a trailing separator, as
 // UTF-8 (CSIDL_APPDATA; $XDG_CONFIG_HOME, else ~/.config). Empty if unknown.
 std::string userDataFolder();

@@ -15,16 +15,30 @@ extern char** environ;
 
 namespace DriverPlatform {
 
+namespace {
+
+// The folder that holds the file `name` after links are followed, with a
+// trailing separator; empty if the file can't be resolved.
+std::string directoryOf(const char* name) {
+    char* resolved = realpath(name, nullptr);
+    if (resolved == nullptr) return {};
+    std::string path(resolved);
+    free(resolved);
+    return path.substr(0, path.rfind('/') + 1);
+}
+
+}  // namespace
+
 std::string libraryDirectory() {
     Dl_info info{};
     if (dladdr(reinterpret_cast<void*>(&libraryDirectory), &info) == 0 || info.dli_fname == nullptr)
         return {};
     // The loader may report a program by the relative name it was started with.
-    char* resolved = realpath(info.dli_fname, nullptr);
-    if (resolved == nullptr) return {};
-    std::string path(resolved);
-    free(resolved);
-    return path.substr(0, path.rfind('/') + 1);
+    return directoryOf(info.dli_fname);
+}
+
+std::string programDirectory() {
+    return directoryOf("/proc/self/exe");
 }
 
 std::string userDataFolder() {

@@ -107,14 +107,23 @@ const std::string asioRoot = "SOFTWARE\\ASIO";
 
 }  // namespace
 
-std::string libraryDirectory() {
-    HMODULE module = ownModule();
-    if (module == nullptr) return {};
+// The folder of `module`'s file, with its trailing backslash; null: the program.
+static std::string moduleDirectory(HMODULE module) {
     wchar_t path[MAX_PATH] = {};
     DWORD length = GetModuleFileNameW(module, path, MAX_PATH);
     if (length == 0 || length >= MAX_PATH) return {};
     std::string text = toUtf8(path);
     return text.substr(0, text.rfind('\\') + 1);
+}
+
+std::string libraryDirectory() {
+    HMODULE module = ownModule();
+    if (module == nullptr) return {};
+    return moduleDirectory(module);
+}
+
+std::string programDirectory() {
+    return moduleDirectory(nullptr);
 }
 
 std::string userDataFolder() {
