@@ -116,7 +116,31 @@ bool testSink(const std::string& text, std::vector<TestSink>& sinks) {
     return true;
 }
 
+// "LOW:HIGH", the two halves of a format mask.
+bool formatMask(const std::string& text, VELMORA::FormatID& mask) {
+    std::vector<std::string> parts = split(text, ':');
+    std::uint32_t low = 0, high = 0;
+    if (parts.size() != 2 || !number(parts[0], low) || !number(parts[1], high)) return false;
+    mask = VELMORA::FormatID(low, high);
+    return true;
+}
+
+// "min,max,profile": SINKINFO's cycle limits (units of 10 us) and profile bits.
+bool sinkCycle(const std::string& text, VELMORA::StreamSinkConfig& stream) {
+    std::vector<std::string> parts = split(text, ',');
+    return parts.size() == 3 && number(parts[0], stream.cycleMin) && number(parts[1], stream.cycleMax) &&
+           number(parts[2], stream.profile);
+}
+
 }  // namespace
+
+VELMORA::StreamSinkConfig TargetOptions::defaultStream() {
+    VELMORA::StreamSinkConfig stream;
+    // Every address: a host on the link reaches the sink where it found the target.
+    stream.address = NORVA::IPAddress();
+    stream.pcm = VELMORA::FormatID(0x0E02u, 0x007Eu);
+    return stream;
+}
 
 const char* TargetOptions::usage() {
     return "usage: velmora-target [options]\n"
@@ -129,7 +153,16 @@ const char* TargetOptions::usage() {
            "  --info-item TEXT, --info2-item TEXT   entries of the information lists (repeat)\n"
            "  --port-class N            class reported for port requests of class 0 (default 1)\n"
            "  --static-port P,I,NAME[,CLASS[,second]]   a port that needs no registration\n"
-           "  --sink I,P,NAME           a test sink registering port P (0: any) at index I\n"
+           "  --sink I,P,NAME           a sink on port P (0: any) registered at index I\n"
+           "  sinks offer (all sinks alike):\n"
+           "  --pcm LOW:HIGH, --dsd-lsb LOW:HIGH, --dsd-msb LOW:HIGH   format masks\n"
+           "  --latency N               latency granted when only asked, units of 100 us\n"
+           "  --data-min N, --data-req N, --data-max N, --cycle-data-max N   packet sizes\n"
+           "  --link-mtu N              leave size probes above N unanswered\n"
+           "  --sink-cycle MIN,MAX,PROFILE   cycle limits in units of 10 us, profile bits\n"
+           "  --modes N                 transfer modes offered (2: mode2, 4: raw frames)\n"
+           "  --silent-datasize, --silent-modes   leave those questions unanswered\n"
+           "  --invert-phase            report an inverting sink\n"
            "  --window N                slot transfer window in bytes (65535: none)\n"
            "  --slots N,SIZE,PACKETS,BLOCKS   slot count and geometry\n"
            "  --slot-description NAME,TEXT,VALUE\n"
@@ -187,6 +220,17 @@ bool TargetOptions::parse(int argc, char** argv, std::string& error) {
         {"--log-port", numeric(c.ports.log)},
         {"--syslog-port", numeric(c.ports.systemLog)},
         {"--log-level", numeric(logLevel)},
+        {"--pcm", [&](const std::string& v) { return formatMask(v, stream.pcm); }},
+        {"--dsd-lsb", [&](const std::string& v) { return formatMask(v, stream.dsdLsb); }},
+        {"--dsd-msb", [&](const std::string& v) { return formatMask(v, stream.dsdMsb); }},
+        {"--latency", numeric(stream.latency)},
+        {"--data-min", numeric(stream.dataMin)},
+        {"--data-req", numeric(stream.dataReq)},
+        {"--data-max", numeric(stream.dataMax)},
+        {"--cycle-data-max", numeric(stream.cycleDataMax)},
+        {"--link-mtu", numeric(stream.linkMtu)},
+        {"--sink-cycle", [&](const std::string& v) { return sinkCycle(v, stream); }},
+        {"--modes", numeric(stream.msa)},
     };
     const std::map<std::string, std::function<bool(const std::string&)>> switches = {
         {"--loopback", flag(c.allowLoopback)},
@@ -196,6 +240,9 @@ bool TargetOptions::parse(int argc, char** argv, std::string& error) {
         {"--synchro", flag(c.synchro)},
         {"--idle", flag(c.idleWithoutSynchro)},
         {"--help", flag(help)},
+        {"--invert-phase", flag(stream.invertPhase)},
+        {"--silent-datasize", [&](const std::string&) { return stream.answerDataSize = false, true; }},
+        {"--silent-modes", [&](const std::string&) { return stream.answerSynchroChannel = false, true; }},
     };
     for (int i = 1; i < argc; ++i) {
         std::string option = argv[i];

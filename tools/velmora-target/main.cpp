@@ -11,6 +11,7 @@
 #include "Network/Socket.h"
 #include "Protocol/MessageTypes.h"
 #include "Protocol/Send.h"
+#include "Sink/StreamSink.h"
 #include "System/Log.h"
 #include "System/Threads.h"
 #include "TargetOptions.h"
@@ -28,28 +29,39 @@ void printLine(const char* line) {
     std::fprintf(stderr, "%s\n", line);
 }
 
-// Test sinks register again well within the target's 10 seconds.
+// Sinks register again well within the target's 10 seconds.
 constexpr std::uint32_t registerEveryMs = 3000;
 constexpr std::uint32_t pollMs = 50;
 
-class TestSinkSocket {
+// A stream sink and the registration that tells the target of it.
+class RegisteredSink {
   public:
-    NORVA::UDPV6 socket;
-    VELMORA::SendBuffer registration;
+    RegisteredSink(const TestSink& sink, VELMORA::StreamSinkConfig stream)
+        : sink(sink), stream(withPort(stream, sink.port)) {}
 
-    bool open(const TestSink& sink) {
-        NORVA::IPAddress local = NORVA::IPAddress::loopback(sink.port);
-        if (!socket.openNonBlocking() || !socket.bind(local)) return false;
-        registration.setHeader(VELMORA::MessageType::PORT_REGIST, 0, sink.index, 0, local.port(), 0);
+    bool start() {
+        if (!stream.start() || !socket.openNonBlocking()) return false;
+        registration.setHeader(VELMORA::MessageType::PORT_REGIST, 0, sink.index, 0, stream.port(), 0);
         registration.setBodyText(sink.name);
         registration.finish();
-        std::printf("test sink %u: port %u, %s\n", sink.index, local.port(), sink.name.c_str());
+        std::printf("sink %u: port %u, %s\n", sink.index, stream.port(), sink.name.c_str());
         return true;
     }
     void announce(std::uint16_t registrationPort) {
         socket.sendTo(NORVA::IPAddress::loopback(registrationPort), false, registration.bytes.data,
                       registration.bytes.size);
     }
+
+  private:
+    static VELMORA::StreamSinkConfig withPort(VELMORA::StreamSinkConfig config, std::uint16_t port) {
+        config.address.setPort(port);
+        return config;
+    }
+
+    TestSink sink;
+    VELMORA::StreamSink stream;
+    NORVA::UDPV6 socket;
+    VELMORA::SendBuffer registration;
 };
 
 int run(const TargetOptions& options) {
@@ -62,15 +74,13 @@ int run(const TargetOptions& options) {
                 target.boundPorts().registration);
     std::fflush(stdout);
 
-    std::vector<std::unique_ptr<TestSinkSocket>> sinks;
+    std::vector<std::unique_ptr<RegisteredSink>> sinks;
     for (const TestSink& sink : options.testSinks) {
-        auto socket = std::make_unique<TestSinkSocket>();
-        if (!socket->open(sink)) {
-            std::fprintf(stderr, "velmora-target: can't open test sink %u on port %u\n", sink.index,
-                         sink.port);
+        sinks.push_back(std::make_unique<RegisteredSink>(sink, options.stream));
+        if (!sinks.back()->start()) {
+            std::fprintf(stderr, "velmora-target: can't open sink %u on port %u\n", sink.index, sink.port);
             return 2;
         }
-        sinks.push_back(std::move(socket));
     }
     std::fflush(stdout);
 

@@ -1,0 +1,116 @@
+// The host's stream set-up against the velmora-target program, as a user
+// runs it: the sink offers what its command line says.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Stream/Sync.h"
+
+namespace {
+
+using NORVA::TimeValue;
+using namespace VELMORA;
+
+std::string toolPath;
+
+// velmora-target in a child process, on ports of the system's choice, with
+// one sink; its port is read from what the program prints.
+class TargetProcess {
+  public:
+    explicit TargetProcess(const std::vector<std::string>& sinkOptions) {
+        int out[2];
+        if (pipe(out) != 0) return;
+        std::vector<std::string> arguments = {
+            toolPath, "--control-port", "0",           "--registration-port",
+            "0",      "--log-port",     "0",           "--syslog-port",
+            "0",      "--sink",         "1,0,Main out"};
+        arguments.insert(arguments.end(), sinkOptions.begin(), sinkOptions.end());
+        pid = fork();
+        if (pid == 0) {
+            dup2(out[1], STDOUT_FILENO);
+            close(out[0]);
+            std::vector<char*> argv;
+            for (std::string& argument : arguments) argv.push_back(argument.data());
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        close(out[1]);
+        output = fdopen(out[0], "r");
+        readSinkPort();
+    }
+    ~TargetProcess() {
+        if (pid > 0) {
+            kill(pid, SIGTERM);
+            int status = 0;
+            waitpid(pid, &status, 0);
+        }
+        if (output != nullptr) fclose(output);
+    }
+
+    std::uint16_t sinkPort = 0;
+
+  private:
+    void readSinkPort() {
+        char line[256];
+        while (output != nullptr && fgets(line, sizeof line, output) != nullptr) {
+            unsigned port = 0;
+            if (std::sscanf(line, "sink 1: port %u", &port) == 1) {
+                sinkPort = std::uint16_t(port);
+                return;
+            }
+        }
+    }
+
+    pid_t pid = -1;
+    FILE* output = nullptr;
+};
+
+class NoRingSync : public Sync {
+  public:
+    bool getBuffer(StreamChunk&) override { return false; }
+};
+
+TEST(TargetToolSetup, GetInfoReadsWhatTheSinkWasStartedWith) {
+    TargetProcess target({"--pcm", "0x0C02:0x001E", "--latency", "45", "--data-req", "1400", "--sink-cycle",
+                          "500,2000,2", "--modes", "0"});
+    ASSERT_NE(target.sinkPort, 0) << "velmora-target did not start its sink";
+
+    NoRingSync sync;
+    ASSERT_TRUE(sync.open(0, TimeValue::fromMs(100), 0, "studio", 0x4B45, -1, -1, 0));
+    ASSERT_TRUE(sync.getInfo(NORVA::IPAddress::loopback(target.sinkPort), TimeValue(), false, 1500));
+    EXPECT_EQ(sync.format.sink.pcm, FormatID(0x0C02u, 0x001Eu));
+    EXPECT_EQ(sync.latency, 45);
+    EXPECT_EQ(sync.transfer.sink.min, 500);
+    EXPECT_EQ(sync.transfer.sink.max, 2000);
+    EXPECT_EQ(sync.msMode, msMode1) << "any answer to the mode question offers mode1";
+    EXPECT_EQ(sync.dataReq, 1400);
+}
+
+TEST(TargetToolSetup, SilentSinkKeepsTheDefaults) {
+    TargetProcess target({"--silent-modes", "--silent-datasize"});
+    ASSERT_NE(target.sinkPort, 0);
+    NoRingSync sync;
+    ASSERT_TRUE(sync.open(0, TimeValue::fromMs(100), 0, "studio", 0x4B45, -1, -1, 0));
+    ASSERT_TRUE(sync.getInfo(NORVA::IPAddress::loopback(target.sinkPort), TimeValue(), false, 1500));
+    EXPECT_EQ(sync.msMode, msModeNone);
+    EXPECT_EQ(sync.maxPacketSize, 1432);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: %s <velmora-target>\n", argv[0]);
+        return 2;
+    }
+    toolPath = argv[1];
+    return RUN_ALL_TESTS();
+}
