@@ -116,6 +116,9 @@ class Find : public Connection {
     // missing; an empty icon if none has pixels.
     bool readIcon(const NORVA::IPAddress& address, std::uint32_t choice, TargetIcon& icon,
                   std::uint16_t wantedWidth);
+    // Exactly icon `number` of `set`, without falling back.
+    bool readIconNumber(const NORVA::IPAddress& address, std::uint16_t set, std::uint16_t number,
+                        TargetIcon& icon);
 
     // ---- slots ----
     // Writes `data` into slot `slot` (from 0) in windowed bursts, `limit`
@@ -144,8 +147,6 @@ class Find : public Connection {
     bool breakNopIfSet(const NORVA::IPAddress& address);
     bool readTargetName(const NORVA::IPAddress& address, std::string& targetName);
     bool readTextAnswer(const NORVA::IPAddress& address, std::uint16_t type, std::string& text);
-    bool readOneIcon(const NORVA::IPAddress& address, std::uint16_t set, std::uint16_t number,
-                     TargetIcon& icon);
     bool readIconByOrder(const NORVA::IPAddress& address, std::uint16_t set, std::uint16_t wanted,
                          TargetIcon& icon, std::uint16_t& found);
     bool readSetting(SettingTable table, const NORVA::IPAddress& address, std::uint16_t number, bool reapply,

@@ -65,7 +65,7 @@ bool Find::readIconByOrder(const NORVA::IPAddress& address, std::uint16_t set, s
                            TargetIcon& icon, std::uint16_t& found) {
     found = 0;
     for (std::uint16_t number : fallbackOrder[wanted - 1]) {
-        if (!readOneIcon(address, set, number, icon)) return false;
+        if (!readIconNumber(address, set, number, icon)) return false;
         if (!icon.pixels.empty()) {
             found = number;
             return true;
@@ -74,7 +74,7 @@ bool Find::readIconByOrder(const NORVA::IPAddress& address, std::uint16_t set, s
     return true;
 }
 
-bool Find::readOneIcon(const NORVA::IPAddress& address, std::uint16_t set, std::uint16_t number,
+bool Find::readIconNumber(const NORVA::IPAddress& address, std::uint16_t set, std::uint16_t number,
                        TargetIcon& icon) {
     icon = TargetIcon();
     std::uint16_t type = 0;
