@@ -49,6 +49,7 @@ class AsioVelmora : public IASIO, public CUnknown {
     // there is no audio to give.
     class Sync : public VELMORA::Sync {
       public:
+        // The worker calls getBuffer(), so it ends before this part is gone.
         ~Sync() override { joinWorker(); }
         bool getBuffer(VELMORA::StreamChunk&) override { return false; }
     };
