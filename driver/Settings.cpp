@@ -10,6 +10,9 @@
 
 namespace {
 
+// Targets take questions only here; a TargetAddress is asked on this port.
+constexpr std::uint16_t targetControlPort = 19642;
+
 // The leading decimal number of a text (optional sign, then digits up to the
 // first other character), saturated to 32 bits; none if there are no digits.
 std::optional<std::int32_t> leadingNumber(const std::string& text) {
@@ -145,6 +148,11 @@ void DriverSettings::readKeys(NORVA::InfFile& file, std::uint16_t processors) {
     if (!target.empty() && !targetAddress.parseV6Port(target)) {
         targetAddress.clear();
         keys.refuse("TargetAddress", target);
+    } else if (!target.empty() && targetAddress.port() != targetControlPort) {
+        // Targets answer only on their control port, which the query uses
+        // whatever the file says; the user should know.
+        NORVA::LogLine(4) << "TargetAddress port " << targetAddress.port() << " not used: targets answer on "
+                          << targetControlPort;
     }
     if (keys.number("TargetPO", n, atLeast(0))) targetPort = std::uint16_t(n);
 
