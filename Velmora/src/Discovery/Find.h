@@ -74,6 +74,9 @@ class Find : public Connection {
     // A sink of a target whose address is known, without discovery.
     bool readTarget(NORVA::IPAddress address, std::uint16_t portIndex, NORVA::IPAddress& sinkAddress,
                     TargetRecord& record);
+    // The same for the lowest port index the target lists.
+    bool readFirstTarget(const NORVA::IPAddress& address, NORVA::IPAddress& sinkAddress,
+                         TargetRecord& record);
 
     // ---- information and control ----
     bool breakNop(const NORVA::IPAddress& address);

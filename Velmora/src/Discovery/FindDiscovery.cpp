@@ -212,6 +212,8 @@ bool Find::readTarget(NORVA::IPAddress address, std::uint16_t portIndex, NORVA::
                       TargetRecord& record) {
     sinkAddress.clear();
     address.setPort(targetPort);
+    // Ports count from 1: index 0 (the default) means the first port there is.
+    if (portIndex == 0) return readFirstTarget(address, sinkAddress, record);
     std::vector<LocalAddressEntry> locals;
     getMyLocalAddresV6(locals, settings.withLoopback, false);
     for (const LocalAddressEntry& local : locals) {
@@ -231,6 +233,27 @@ bool Find::readTarget(NORVA::IPAddress address, std::uint16_t portIndex, NORVA::
         if (!ask(address, MessageType::DISCOVER, 0, 0, 0, 0, answer)) return false;
         if (!answer.isEmpty()) answer.bodyText(record.name);
         return readTargetName(address, record.targetName);
+    }
+    return true;
+}
+
+bool Find::readFirstTarget(const NORVA::IPAddress& address, NORVA::IPAddress& sinkAddress,
+                           TargetRecord& record) {
+    std::vector<LocalAddressEntry> locals;
+    getMyLocalAddresV6(locals, settings.withLoopback, false);
+    for (const LocalAddressEntry& local : locals) {
+        if (address.isLoopback() != local.address.isLoopback()) continue;
+        NORVA::IPAddress scoped = address;
+        scoped.setScope(local.address.scope());
+        std::uint16_t count = 0;
+        std::uint16_t secondCount = 0;
+        std::uint8_t map[portMapBytes];
+        if (!readPortList(scoped, count, secondCount, map)) return false;
+        for (std::uint32_t index = 1; index <= count; ++index) {
+            if (!portIsListed(map, count, std::uint16_t(index))) continue;
+            if (!readTarget(address, std::uint16_t(index), sinkAddress, record)) return false;
+            if (!sinkAddress.isAnyNoPort()) return true;
+        }
     }
     return true;
 }

@@ -1,0 +1,151 @@
+// A host's view of the driver library: it is loaded from its file, made
+// through its COM entry point, and initialised against the velmora-target
+// program on the loopback address, as a DAW would.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "ComServer.h"
+#include "asio/Asio.h"
+
+namespace {
+
+std::string libraryPath;
+std::string targetPath;
+
+using GetClassObject = HRESULT (*)(REFCLSID, REFIID, void**);
+
+// velmora-target on its fixed control port, with one sink; returns when the
+// sink has said where it listens.
+class TargetProcess {
+  public:
+    TargetProcess() {
+        int out[2];
+        if (pipe(out) != 0) return;
+        std::vector<std::string> arguments = {targetPath, "--loopback", "--name",
+                                              "Desk",     "--sink",     "1,0,Main out"};
+        pid = fork();
+        if (pid == 0) {
+            dup2(out[1], STDOUT_FILENO);
+            close(out[0]);
+            std::vector<char*> argv;
+            for (std::string& argument : arguments) argv.push_back(argument.data());
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        close(out[1]);
+        output = fdopen(out[0], "r");
+        char line[256];
+        while (output != nullptr && fgets(line, sizeof line, output) != nullptr) {
+            if (std::string(line).starts_with("sink 1:")) {
+                ready = true;
+                break;
+            }
+        }
+    }
+    ~TargetProcess() {
+        if (pid > 0) {
+            kill(pid, SIGTERM);
+            int status = 0;
+            waitpid(pid, &status, 0);
+        }
+        if (output != nullptr) fclose(output);
+    }
+
+    bool ready = false;
+
+  private:
+    pid_t pid = -1;
+    FILE* output = nullptr;
+};
+
+// The per-user settings folder, pointed at a fresh directory for the test.
+class UserSettings {
+  public:
+    explicit UserSettings(const std::string& text) {
+        char pattern[] = "/tmp/velmora-host-XXXXXX";
+        root = mkdtemp(pattern);
+        std::string folder = root + "/KESTRANE Velmora";
+        mkdir(folder.c_str(), 0700);
+        std::ofstream(folder + "/setting.inf") << text;
+        setenv("XDG_CONFIG_HOME", root.c_str(), 1);
+    }
+    ~UserSettings() {
+        unsetenv("XDG_CONFIG_HOME");
+        std::system(("rm -rf '" + root + "'").c_str());
+    }
+
+  private:
+    std::string root;
+};
+
+IASIO* createDriver(void* library) {
+    auto getClassObject = reinterpret_cast<GetClassObject>(dlsym(library, "DllGetClassObject"));
+    if (getClassObject == nullptr) return nullptr;
+    IClassFactory* factory = nullptr;
+    if (getClassObject(classIdVelmora, IID_IClassFactory, reinterpret_cast<void**>(&factory)) != S_OK)
+        return nullptr;
+    // Hosts ask for the driver with its class identifier as the interface.
+    IASIO* driver = nullptr;
+    factory->CreateInstance(nullptr, classIdVelmora, reinterpret_cast<void**>(&driver));
+    factory->Release();
+    return driver;
+}
+
+TEST(HostLoad, InitReachesTheSinkOfATargetAskedDirectly) {
+    TargetProcess target;
+    ASSERT_TRUE(target.ready) << "velmora-target did not start";
+    UserSettings settings("TargetAddress=::1,19642\r\nInterLoopback=enable\r\n");
+
+    void* library = dlopen(libraryPath.c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(library, nullptr) << dlerror();
+    IASIO* driver = createDriver(library);
+    ASSERT_NE(driver, nullptr);
+
+    ASIOBool initialised = driver->init(nullptr);
+    char text[124] = {};
+    driver->getErrorMessage(text);
+    EXPECT_EQ(initialised, ASIOTrue) << text;
+    char name[32] = {};
+    driver->getDriverName(name);
+    EXPECT_EQ(std::string(name).substr(0, 4), "Desk") << name;
+    EXPECT_EQ(driver->Release(), 0u);
+    dlclose(library);
+}
+
+TEST(HostLoad, ASilentAddressGivesItsErrorText) {
+    UserSettings settings("TargetAddress=::1,19642\r\nInterLoopback=enable\r\n");
+    void* library = dlopen(libraryPath.c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(library, nullptr) << dlerror();
+    IASIO* driver = createDriver(library);
+    ASSERT_NE(driver, nullptr);
+    EXPECT_EQ(driver->init(nullptr), ASIOFalse) << "no target runs";
+    char text[124] = {};
+    driver->getErrorMessage(text);
+    EXPECT_STRNE(text, "");
+    driver->Release();
+    dlclose(library);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: %s <driver library> <velmora-target>\n", argv[0]);
+        return 2;
+    }
+    libraryPath = argv[1];
+    targetPath = argv[2];
+    return RUN_ALL_TESTS();
+}
