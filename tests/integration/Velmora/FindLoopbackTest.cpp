@@ -1,0 +1,144 @@
+// Find against the real target on the fixed ports of the loopback address:
+// discovery to [::1]:19642, sinks registered through [::1]:19638, their
+// expiry, and the hold-off that NOPBREAK_REQ lifts.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "Discovery/Find.h"
+#include "Discovery/Target.h"
+#include "Network/Socket.h"
+#include "Protocol/MessageTypes.h"
+#include "Protocol/Send.h"
+
+namespace {
+
+using NORVA::IPAddress;
+using VELMORA::Find;
+namespace MessageType = VELMORA::MessageType;
+
+constexpr std::uint16_t registrationPort = 19638;
+constexpr std::uint16_t sinkIndex = 1;
+constexpr std::uint16_t sinkList = 1;  // PORT_REGIST and NOPTA_SET: the sink list of the first pair
+
+VELMORA::TargetConfig loopbackTarget() {
+    VELMORA::TargetConfig config;
+    config.name = "loopback target";
+    config.productId = 0x454E415254534B45ull;
+    config.allowLoopback = true;
+    config.idleWithoutSynchro = false;
+    config.ports.systemLog = 0;
+    return config;
+}
+
+// A local sink program: its socket is the sink's port, and it registers
+// that port with the target as a sink does.
+class LocalSink {
+  public:
+    NORVA::UDPV6 socket;
+    IPAddress address = IPAddress::loopback(0);
+
+    LocalSink() {
+        socket.openNonBlocking();
+        socket.bind(address);
+    }
+    void registerPort(const std::string& name) {
+        VELMORA::SendBuffer registration(MessageType::PORT_REGIST, 0, sinkIndex, 0, address.port(), sinkList);
+        registration.setBodyText(name);
+        send(registration, registrationPort);
+    }
+    // Holds the host ::1 off the sink's port for a minute.
+    void holdOff() {
+        VELMORA::SendBuffer request(MessageType::NOPTA_SET, 0, sinkIndex, 0, 60, sinkList);
+        IPAddress host = IPAddress::loopback(0);
+        request.setBodySize(sizeof host);
+        std::memcpy(request.body(), &host, sizeof host);
+        send(request, Find::controlPort);
+    }
+
+  private:
+    void send(VELMORA::SendBuffer& message, std::uint16_t port) {
+        message.finish();
+        socket.sendTo(IPAddress::loopback(port), true, message.bytes.data, message.bytes.size);
+    }
+};
+
+class FindLoopback : public ::testing::Test {
+  protected:
+    VELMORA::Target target{loopbackTarget()};
+    LocalSink sink;
+    VELMORA::FindSettings settings;
+
+    void SetUp() override {
+        ASSERT_TRUE(target.open(-1, false)) << "the fixed ports 19638 and 19642 are taken";
+        settings.withLoopback = true;
+        settings.filterId = VELMORA::anyProductId;
+    }
+    void TearDown() override { target.close(); }
+
+    // The sinks that Find reads through ::1. The target also hears the
+    // multicast probes of this host's links and answers them from there.
+    VELMORA::TargetRecordMap records() {
+        Find find(settings);
+        EXPECT_TRUE(find.open());
+        VELMORA::TargetMap targets;
+        VELMORA::TargetRecordMap found;
+        EXPECT_TRUE(find.searchTargets(targets));
+        EXPECT_TRUE(find.readTargetRecords(targets, found));
+        std::erase_if(found, [](const auto& entry) { return !entry.first.isLoopback(); });
+        return found;
+    }
+    // The registration is taken on the target's thread.
+    void registerAndSettle(const std::string& name) {
+        sink.registerPort(name);
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+};
+
+TEST_F(FindLoopback, DiscoveryFindsTheTargetAndItsRegisteredSink) {
+    registerAndSettle("Line out");
+    Find find(settings);
+    ASSERT_TRUE(find.open());
+    VELMORA::TargetMap targets;
+    ASSERT_TRUE(find.searchTargets(targets));
+    ASSERT_EQ(targets.count(IPAddress::loopback(Find::controlPort)), 1u);
+    EXPECT_EQ(targets.at(IPAddress::loopback(Find::controlPort)).name, "loopback target");
+
+    VELMORA::TargetRecordMap found;
+    ASSERT_TRUE(find.readTargetRecords(targets, found));
+    ASSERT_EQ(found.count(sink.address), 1u);
+    EXPECT_EQ(found.at(sink.address).outputName, "Line out");
+    EXPECT_EQ(found.at(sink.address).portIndex, sinkIndex);
+}
+
+TEST_F(FindLoopback, WithoutLoopbackNothingIsFound) {
+    registerAndSettle("Line out");
+    settings.withLoopback = false;
+    Find find(settings);
+    ASSERT_TRUE(find.open());
+    VELMORA::TargetMap targets;
+    ASSERT_TRUE(find.searchTargets(targets));
+    EXPECT_EQ(targets.count(IPAddress::loopback(Find::controlPort)), 0u);
+}
+
+TEST_F(FindLoopback, ASinkNotRegisteredAgainDisappears) {
+    registerAndSettle("Line out");
+    ASSERT_EQ(records().size(), 1u);
+    std::this_thread::sleep_for(std::chrono::seconds(12));
+    EXPECT_TRUE(records().empty());
+}
+
+TEST_F(FindLoopback, AHeldOffHostSeesTheSinkOnlyAfterBreakingTheHoldOff) {
+    registerAndSettle("Line out");
+    sink.holdOff();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_TRUE(records().empty());
+    settings.nopBreak = true;
+    ASSERT_EQ(records().size(), 1u);
+    settings.nopBreak = false;
+    EXPECT_EQ(records().size(), 1u);
+}
+
+}  // namespace
