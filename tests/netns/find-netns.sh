@@ -13,61 +13,7 @@ find_tool=$1
 target_tool=$2
 relay_tool=$3
 
-run_id="vf$$r$RANDOM"
-host_ns="${run_id}h"
-target_ns="${run_id}t"
-work=$(mktemp -d)
-failures=0
-
-# Everything that runs inside the two namespaces is this run's own.
-cleanup() {
-    for ns in "$host_ns" "$target_ns"; do
-        ip netns pids "$ns" 2>/dev/null | xargs -r kill 2>/dev/null
-    done
-    wait 2>/dev/null
-    ip netns del "$host_ns" 2>/dev/null
-    ip netns del "$target_ns" 2>/dev/null
-    rm -rf "$work"
-}
-trap cleanup EXIT
-
-check() {
-    local what=$1
-    shift
-    if "$@"; then
-        echo "ok: $what"
-    else
-        echo "FAILED: $what"
-        failures=$((failures + 1))
-    fi
-}
-
-in_host() { ip netns exec "$host_ns" "$@"; }
-in_target() { ip netns exec "$target_ns" "$@"; }
-
-if ! ip netns add "$host_ns" 2>/dev/null; then
-    echo "skipped: network namespaces are refused here (needs root and iproute2)"
-    exit 77
-fi
-ip netns add "$target_ns" || exit 1
-
-# Link-local addresses without duplicate address detection, so that they
-# are usable at once.
-for ns in "$host_ns" "$target_ns"; do
-    ip netns exec "$ns" sysctl -qw net.ipv6.conf.all.accept_dad=0 net.ipv6.conf.default.accept_dad=0 || exit 1
-    ip -n "$ns" link set lo up || exit 1
-done
-ip link add vfh netns "$host_ns" type veth peer name vft netns "$target_ns" || exit 1
-ip -n "$host_ns" link set vfh up && ip -n "$target_ns" link set vft up || exit 1
-
-target_address=""
-for _ in $(seq 50); do
-    target_address=$(ip -n "$target_ns" -6 -o addr show dev vft scope link | awk '{print $4}' | cut -d/ -f1)
-    [ -n "$target_address" ] && break
-    sleep 0.1
-done
-[ -n "$target_address" ] || { echo "FAILED: the target side has no link-local address"; exit 1; }
-target="$target_address%vfh"
+. "$(dirname "$0")/netns-setup.sh"
 
 # A slot of 16 blocks of 4 packets of 1024 bytes, acknowledged every 3000.
 mkdir -p "$work/slots"
@@ -82,7 +28,7 @@ check "its sinks are listed" grep -q 'sink 1: "Line out"' <<<"$list"
 check "both of them" grep -q 'sink 2: "Phones"' <<<"$list"
 
 for mtu in 1500 1400 9000; do
-    ip -n "$host_ns" link set vfh mtu "$mtu" && ip -n "$target_ns" link set vft mtu "$mtu"
+    set_link_mtu "$mtu"
     measured=$(in_host "$find_tool" mtu "$target" 2>&1)
     echo "$measured"
     check "the MTU of a $mtu-byte link is measured exactly" grep -q "^MTU to .*: $mtu bytes" <<<"$measured"
@@ -105,9 +51,4 @@ check "a write whose last frame is lost fails" test $status -eq 1
 check "and says that the target stopped acknowledging" grep -q "stopped acknowledging" <<<"$lost"
 check "the relay did lose the frame" grep -q "dropped datagram" "$work/relay.log"
 
-if [ "$failures" -ne 0 ]; then
-    echo "target log:"
-    cat "$work/target.log"
-    exit 1
-fi
-echo "all netns checks passed"
+finish_checks
