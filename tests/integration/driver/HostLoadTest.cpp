@@ -14,15 +14,12 @@
 #include <string>
 #include <vector>
 
-#include "ComServer.h"
-#include "asio/Asio.h"
+#include "DriverHost.h"
 
 namespace {
 
 std::string libraryPath;
 std::string targetPath;
-
-using GetClassObject = HRESULT (*)(REFCLSID, REFIID, void**);
 
 // velmora-target on its fixed control port, with one sink; returns when the
 // sink has said where it listens.
@@ -89,27 +86,14 @@ class UserSettings {
     std::string root;
 };
 
-IASIO* createDriver(void* library) {
-    auto getClassObject = reinterpret_cast<GetClassObject>(dlsym(library, "DllGetClassObject"));
-    if (getClassObject == nullptr) return nullptr;
-    IClassFactory* factory = nullptr;
-    if (getClassObject(classIdVelmora, IID_IClassFactory, reinterpret_cast<void**>(&factory)) != S_OK)
-        return nullptr;
-    // Hosts ask for the driver with its class identifier as the interface.
-    IASIO* driver = nullptr;
-    factory->CreateInstance(nullptr, classIdVelmora, reinterpret_cast<void**>(&driver));
-    factory->Release();
-    return driver;
-}
-
 TEST(HostLoad, InitReachesTheSinkOfATargetAskedDirectly) {
     TargetProcess target;
     ASSERT_TRUE(target.ready) << "velmora-target did not start";
     UserSettings settings("TargetAddress=::1,19642\r\nInterLoopback=enable\r\n");
 
-    void* library = dlopen(libraryPath.c_str(), RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(library, nullptr) << dlerror();
-    IASIO* driver = createDriver(library);
+    DriverHost host(libraryPath);
+    ASSERT_TRUE(host.loaded()) << dlerror();
+    IASIO* driver = host.create();
     ASSERT_NE(driver, nullptr);
 
     ASIOBool initialised = driver->init(nullptr);
@@ -120,21 +104,19 @@ TEST(HostLoad, InitReachesTheSinkOfATargetAskedDirectly) {
     driver->getDriverName(name);
     EXPECT_EQ(std::string(name).substr(0, 4), "Desk") << name;
     EXPECT_EQ(driver->Release(), 0u);
-    dlclose(library);
 }
 
 TEST(HostLoad, ASilentAddressGivesItsErrorText) {
     UserSettings settings("TargetAddress=::1,19642\r\nInterLoopback=enable\r\n");
-    void* library = dlopen(libraryPath.c_str(), RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(library, nullptr) << dlerror();
-    IASIO* driver = createDriver(library);
+    DriverHost host(libraryPath);
+    ASSERT_TRUE(host.loaded()) << dlerror();
+    IASIO* driver = host.create();
     ASSERT_NE(driver, nullptr);
     EXPECT_EQ(driver->init(nullptr), ASIOFalse) << "no target runs";
     char text[124] = {};
     driver->getErrorMessage(text);
     EXPECT_STRNE(text, "");
     driver->Release();
-    dlclose(library);
 }
 
 }  // namespace
