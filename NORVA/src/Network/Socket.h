@@ -16,6 +16,7 @@
 #include "Network/EthernetBuffer.h"
 #include "Network/IPAddress.h"
 #include "Network/Interfaces.h"
+#include "Network/RawContext.h"
 #include "Network/TimeValue.h"
 #include "Platform/Platform.h"
 
@@ -118,6 +119,9 @@ class EthernetSocket {
     // Frames that the socket takes per pacing step.
     virtual std::uint32_t sendDepth() const = 0;
     virtual bool joinGroup(const IPAddress& group) = 0;
+    // Opens the interface `ifIndex` for raw frames; only a socket that can
+    // send them has anything to do.
+    virtual bool openRaw(std::uint16_t /*ifIndex*/) { return true; }
     // A frame buffer for this socket, starting on the caller's storage.
     virtual std::unique_ptr<EthernetBuffer> newBuffer(std::uint8_t* storage, std::uint32_t size) = 0;
     // The link-local addresses of the host, and ::1 if `includeLoopback`.
@@ -148,16 +152,25 @@ class UDPV6 : public Socket, public EthernetSocket {
                   EthernetSocket* other) override;
     std::uint32_t sendDepth() const override { return 1; }
     bool joinGroup(const IPAddress& group) override { return joinV6(group); }
+    // Kind raw only: a new context on the packet library's device of the
+    // interface; `handle` points to it. False, with no log line, where the
+    // library is missing.
+    bool openRaw(std::uint16_t ifIndex) override;
     std::unique_ptr<EthernetBuffer> newBuffer(std::uint8_t* storage, std::uint32_t size) override;
     bool getMyLocalAddresV6(InterfaceMap& map, bool includeLoopback) override;
 
     // Waits up to `timeout` and receives one datagram into `buffer`, made
     // `receiveSize` long first. True with length 0 if nothing came.
     bool receiveOne(EthernetBuffer& buffer, IPAddress* peer, TimeValue timeout);
-    // Sends every frame of the list at once, to the peer of the first.
+    // Sends every frame of the list at once, to the peer of the first; on
+    // the raw kind, through the packet library as they are.
     bool sendNow(BufferList frames);
+    // Also ends a raw context; Socket::close alone leaves it to the destructor.
+    void close();
 
   private:
+    std::unique_ptr<RawContext> rawContext;
+
     struct Receiving;
     bool receiveWhileWaiting(TimeValue deadline, Receiving& receiving);
     bool receiveStep(Receiving& receiving, TimeValue until);

@@ -111,6 +111,7 @@ bool UDPV6::receiveOne(EthernetBuffer& buffer, IPAddress* peer, TimeValue timeou
 
 bool UDPV6::sendNow(BufferList frames) {
     if (frames.empty()) return true;
+    if (kind == raw) return rawContext != nullptr && rawContext->sendFrames(frames);
     const Platform::SocketAddress6* destination = frames.front()->peerRecord();
     if (destination == nullptr) return false;
     for (EthernetBuffer* frame : frames) {

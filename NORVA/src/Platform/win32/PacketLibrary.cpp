@@ -1,0 +1,39 @@
+// "wpcap.dll" by LoadLibraryA, the functions by GetProcAddress.
+#include "Platform/PacketLibrary.h"
+
+#include <windows.h>
+
+#include <atomic>
+
+namespace NORVA::Platform {
+
+namespace {
+
+std::atomic<HMODULE> library{nullptr};
+
+HMODULE loadLibrary() {
+    HMODULE loaded = library.load(std::memory_order_acquire);
+    if (loaded != nullptr) return loaded;
+    loaded = LoadLibraryA("wpcap.dll");
+    if (loaded == nullptr) return nullptr;
+    HMODULE expected = nullptr;
+    if (!library.compare_exchange_strong(expected, loaded, std::memory_order_acq_rel)) {
+        FreeLibrary(loaded);  // another thread was first; its handle stays
+        return expected;
+    }
+    return loaded;
+}
+
+}  // namespace
+
+void* packetLibrarySymbol(const char* name) {
+    HMODULE loaded = loadLibrary();
+    if (loaded == nullptr) return nullptr;
+    return reinterpret_cast<void*>(GetProcAddress(loaded, name));
+}
+
+bool packetSendQueueRequired() {
+    return true;
+}
+
+}  // namespace NORVA::Platform
