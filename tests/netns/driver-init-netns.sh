@@ -1,7 +1,8 @@
 #!/bin/bash
 # The driver initialised by a host in one namespace, with no target named in
 # its settings: discovery finds velmora-target in the other namespace
-# through ff02::1, and the driver takes its sink.
+# through ff02::1, and the driver takes its sink; with no target, or only the
+# machine's own on the loopback address, init fails with its text.
 #
 #     driver-init-netns.sh VELMORA_TARGET NETNS_DRIVER_INIT DRIVER_LIBRARY
 #
@@ -28,5 +29,16 @@ wait 2>/dev/null
 result=$(in_host "$init_tool" "$library" 2>&1)
 echo "$result"
 check "with no target on the link, init fails with its text" grep -q "^init failed: Velmora can not Find" <<<"$result"
+
+# A machine whose only responder is its own, on the loopback address: the
+# driver doesn't take it for a target of the link.
+alone_ns="${run_id}l"
+namespaces+=("$alone_ns")
+ip netns add "$alone_ns" && ip -n "$alone_ns" link set lo up || exit 1
+ip netns exec "$alone_ns" "$target_tool" --name "Own" --sink "1,0,Out" --log-level 3 >>"$work/target.log" 2>&1 &
+sleep 1
+result=$(ip netns exec "$alone_ns" "$init_tool" "$library" 2>&1)
+echo "$result"
+check "only the machine's own loopback responder: init fails" grep -q "^init failed: Velmora can not Find" <<<"$result"
 
 finish_checks

@@ -12,14 +12,17 @@ target_ns="${run_id}t"
 work=$(mktemp -d)
 failures=0
 
-# Everything that runs inside the two namespaces is this run's own.
+# Every namespace of this run, and everything that runs inside them, is the
+# run's own; a script that makes another adds it here.
+namespaces=("$host_ns" "$target_ns")
 cleanup() {
-    for ns in "$host_ns" "$target_ns"; do
+    for ns in "${namespaces[@]}"; do
         ip netns pids "$ns" 2>/dev/null | xargs -r kill 2>/dev/null
     done
     wait 2>/dev/null
-    ip netns del "$host_ns" 2>/dev/null
-    ip netns del "$target_ns" 2>/dev/null
+    for ns in "${namespaces[@]}"; do
+        ip netns del "$ns" 2>/dev/null
+    done
     rm -rf "$work"
 }
 trap cleanup EXIT
