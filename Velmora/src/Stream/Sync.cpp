@@ -1,8 +1,11 @@
 #include "Stream/Sync.h"
 
 #include <chrono>
+#include <cstring>
 
 #include "Protocol/MessageTypes.h"
+#include "Stream/SyncFeedback.h"
+#include "Stream/SyncWorker.h"
 #include "System/Log.h"
 #include "System/Threads.h"
 
@@ -121,19 +124,108 @@ void Sync::setConnectState(ConnectState state) {
     onStateChange();
 }
 
+// ---- Ending ---------------------------------------------------------------------
+
+void Sync::requestDisconnect() {
+    std::int32_t expected = connected;
+    if (!connectState.compare_exchange_strong(expected, disconnecting)) return;
+    onStateChange();
+    disconnectRequested = true;
+    LogLine(6) << "discone flgset";
+}
+
+void Sync::disconnect() {
+    LogLine(6) << "discone";
+    std::int32_t state = connectState;
+    if (state != connected && state != disconnecting) return;
+    requestDisconnect();
+    disconnectRequested = true;
+}
+
+bool Sync::disconnectWait() {
+    if (!disconnectRequested) {
+        LogLine(6) << "discone wait cancel";
+        return false;
+    }
+    // The worker's playout and its disconnect exchange are bounded.
+    joinWorker();
+    LogLine(6) << "discone done";
+    return true;
+}
+
+void Sync::play() {
+    playing.exchange(1);
+    LogLine(6) << "play " << connectState.load();
+}
+
+void Sync::stop() {
+    playing.exchange(0);
+    LogLine(6) << "stop " << connectState.load();
+}
+
 // ---- The worker ---------------------------------------------------------------
 
 void Sync::workerMain() {
-    if (connectExchange()) {
-        // The stream loop isn't built yet, so nothing would ever be sent:
-        // say so, and tell the sink that its connection is over.
-        LogLine(3) << "wth stream loop not built: the connection ends after its set-up";
-        ConnectionBuffer disconnect(*socket, statusAddress);
-        buildDisconnectRequest(disconnect);
-        if (!socket->send(*disconnect.frame)) LogLine(6) << "DISCONNECT_REQ ERROR ";
-        LogLine(6) << "wth end";
+    bool started = startOnProcessor();
+    if (started) {
+        announceToTarget(true);
+        SyncWorker(*this).run();
+        announceToTarget(false);
     }
     setConnectState(idle);
+    if (started) LogLine(6) << "wth end";
+}
+
+bool Sync::startOnProcessor() {
+    lowCpu = false;
+    std::uint16_t cpus = NORVA::processorCount();
+    if ((threadFlags & ThreadFlag::noSleepForce) == 0 && cpus <= 2) {
+        // Spinning through whole cycles would starve the rest of a small machine.
+        threadFlags &= ~ThreadFlag::noSleep4Core;
+        if (profiles[0].cycle < TimeValue::fromMs(1)) lowCpu = true;
+    }
+    logWorkerStart(threadFlags, cpus, infoRequestTime);
+    if ((threadFlags & ThreadFlag::keepPriority) != 0) {
+        LogLine(6) << "wth priority kept";
+    } else if (NORVA::processLevel() == NORVA::levelCritical) {
+        LogLine(6) << "wth Realtime Class not change priority";
+    } else {
+        bool critical = (threadFlags & ThreadFlag::critical) != 0;
+        if (!NORVA::setCurrentThreadLevel(critical ? NORVA::levelCritical : NORVA::levelHigh)) {
+            LogLine(3) << "Worker Thread Priority set Error";
+            return false;
+        }
+        LogLine(6) << "Worker Thread Priority change " << (critical ? "CRITICAL" : "HIGH");
+    }
+    return (threadFlags & ThreadFlag::occupied) == 0 || bindToProcessor();
+}
+
+bool Sync::bindToProcessor() {
+    if (cpuSend != -1) {
+        if (!NORVA::setCurrentThreadProcessors(cpuSend, 1)) {
+            LogLine(3) << "Worker Thread CPU set error " << cpuSend;
+            return false;
+        }
+        LogLine(6) << "Worker Thread CPU change " << cpuSend;
+        return true;
+    }
+    // Processor 0 takes the system's interrupts; the second core has fewer.
+    for (int cpu : {2, 1}) {
+        if (NORVA::setCurrentThreadProcessors(cpu, 1)) {
+            LogLine(6) << "Worker Thread CPU change " << cpu;
+            return true;
+        }
+    }
+    LogLine(3) << "Worker Thread CPU set error 2 1";
+    return false;
+}
+
+void Sync::announceToTarget(bool starting) {
+    if (NORVA::logThreshold.load() < 6) return;
+    ConnectionBuffer request(*socket, debugAddress);
+    buildHostDebugRequest(request, starting);
+    ConnectionBuffer answer(*socket);
+    sendAck(request, debugAddress, MessageType::HOSTDEBUG_ANS, answer, ackTimeout);
 }
 
 bool Sync::connectExchange() {
@@ -141,7 +233,10 @@ bool Sync::connectExchange() {
     std::vector<LocalAddressEntry> locals;
     if (msMode == msModeRawFrames && getMyLocalAddresV6(locals, false, false)) {
         for (const LocalAddressEntry& entry : locals) {
-            if (entry.interfaceIndex == targetAddress.scope()) mac = entry.mac;
+            if (entry.interfaceIndex == targetAddress.scope()) {
+                std::memcpy(hostMac, entry.mac, sizeof hostMac);
+                mac = hostMac;
+            }
         }
     }
     ConnectionBuffer request(*socket, targetAddress);
@@ -157,7 +252,13 @@ bool Sync::connectExchange() {
     }
     recordRoute(answer);
     format.applyPhase(connectAnswer.sinkInvert);
-    setConnectState(connected);
+    // No wake yet: a connectWait already waiting returns once the first
+    // burst is out (SyncWorker wakes it).
+    {
+        std::lock_guard<std::mutex> lock(stateMutex);
+        connectState = connected;
+    }
+    onStateChange();
     return true;
 }
 

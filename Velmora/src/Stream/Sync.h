@@ -32,10 +32,24 @@ struct StreamChunk {
     std::uint32_t size = 0;
 };
 
-// The bits of `threadFlags` that the set-up reads.
+// The bits of `threadFlags`.
 namespace ThreadFlag {
-inline constexpr std::uint32_t noProbe = 0x2000;      // keep 1500-byte packets
+inline constexpr std::uint32_t critical = 0x0001;        // time-critical priority, else highest
+inline constexpr std::uint32_t noShortSleep = 0x0002;    // spin the last stretch of each wait
+inline constexpr std::uint32_t noSleep4Core = 0x0004;    // spin all the way, on 3 processors or more
+inline constexpr std::uint32_t occupied = 0x0010;        // a processor of its own
+inline constexpr std::uint32_t feedbackMask = 0x00E0;    // feedback values averaged, less 1
+inline constexpr std::uint32_t noFastFeedback = 0x0100;  // a late cycle doesn't catch up
+inline constexpr std::uint32_t yieldOnce = 0x0200;
+inline constexpr std::uint32_t yieldAlways = 0x0400;
+inline constexpr std::uint32_t noSleepForce = 0x0800;  // spin all the way on any machine
+inline constexpr std::uint32_t shortPool = 0x1000;     // keep 100 ms of packets, not a second
+inline constexpr std::uint32_t noProbe = 0x2000;       // keep 1500-byte packets
+inline constexpr std::uint32_t noStatusRequest = 0x4000;
 inline constexpr std::uint32_t noRawFrames = 0x8000;  // never take the raw frame mode
+// The worker leaves its thread's priority as it was: for hosts that place
+// their threads themselves, and for systems that refuse real-time priority.
+inline constexpr std::uint32_t keepPriority = 0x10000;
 }  // namespace ThreadFlag
 
 class Sync : public Connection {
@@ -126,6 +140,17 @@ class Sync : public Connection {
     // Joins a worker that is left. Not from the worker itself.
     void joinWorker();
 
+    // Asks the worker to play out and end the stream; never blocks.
+    void requestDisconnect();
+    // requestDisconnect for a caller that doesn't know the state.
+    void disconnect();
+    // Joins the worker after a disconnect was asked for; false, at once, if
+    // none was.
+    bool disconnectWait();
+    // Whether getBuffer is asked for audio; the connection stays as it is.
+    void play();
+    void stop();
+
     // The next audio bytes for a packet.
     virtual bool getBuffer(StreamChunk& chunk) = 0;
     // Once per cycle, after the packets are built.
@@ -146,6 +171,11 @@ class Sync : public Connection {
     void setConnectState(ConnectState state);
 
   private:
+    friend class SyncWorker;
+
+    bool startOnProcessor();
+    bool bindToProcessor();
+    void announceToTarget(bool starting);
     bool exchange(ConnectionBuffer& request, const NORVA::IPAddress& peer, ConnectionBuffer& answer,
                   NORVA::TimeValue timeout);
     bool exchangeFormats(const NORVA::IPAddress& target);
@@ -163,6 +193,7 @@ class Sync : public Connection {
     void recordRoute(const ConnectionBuffer& answer);
 
     std::uint32_t probeSeed = 0;
+    std::uint8_t hostMac[6] = {};  // raw frames: the interface that sends them
 };
 
 }  // namespace VELMORA

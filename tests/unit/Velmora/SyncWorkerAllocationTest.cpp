@@ -1,0 +1,130 @@
+// The stream worker's cycle allocates nothing: this binary's global
+// allocation functions count per thread, and the worker reads its own count
+// from onCycle, so the window covers whole cycles with their sends, waits,
+// feedback and resends.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdlib>
+#include <new>
+
+#include "Stream/Sync.h"
+#include "SyncWorkerPeer.h"
+#include "System/Log.h"
+#include "System/Threads.h"
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
+namespace {
+thread_local std::size_t allocations = 0;
+void* counted(std::size_t size) noexcept {
+    ++allocations;
+    return std::malloc(size == 0 ? 1 : size);
+}
+}  // namespace
+
+void* operator new(std::size_t size) {
+    if (void* memory = counted(size)) return memory;
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) {
+    if (void* memory = counted(size)) return memory;
+    throw std::bad_alloc();
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return counted(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return counted(size);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+#pragma GCC diagnostic pop
+
+namespace {
+
+using NORVA::TimeValue;
+using namespace VELMORA;
+
+// Notes its thread's allocations at two cycles and serves silence-free audio.
+class CountingSync : public Sync {
+  public:
+    static constexpr std::uint32_t firstCycle = 40;
+    static constexpr std::uint32_t lastCycle = 340;
+    std::atomic<std::uint32_t> cycles{0};
+    std::size_t atFirst = 0;
+    std::size_t atLast = 0;
+    std::atomic<bool> measured{false};
+
+    ~CountingSync() override {
+        connectState = idle;
+        joinWorker();
+    }
+    bool getBuffer(StreamChunk& out) override {
+        chunk.fill(0x5A);
+        out = {chunk.data(), std::uint32_t(chunk.size())};
+        return true;
+    }
+    bool onCycle() override {
+        std::uint32_t cycle = ++cycles;
+        if (cycle == firstCycle) atFirst = allocations;
+        if (cycle == lastCycle) {
+            atLast = allocations;
+            measured = true;
+        }
+        return true;
+    }
+
+  private:
+    std::array<std::uint8_t, 700> chunk{};
+};
+
+TEST(SyncWorkerAllocations, TheCycleAllocatesNothing) {
+    const std::int32_t threshold = NORVA::logThreshold.load();
+    NORVA::logThreshold = 3;  // lines that pass the threshold may allocate
+    SinkScript script;
+    script.deviation = 3000;
+    for (std::uint16_t seq = 100; seq < 600; seq += 97) script.lose.insert(seq);
+    ScriptedSink sink(script);
+
+    CountingSync sync;
+    ASSERT_TRUE(sync.open(ThreadFlag::keepPriority, TimeValue::fromMs(1), 0, "count", 1, -1, -1, 0));
+    sync.format.sink.pcm = FormatID(0xE06u, 0x003Eu);
+    ASSERT_TRUE(sync.format.setFormat(FormatID(0x802u, 0x000Cu)));
+    sync.profiles[0].cycle = TimeValue::fromUs(1000);
+    sync.profiles[0].packetCount = 2;
+    sync.profiles[0].sizeQ14 = 722534;  // 44.1 frames: the carry at work
+    sync.profiles[0].mode = transferFix;
+    sync.profileCount = 1;
+    sync.targetAddress = sink.address();
+    ASSERT_TRUE(sync.connect());
+    ASSERT_TRUE(sync.connectWait());
+    sync.play();
+    for (int i = 0; i < 5000 && !sync.measured && sync.connectState == Sync::connected; ++i) {
+        NORVA::sleepMilliseconds(2);
+    }
+    // The source never runs dry: stopping it lets the stream end.
+    sync.stop();
+    sync.requestDisconnect();
+    EXPECT_TRUE(sync.disconnectWait());
+    NORVA::logThreshold = threshold;
+
+    ASSERT_TRUE(sync.measured) << "the stream ended early";
+    EXPECT_EQ(sync.atLast - sync.atFirst, 0u);
+    EXPECT_GT(sink.feedbackRequests(), 5u) << "feedback came in the window";
+    EXPECT_GT(sink.arrivals().size(), 2 * std::size_t(CountingSync::lastCycle));
+}
+
+}  // namespace

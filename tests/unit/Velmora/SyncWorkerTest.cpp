@@ -1,0 +1,289 @@
+#include "Stream/SyncWorker.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+
+#include "LogCapture.h"
+#include "Protocol/MessageTypes.h"
+#include "SyncWorkerPeer.h"
+#include "System/Threads.h"
+
+namespace {
+
+using NORVA::TimeValue;
+using namespace VELMORA;
+
+const FormatID stereoS32At48k(0x802u, 0x000Cu);
+constexpr std::uint32_t frameBytes = 8;
+
+// Byte n of the source; never the silence byte, so the audio's start and
+// end stand out in what the sink got.
+std::uint8_t patternByte(std::uint64_t n) {
+    return std::uint8_t(1 + n % 251);
+}
+
+// A Sync whose source is a counted run of the pattern, handed out in chunks
+// that don't line up with packets.
+class PatternSync : public Sync {
+  public:
+    std::uint64_t sourceBytes = 0;  // then getBuffer fails
+    std::atomic<std::uint64_t> given{0};
+    std::atomic<std::uint32_t> cycles{0};
+
+    PatternSync() {
+        EXPECT_TRUE(open(ThreadFlag::keepPriority, TimeValue::fromMs(100), 0, "worker test", 1, -1, -1, 0));
+        format.sink.pcm = FormatID(0xE06u, 0x003Eu);
+        EXPECT_TRUE(format.setFormat(stereoS32At48k));
+        profiles[0].cycle = TimeValue::fromUs(1000);
+        profiles[0].packetCount = 2;
+        profiles[0].sizeQ14 = 24u << 14;  // 48 frames a millisecond
+        profiles[0].dataSize = 24 * frameBytes;
+        profiles[0].mode = transferFix;
+        profileCount = 1;
+    }
+    ~PatternSync() override {
+        connectState = idle;
+        joinWorker();
+    }
+
+    bool getBuffer(StreamChunk& out) override {
+        if (given >= sourceBytes) return false;
+        std::uint64_t at = given;
+        std::uint32_t size = std::uint32_t(std::min<std::uint64_t>(chunk.size(), sourceBytes - at));
+        for (std::uint32_t i = 0; i < size; ++i) chunk[i] = patternByte(at + i);
+        given = at + size;
+        out = {chunk.data(), size};
+        return true;
+    }
+    bool onCycle() override {
+        ++cycles;
+        return true;
+    }
+
+    bool waitForEnd(std::chrono::seconds limit) {
+        auto deadline = std::chrono::steady_clock::now() + limit;
+        while (connectState != idle) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            NORVA::sleepMilliseconds(2);
+        }
+        joinWorker();
+        return true;
+    }
+    bool waitForCycles(std::uint32_t count) {
+        for (int i = 0; i < 5000 && cycles < count; ++i) NORVA::sleepMilliseconds(2);
+        return cycles >= count;
+    }
+
+  private:
+    std::array<std::uint8_t, 1000> chunk{};
+};
+
+class SyncWorkerStream : public ::testing::Test {
+  protected:
+    SinkScript script;
+    PatternSync sync;
+
+    void connectTo(ScriptedSink& sink) {
+        sync.targetAddress = sink.address();
+        sync.debugAddress = sink.address();
+        sync.msMode = script.msMode;
+        ASSERT_TRUE(sync.connect());
+        ASSERT_TRUE(sync.connectWait());
+        ASSERT_EQ(sync.connectState, Sync::connected);
+    }
+
+    // Plays `bytes` of the source, asks for the end and waits for it.
+    void playAndEnd(ScriptedSink& sink, std::uint64_t bytes) {
+        sync.sourceBytes = bytes;
+        connectTo(sink);
+        sync.play();
+        sync.requestDisconnect();
+        ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(20)));
+        EXPECT_TRUE(sync.disconnectWait());
+    }
+
+    // The stream as the sink has it: silence, the whole source in order,
+    // silence.
+    static void expectWholePattern(const std::vector<std::uint8_t>& stream, std::uint64_t bytes) {
+        std::size_t lead = leadingSilence(stream);
+        ASSERT_GE(stream.size(), lead + bytes);
+        std::size_t wrong = 0;
+        for (std::uint64_t n = 0; n < bytes; ++n) wrong += stream[lead + n] != patternByte(n);
+        EXPECT_EQ(wrong, 0u) << "bytes out of place";
+        EXPECT_TRUE(std::all_of(stream.begin() + std::ptrdiff_t(lead + bytes), stream.end(),
+                                [](std::uint8_t b) { return b == 0; }))
+            << "after the source, silence";
+        EXPECT_EQ(lead % frameBytes, 0u);
+    }
+    // A stream cut off while playing: silence, then the source in order.
+    static void expectPatternToTheEnd(const std::vector<std::uint8_t>& stream) {
+        std::size_t lead = leadingSilence(stream);
+        std::size_t wrong = 0;
+        for (std::size_t n = lead; n < stream.size(); ++n) wrong += stream[n] != patternByte(n - lead);
+        EXPECT_EQ(wrong, 0u) << "bytes out of place";
+    }
+    static std::size_t leadingSilence(const std::vector<std::uint8_t>& stream) {
+        auto first = std::find_if(stream.begin(), stream.end(), [](std::uint8_t b) { return b != 0; });
+        return std::size_t(first - stream.begin());
+    }
+};
+
+TEST_F(SyncWorkerStream, PlaysTheSourceOutInOrderAndDisconnects) {
+    LogCapture log;
+    ScriptedSink sink(script);
+    playAndEnd(sink, 100'000);
+    expectWholePattern(sink.stream(), 100'000);
+
+    std::vector<ScriptedSink::Packet> packets = sink.arrivals();
+    ASSERT_FALSE(packets.empty());
+    for (std::size_t i = 0; i < packets.size(); ++i) {
+        ASSERT_EQ(packets[i].seq, std::uint16_t(i)) << "no loss, no resend";
+        EXPECT_EQ(packets[i].body.size(), 24 * frameBytes);
+    }
+    EXPECT_GE(sink.count(MessageType::DISCONNECT_REQ), 1u);
+    EXPECT_TRUE(log.has("buffer Final"));
+    EXPECT_TRUE(log.has("DISCONNECT_REQ done"));
+    EXPECT_TRUE(log.has("discone done"));
+    EXPECT_EQ(sync.connectState, Sync::idle);
+}
+
+TEST_F(SyncWorkerStream, TagFramingOnADataPortCarriesTheSameStream) {
+    script.msMode = msMode2;
+    ScriptedSink sink(script);
+    playAndEnd(sink, 60'000);
+    EXPECT_EQ(sync.route.framing, FramingMode::tagFirst);
+    expectWholePattern(sink.stream(), 60'000);
+    EXPECT_GE(sink.count(MessageType::MSCONNECT_REQ), 1u);
+    EXPECT_EQ(sink.count(MessageType::STREAM_DATA), 0u) << "audio goes to the data port only";
+}
+
+TEST_F(SyncWorkerStream, LostPacketsAreSentAgainFromThePool) {
+    LogCapture log;
+    script.lose = {30, 31, 90};
+    ScriptedSink sink(script);
+    playAndEnd(sink, 100'000);
+    expectWholePattern(sink.stream(), 100'000);
+    EXPECT_TRUE(log.hasPrefix("   count resend 30"));
+
+    // A packet that comes again is the same packet.
+    std::map<std::uint16_t, std::vector<std::uint8_t>> firstCopy;
+    std::size_t repeats = 0;
+    for (const ScriptedSink::Packet& packet : sink.arrivals()) {
+        auto [it, fresh] = firstCopy.emplace(packet.seq, packet.body);
+        if (fresh) continue;
+        ++repeats;
+        EXPECT_EQ(it->second, packet.body) << "sequence " << packet.seq;
+    }
+    EXPECT_GT(repeats, 0u) << "go-back-N repeats what followed the gap";
+    EXPECT_TRUE(firstCopy.count(30) && firstCopy.count(90));
+}
+
+TEST_F(SyncWorkerStream, ARequestOlderThanThePoolEndsTheStream) {
+    LogCapture log;
+    ScriptedSink sink(script);
+    sync.sourceBytes = ~0ull;
+    connectTo(sink);
+    sync.play();
+    ASSERT_TRUE(sync.waitForCycles(20));
+    // Ahead of what was sent: the distance wraps past any pool.
+    sink.askFrom(std::uint16_t(sink.arrivals().back().seq + 200));
+    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+    EXPECT_TRUE(log.hasPrefix("   count error "));
+    EXPECT_EQ(sink.count(MessageType::DISCONNECT_REQ), 0u);
+}
+
+TEST_F(SyncWorkerStream, ATargetThatGoesSilentEndsTheStreamWithoutDisconnect) {
+    LogCapture log;
+    ScriptedSink sink(script);
+    connectTo(sink);  // not playing: silence flows
+    ASSERT_TRUE(sync.waitForCycles(20));
+    script.silent = true;
+    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+    EXPECT_TRUE(log.hasPrefix("   timeout "));
+    EXPECT_EQ(sink.count(MessageType::DISCONNECT_REQ), 0u);
+    EXPECT_FALSE(sync.disconnectWait()) << "nobody asked for the end";
+}
+
+TEST_F(SyncWorkerStream, ASourceThatFailsWhileConnectedEndsTheStream) {
+    LogCapture log;
+    ScriptedSink sink(script);
+    sync.sourceBytes = 5000;
+    connectTo(sink);
+    sync.play();
+    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+    EXPECT_TRUE(log.has("buffer timeout"));
+    EXPECT_EQ(sink.count(MessageType::DISCONNECT_REQ), 0u);
+}
+
+TEST_F(SyncWorkerStream, StopKeepsTheStreamGoingInSilence) {
+    ScriptedSink sink(script);
+    sync.sourceBytes = ~0ull;
+    connectTo(sink);
+    ASSERT_TRUE(sync.waitForCycles(30));
+    EXPECT_EQ(sync.given, 0u) << "no audio is asked for before play";
+    sync.play();
+    ASSERT_TRUE(sync.waitForCycles(60));
+    sync.stop();
+    std::uint64_t taken = sync.given;  // the worker may finish its chunk
+    ASSERT_TRUE(sync.waitForCycles(120));
+    EXPECT_EQ(sync.connectState, Sync::connected);
+    EXPECT_LE(sync.given, taken + 1000);
+    sync.disconnect();
+    EXPECT_EQ(sync.connectState, Sync::disconnecting);
+    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+    EXPECT_GE(sink.count(MessageType::DISCONNECT_REQ), 1u);
+}
+
+TEST_F(SyncWorkerStream, DisconnectGivesUpOnATargetThatDoesNotAnswer) {
+    LogCapture log;
+    script.answerDisconnect = false;
+    ScriptedSink sink(script);
+    playAndEnd(sink, 2000);
+    EXPECT_TRUE(log.has("DISCONNECT_REQ ERROR "));
+    EXPECT_GT(sink.count(MessageType::DISCONNECT_REQ), 5u) << "asked again while waiting";
+}
+
+// Feedback drives the packet size: a target that holds too much gets less.
+struct FeedbackCase {
+    int encoding;
+    std::int16_t deviation;
+};
+
+class SyncWorkerFeedback : public SyncWorkerStream, public ::testing::WithParamInterface<FeedbackCase> {};
+
+TEST_P(SyncWorkerFeedback, MovesPacketSizesTheRightWay) {
+    script.encoding = GetParam().encoding;
+    script.deviation = GetParam().deviation;
+    ScriptedSink sink(script);
+    sync.sourceBytes = ~0ull;
+    sync.infoRequestTime = TimeValue::fromMs(1);  // ask on every 16th cycle
+    connectTo(sink);
+    sync.play();
+    while (sink.feedbackRequests() < 30 && sync.connectState == Sync::connected) NORVA::sleepMilliseconds(5);
+    sync.connectState = Sync::idle;
+    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+
+    std::vector<ScriptedSink::Packet> packets = sink.arrivals();
+    ASSERT_GT(packets.size(), 100u);
+    std::uint64_t lateBytes = 0;
+    std::size_t late = 0;
+    for (std::size_t i = packets.size() - 40; i < packets.size(); ++i, ++late) lateBytes += packets[i].body.size();
+    double perPacket = double(lateBytes) / double(late);
+    if (GetParam().deviation > 0) {
+        EXPECT_LT(perPacket, 24.0 * frameBytes);
+        EXPECT_GE(perPacket, 21.0 * frameBytes) << "no lower than the clamp allows";
+    } else {
+        EXPECT_GT(perPacket, 24.0 * frameBytes);
+        EXPECT_LE(perPacket, 25.0 * frameBytes) << "no higher than the clamp allows";
+    }
+    expectPatternToTheEnd(sink.stream());
+}
+
+INSTANTIATE_TEST_SUITE_P(Encodings, SyncWorkerFeedback,
+                         ::testing::Values(FeedbackCase{1, 4096}, FeedbackCase{1, -4096}, FeedbackCase{2, 6000},
+                                           FeedbackCase{2, -6000}, FeedbackCase{3, 8192}, FeedbackCase{3, -4096}));
+
+}  // namespace
