@@ -1,0 +1,295 @@
+// The ring without a network: the test thread plays the stream worker,
+// calling getBuffer and onCycle as its cycle would.
+#include "Samples/SyncBuffer.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "System/Threads.h"
+
+namespace {
+
+using namespace VELMORA;
+
+const FormatID stereo16At44k(0x202u, 0x000Au);
+const FormatID stereo32At48k(0x802u, 0x000Cu);
+const FormatID dsd64Lsb(0x2510002u, 0x0202u);
+const FormatID dsd64Msb(0x2610002u, 0x0202u);
+
+// A source whose every slot carries its fill number in each 32-bit word.
+class CountingBuffer : public SyncBuffer {
+  public:
+    std::atomic<std::uint32_t> fills{0};
+    std::atomic<std::uint32_t> marks{0};
+
+    void fillBuffer(StreamBuffer& slot, bool mark) override {
+        std::uint32_t n = ++fills;
+        if (mark) ++marks;
+        for (std::uint64_t at = 0; at + 4 <= slot.size; at += 4) std::memcpy(slot.data + at, &n, 4);
+    }
+    // The stream is up as far as the ring can tell.
+    void pretendConnected() { connectState = connected; }
+    CountingBuffer() { format.sourceFormat = stereo32At48k; }
+    void pretendGone() {
+        connectState = idle;
+        onStateChange();
+    }
+    ~CountingBuffer() override {
+        pretendGone();
+        if (bufferThread.joinable()) bufferThread.join();
+    }
+};
+
+std::uint32_t firstWord(const StreamChunk& chunk) {
+    std::uint32_t n = 0;
+    if (chunk.size >= 4) std::memcpy(&n, chunk.data, 4);
+    return n;
+}
+
+bool allBytes(const StreamChunk& chunk, std::uint8_t value) {
+    for (std::uint32_t i = 0; i < chunk.size; ++i) {
+        if (chunk.data[i] != value) return false;
+    }
+    return true;
+}
+
+// Polls `done` for up to two seconds.
+template <class Done>
+bool eventually(Done done) {
+    for (int i = 0; i < 2000 && !done(); ++i) NORVA::sleepMilliseconds(1);
+    return done();
+}
+
+// ---- The ring alone ----------------------------------------------------------------
+
+TEST(SyncBufferRing, StartsWithCountSlotsOfSilenceThenTenMillisecondsOfIt) {
+    CountingBuffer sync;
+    sync.format.sourceFormat = stereo16At44k;
+    ASSERT_TRUE(sync.setupRing(64, 6, 0, FormatID()));
+    EXPECT_EQ(sync.slotBytes, 256u);
+    EXPECT_EQ(sync.slotCount(), 7u);
+    EXPECT_EQ(sync.filledSlots(), 6u);
+    StreamChunk chunk;
+    for (int i = 0; i < 6; ++i) {
+        ASSERT_TRUE(sync.getBuffer(chunk));
+        EXPECT_EQ(chunk.size, 256u);
+        EXPECT_TRUE(allBytes(chunk, 0));
+    }
+    EXPECT_EQ(sync.filledSlots(), 0u);
+    // Empty, neither muted nor stopping: the worker is behind.
+    ASSERT_TRUE(sync.getBuffer(chunk));
+    EXPECT_EQ(chunk.size, 1764u);
+    EXPECT_TRUE(allBytes(chunk, 0));
+    EXPECT_FALSE(sync.muteReached);
+    EXPECT_FALSE(sync.setupRing(64, 0, 0, FormatID()));
+}
+
+TEST(SyncBufferRing, SilenceOfDsdFollowsItsBitOrder) {
+    CountingBuffer sync;
+    StreamChunk chunk;
+    sync.setupRing(8, 1, 0, dsd64Lsb);
+    ASSERT_TRUE(sync.getBuffer(chunk));
+    EXPECT_EQ(chunk.size, 64u);
+    EXPECT_TRUE(allBytes(chunk, 0x69));
+    sync.setupRing(8, 1, 0, dsd64Msb);
+    ASSERT_TRUE(sync.getBuffer(chunk));
+    EXPECT_TRUE(allBytes(chunk, 0x96));
+}
+
+TEST(SyncBufferRing, DataGoesOutBeforeMuteAndStop) {
+    CountingBuffer sync;
+    sync.format.sourceFormat = stereo32At48k;
+    sync.setupRing(16, 2, 0, FormatID());
+    sync.muteRequested = 1;
+    StreamChunk chunk;
+    ASSERT_TRUE(sync.getBuffer(chunk));
+    ASSERT_TRUE(sync.getBuffer(chunk));
+    EXPECT_FALSE(sync.muteReached);
+    // Muted and empty: whole slots of silence, and the mute is reached.
+    ASSERT_TRUE(sync.getBuffer(chunk));
+    EXPECT_EQ(chunk.size, sync.slotBytes);
+    EXPECT_TRUE(sync.muteReached);
+
+    sync.setupRing(16, 2, 0, FormatID());
+    sync.stopRequested = 1;
+    EXPECT_TRUE(sync.getBuffer(chunk));
+    EXPECT_TRUE(sync.getBuffer(chunk));
+    EXPECT_FALSE(sync.getBuffer(chunk));
+    EXPECT_EQ(chunk.data, nullptr);
+    EXPECT_EQ(chunk.size, 0u);
+}
+
+TEST(SyncBufferRing, PushWaitsForAFreeSlotAndSeekStaysInsideTheData) {
+    CountingBuffer sync;
+    sync.setupRing(4, 3, 0, stereo32At48k);
+    sync.pretendConnected();
+    StreamBuffer own;
+    own.fill(sync.slotBytes, 0xAB);
+    const std::uint8_t* ownBytes = own.data;
+    // Full ring: the wait gives up once the stream is gone.
+    std::thread ender([&] {
+        NORVA::sleepMilliseconds(20);
+        sync.pretendGone();
+    });
+    EXPECT_FALSE(sync.push(own));
+    ender.join();
+    EXPECT_EQ(own.data, ownBytes);
+
+    sync.pretendConnected();
+    StreamChunk chunk;
+    ASSERT_TRUE(sync.getBuffer(chunk));
+    ASSERT_TRUE(sync.push(own));
+    EXPECT_NE(own.data, ownBytes);  // the slot's storage came back instead
+    EXPECT_EQ(sync.filledSlots(), 3u);
+
+    sync.seek(2);
+    EXPECT_EQ(sync.filledSlots(), 1u);
+    ASSERT_TRUE(sync.getBuffer(chunk));
+    EXPECT_EQ(chunk.data, ownBytes);  // no copy: the pushed bytes themselves
+    sync.seek(10);
+    EXPECT_EQ(sync.filledSlots(), 0u);
+    sync.seek(-10);  // back to the slot after writePos: all but the spare
+    EXPECT_EQ(sync.filledSlots(), 3u);
+    sync.flush();
+    EXPECT_EQ(sync.filledSlots(), 3u);
+    sync.pretendGone();
+}
+
+// ---- With the buffer worker ------------------------------------------------------
+
+// Plays the stream worker for `chunks` takes and checks that the slots come
+// in fill order, each once, after the ring's leading silence.
+void streamInOrder(std::uint32_t count, int chunks) {
+    CountingBuffer sync;
+    sync.format.sourceFormat = stereo32At48k;
+    sync.setupRing(8, count, 0, FormatID());
+    sync.pretendConnected();
+    sync.play();
+    ASSERT_TRUE(sync.startBufferThread());
+    // A full ring: nothing is filled before the first take.
+    NORVA::sleepMilliseconds(20);
+    EXPECT_EQ(sync.fills, 0u);
+
+    std::uint32_t expected = 1;
+    int silent = 0;
+    StreamChunk chunk;
+    for (int i = 0; i < chunks; ++i) {
+        ASSERT_TRUE(sync.getBuffer(chunk));
+        ASSERT_EQ(chunk.size % 4, 0u);
+        std::uint32_t n = firstWord(chunk);
+        if (n == 0) {
+            ++silent;  // the leading slots, or the worker behind
+        } else {
+            ASSERT_EQ(n, expected) << "at take " << i;
+            ++expected;
+        }
+        sync.onCycle();
+        if (i % 16 == 0) std::this_thread::yield();
+    }
+    EXPECT_GE(silent, static_cast<int>(count));
+    EXPECT_GT(expected, 1u);
+    sync.pretendGone();
+}
+
+TEST(SyncBufferWorker, DeliversEverySlotOnceInOrder) { streamInOrder(4, 20000); }
+
+TEST(SyncBufferWorker, ARingOfOneSlotStillWorks) { streamInOrder(1, 5000); }
+
+TEST(SyncBufferWorker, MarksTheFirstFillAfterACycleOnly) {
+    CountingBuffer sync;
+    sync.setupRing(8, 4, 0, stereo32At48k);
+    sync.pretendConnected();
+    sync.play();
+    StreamChunk chunk;
+    sync.getBuffer(chunk);
+    sync.onCycle();
+    sync.onCycle();
+    ASSERT_TRUE(sync.startBufferThread());
+    ASSERT_TRUE(eventually([&] { return sync.filledSlots() == 4; }));
+    EXPECT_EQ(sync.fills, 1u);
+    EXPECT_EQ(sync.marks, 1u);
+    // Two takes and a cycle: one marked fill of the two.
+    sync.getBuffer(chunk);
+    sync.getBuffer(chunk);
+    sync.onCycle();
+    ASSERT_TRUE(eventually([&] { return sync.fills == 3; }));
+    EXPECT_EQ(sync.marks, 2u);
+    sync.pretendGone();
+}
+
+TEST(SyncBufferWorker, StopPlaysTheRingOutAndPlayResumes) {
+    CountingBuffer sync;
+    sync.setupRing(8, 4, 0, stereo32At48k);
+    sync.pretendConnected();
+    sync.play();
+    ASSERT_TRUE(sync.startBufferThread());
+    std::atomic<bool> running{true};
+    std::atomic<std::uint32_t> lastData{0};
+    std::atomic<std::uint32_t> muteSlots{0};
+    std::thread reader([&] {
+        StreamChunk chunk;
+        while (running) {
+            sync.getBuffer(chunk);
+            std::uint32_t n = firstWord(chunk);
+            if (n != 0) lastData = n;
+            else if (sync.muteReached) ++muteSlots;
+            sync.onCycle();
+            NORVA::sleepMilliseconds(1);
+        }
+    });
+    ASSERT_TRUE(eventually([&] { return sync.fills > 10; }));
+    sync.stop();
+    EXPECT_FALSE(sync.playing);
+    EXPECT_TRUE(sync.muteReached);
+    EXPECT_EQ(sync.filledSlots(), 0u);
+    // Everything that was filled went out before the mute.
+    EXPECT_EQ(lastData.load(), sync.fills.load());
+    std::uint32_t filled = sync.fills;
+    ASSERT_TRUE(eventually([&] { return muteSlots > 5; }));
+    EXPECT_EQ(sync.fills, filled);
+
+    sync.play();
+    ASSERT_TRUE(eventually([&] { return sync.fills > filled + 5; }));
+    running = false;
+    reader.join();
+    sync.pretendGone();
+}
+
+TEST(SyncBufferWorker, EndsOnStopRequestAndLeavesSilenceUntilTheStreamIsDown) {
+    CountingBuffer sync;
+    sync.setupRing(8, 2, 0, stereo32At48k);
+    sync.pretendConnected();
+    sync.play();
+    ASSERT_TRUE(sync.startBufferThread());
+    StreamChunk chunk;
+    sync.getBuffer(chunk);
+    ASSERT_TRUE(eventually([&] { return sync.fills == 1; }));
+    // Waiting for a slot on a full ring when the end comes.
+    sync.stopRequested = 1;
+    sync.onCycle();
+    ASSERT_TRUE(eventually([&] { return sync.muteRequested && sync.muteReached; }));
+    sync.stopRequested = 0;
+    for (int i = 0; i < 4; ++i) ASSERT_TRUE(sync.getBuffer(chunk));
+    EXPECT_EQ(chunk.size, sync.slotBytes);  // whole slots of silence now
+    EXPECT_EQ(firstWord(chunk), 0u);
+    EXPECT_EQ(sync.fills, 1u);
+    sync.stop();
+    EXPECT_FALSE(sync.playing);
+    // The stream worker's part of the end: it takes the connection down
+    // once asked, and only then may the buffer worker go.
+    std::thread streamWorker([&] {
+        eventually([&] { return sync.connectState == Sync::disconnecting; });
+        sync.pretendGone();
+    });
+    sync.disconnect();
+    streamWorker.join();
+    EXPECT_TRUE(sync.disconnectRequested);
+    EXPECT_EQ(sync.connectState, Sync::idle);
+}
+
+}  // namespace
