@@ -68,7 +68,7 @@ void SyncWorker::run() {
 bool SyncWorker::setUp() {
     const TransferProfile& first = sync.profiles[0];
     ringSize = poolSizeFor(first, socket.sendDepth(), (sync.threadFlags & ThreadFlag::shortPool) != 0);
-    if (ringSize == 0 || !first.isRunnable(socket.sendDepth())) {
+    if (ringSize == 0 || !profilesRunnable()) {
         LogLine(3) << "wth profile not runnable";
         return false;
     }
@@ -98,6 +98,16 @@ bool SyncWorker::setUp() {
     lastRequest = lastReceived = start;
     LogLine(6) << "redy to play loop start" << std::int32_t(sync.playing.load());
     socket.waitMode = waitModeFor(sync.threadFlags);
+    return true;
+}
+
+// A profile change under load may take any of them, and a late cycle
+// doubles its packets: each must fit the batch.
+bool SyncWorker::profilesRunnable() const {
+    if (sync.profileCount < 1 || std::size_t(sync.profileCount) > sync.profiles.size()) return false;
+    for (std::int32_t i = 0; i < sync.profileCount; ++i) {
+        if (!sync.profiles[std::size_t(i)].isRunnable(socket.sendDepth())) return false;
+    }
     return true;
 }
 
@@ -152,7 +162,7 @@ bool SyncWorker::sendFirstBurst() {
             addToBatch(packet);
             ++seq;
         }
-        if (!transferBatch()) return false;
+        if (!transferBatch(false)) return false;
         nextSend = nextSend + cycleTime;
     }
     return true;
@@ -178,7 +188,7 @@ bool SyncWorker::runCycle() {
     std::uint32_t packets = packetsThisCycle();
     if (!buildPackets(packets, wantsInfo())) return false;
     sync.onCycle();
-    if (!transferBatch()) return false;
+    if (!transferBatch(true)) return false;
     if (receiveBuffers[0]->isEmpty()) {
         TimeValue silent = now - lastReceived;
         if (silent < receiveTimeout) return true;
@@ -232,9 +242,9 @@ bool SyncWorker::wantsInfo() const {
     }
 }
 
-bool SyncWorker::transferBatch() {
+bool SyncWorker::transferBatch(bool receive) {
     NORVA::BufferList sending(batch.data(), batchCount);
-    NORVA::BufferList receiving(receiveFrames.data(), receiveSlots);
+    NORVA::BufferList receiving(receiveFrames.data(), receive ? receiveSlots : 0);
     bool sent;
     if (sync.route.rawFrames && sync.rawSocket != nullptr && sync.rawSocket != &socket) {
         sent = sync.rawSocket->transfer(sending, nextSend, receiving, nullptr, &socket);

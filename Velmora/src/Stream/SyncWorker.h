@@ -56,6 +56,7 @@ class SyncWorker {
     static constexpr std::size_t receiveSlots = 4;
 
     bool setUp();
+    bool profilesRunnable() const;
     bool buildPool();
     void setInfoTimes();
     bool sendFirstBurst();
@@ -64,7 +65,8 @@ class SyncWorker {
     NORVA::TimeValue cycleLength();
     std::uint32_t packetsThisCycle();
     bool wantsInfo() const;
-    bool transferBatch();
+    // Sends the batch at nextSend, receiving meanwhile if `receive`.
+    bool transferBatch(bool receive);
     void disconnectExchange();
 
     // Packets.

@@ -10,6 +10,8 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -18,6 +20,7 @@
 #include "Protocol/MessageTypes.h"
 #include "Protocol/Send.h"
 #include "Stream/StreamMessages.h"
+#include "System/Log.h"
 
 struct SinkScript {
     std::uint32_t msMode = VELMORA::msModeNone;  // 2: audio to a port of its own, tag first
@@ -215,4 +218,60 @@ class ScriptedSink {
     std::vector<Packet> arrived;
     std::map<std::uint16_t, std::size_t> requests;
     std::size_t feedbackAsked = 0;
+};
+
+// The log lines made while it lives, from any thread: the worker logs while
+// the test thread does.
+class SharedLogCapture {
+  public:
+    SharedLogCapture() : threshold(NORVA::logThreshold.load()) {
+        {
+            std::lock_guard<std::mutex> lock(mutex());
+            texts().clear();
+        }
+        log.configure(16, &SharedLogCapture::collect, 0);
+        previous = NORVA::Syslog::install(&log);
+        NORVA::logThreshold = 7;
+    }
+    ~SharedLogCapture() {
+        NORVA::logThreshold = threshold;
+        NORVA::Syslog::install(previous);
+    }
+    SharedLogCapture(const SharedLogCapture&) = delete;
+    SharedLogCapture& operator=(const SharedLogCapture&) = delete;
+
+    bool has(std::string_view text) const {
+        return any([&](const std::string& line) { return line == text; });
+    }
+    bool hasPrefix(std::string_view prefix) const {
+        return any([&](const std::string& line) { return line.starts_with(prefix); });
+    }
+
+  private:
+    template <class Match>
+    bool any(Match match) const {
+        std::lock_guard<std::mutex> lock(mutex());
+        for (const std::string& line : texts()) {
+            if (match(line)) return true;
+        }
+        return false;
+    }
+    static std::mutex& mutex() {
+        static std::mutex shared;
+        return shared;
+    }
+    static std::vector<std::string>& texts() {
+        static std::vector<std::string> collected;
+        return collected;
+    }
+    static void collect(const char* line) {
+        std::string_view text(line);
+        std::string_view::size_type start = text.find("localhost ");
+        std::lock_guard<std::mutex> lock(mutex());
+        texts().emplace_back(start == std::string_view::npos ? text : text.substr(start + 10));
+    }
+
+    std::int32_t threshold;
+    NORVA::Syslog log;
+    NORVA::Syslog* previous = nullptr;
 };

@@ -6,7 +6,6 @@
 #include <array>
 #include <chrono>
 
-#include "LogCapture.h"
 #include "Protocol/MessageTypes.h"
 #include "SyncWorkerPeer.h"
 #include "System/Threads.h"
@@ -32,6 +31,7 @@ class PatternSync : public Sync {
     std::uint64_t sourceBytes = 0;  // then getBuffer fails
     std::atomic<std::uint64_t> given{0};
     std::atomic<std::uint32_t> cycles{0};
+    std::atomic<std::uint32_t> loadUs{0};  // work that onCycle pretends to do
 
     PatternSync() {
         EXPECT_TRUE(open(ThreadFlag::keepPriority, TimeValue::fromMs(100), 0, "worker test", 1, -1, -1, 0));
@@ -59,7 +59,9 @@ class PatternSync : public Sync {
         return true;
     }
     bool onCycle() override {
-        ++cycles;
+        // Every fourth cycle overruns; the others leave time to catch up
+        // and to read what came in.
+        if (++cycles % 4 == 0 && loadUs != 0) NORVA::sleepMicroseconds(loadUs);
         return true;
     }
 
@@ -132,7 +134,7 @@ class SyncWorkerStream : public ::testing::Test {
 };
 
 TEST_F(SyncWorkerStream, PlaysTheSourceOutInOrderAndDisconnects) {
-    LogCapture log;
+    SharedLogCapture log;
     ScriptedSink sink(script);
     playAndEnd(sink, 100'000);
     expectWholePattern(sink.stream(), 100'000);
@@ -161,7 +163,7 @@ TEST_F(SyncWorkerStream, TagFramingOnADataPortCarriesTheSameStream) {
 }
 
 TEST_F(SyncWorkerStream, LostPacketsAreSentAgainFromThePool) {
-    LogCapture log;
+    SharedLogCapture log;
     script.lose = {30, 31, 90};
     ScriptedSink sink(script);
     playAndEnd(sink, 100'000);
@@ -182,7 +184,7 @@ TEST_F(SyncWorkerStream, LostPacketsAreSentAgainFromThePool) {
 }
 
 TEST_F(SyncWorkerStream, ARequestOlderThanThePoolEndsTheStream) {
-    LogCapture log;
+    SharedLogCapture log;
     ScriptedSink sink(script);
     sync.sourceBytes = ~0ull;
     connectTo(sink);
@@ -196,7 +198,7 @@ TEST_F(SyncWorkerStream, ARequestOlderThanThePoolEndsTheStream) {
 }
 
 TEST_F(SyncWorkerStream, ATargetThatGoesSilentEndsTheStreamWithoutDisconnect) {
-    LogCapture log;
+    SharedLogCapture log;
     ScriptedSink sink(script);
     connectTo(sink);  // not playing: silence flows
     ASSERT_TRUE(sync.waitForCycles(20));
@@ -208,7 +210,7 @@ TEST_F(SyncWorkerStream, ATargetThatGoesSilentEndsTheStreamWithoutDisconnect) {
 }
 
 TEST_F(SyncWorkerStream, ASourceThatFailsWhileConnectedEndsTheStream) {
-    LogCapture log;
+    SharedLogCapture log;
     ScriptedSink sink(script);
     sync.sourceBytes = 5000;
     connectTo(sink);
@@ -238,12 +240,57 @@ TEST_F(SyncWorkerStream, StopKeepsTheStreamGoingInSilence) {
 }
 
 TEST_F(SyncWorkerStream, DisconnectGivesUpOnATargetThatDoesNotAnswer) {
-    LogCapture log;
+    SharedLogCapture log;
     script.answerDisconnect = false;
     ScriptedSink sink(script);
     playAndEnd(sink, 2000);
     EXPECT_TRUE(log.has("DISCONNECT_REQ ERROR "));
     EXPECT_GT(sink.count(MessageType::DISCONNECT_REQ), 5u) << "asked again while waiting";
+}
+
+// Each way of pacing carries the same audio.
+enum class Pacing { fixedSize, random };
+
+class SyncWorkerPacing : public SyncWorkerStream, public ::testing::WithParamInterface<Pacing> {};
+
+TEST_P(SyncWorkerPacing, CarriesTheSourceWhole) {
+    TransferProfile& profile = sync.profiles[0];
+    if (GetParam() == Pacing::fixedSize) {
+        profile.fixedSize = 40 * frameBytes;  // the cycle follows the feedback
+        profile.sizeQ14 = 0;
+        profile.cycle = TimeValue::fromRaw(833'333'333);
+    } else {
+        profile.mode = transferRandom;
+        profile.cycleMin = TimeValue::fromUs(300);
+        profile.sizeQ14 = 722534;  // 44.1 frames, scaled by each cycle's length
+    }
+    script.deviation = -3000;
+    ScriptedSink sink(script);
+    playAndEnd(sink, 80'000);
+    expectWholePattern(sink.stream(), 80'000);
+    if (GetParam() == Pacing::fixedSize) {
+        for (const ScriptedSink::Packet& packet : sink.arrivals()) ASSERT_EQ(packet.body.size(), 40 * frameBytes);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Profiles, SyncWorkerPacing, ::testing::Values(Pacing::fixedSize, Pacing::random));
+
+TEST_F(SyncWorkerStream, UnderLoadMovesToTheSlowerProfileAndKeepsTheStreamWhole) {
+    SharedLogCapture log;
+    sync.profiles[1] = sync.profiles[0];
+    sync.profiles[1].cycle = TimeValue::fromUs(8000);
+    sync.profiles[1].sizeQ14 = 192u << 14;  // the same rate in longer cycles
+    sync.profileCount = 2;
+    sync.infoRequestTime = TimeValue::fromMs(1);
+    sync.loadUs = 3000;  // two 1 ms cycles in four come late
+    ScriptedSink sink(script);
+    playAndEnd(sink, 150'000);
+    expectWholePattern(sink.stream(), 150'000);
+    EXPECT_TRUE(log.hasPrefix("over time "));
+    EXPECT_TRUE(log.has("over time change profile 0 to 1"));
+    bool longPackets = false;
+    for (const ScriptedSink::Packet& packet : sink.arrivals()) longPackets |= packet.body.size() > 24 * frameBytes;
+    EXPECT_TRUE(longPackets) << "the slower profile's packets went out";
 }
 
 // Feedback drives the packet size: a target that holds too much gets less.
