@@ -1,6 +1,7 @@
 #include "TargetOptions.h"
 
 #include <charconv>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <sstream>
@@ -23,6 +24,15 @@ bool number(const std::string& text, Number& out) {
     const char* end = text.data() + text.size();
     auto [last, failure] = std::from_chars(begin, end, out, base);
     return failure == std::errc() && last == end && begin != end;
+}
+
+// A decimal number within [least, greatest].
+bool real(const std::string& text, double least, double greatest, double& out) {
+    char* end = nullptr;
+    double value = std::strtod(text.c_str(), &end);
+    if (text.empty() || end != text.c_str() + text.size() || !(value >= least && value <= greatest)) return false;
+    out = value;
+    return true;
 }
 
 // "port,index,name[,class[,second]]"
@@ -163,6 +173,13 @@ const char* TargetOptions::usage() {
            "  --modes N                 transfer modes offered (2: mode2, 4: raw frames)\n"
            "  --silent-datasize, --silent-modes   leave those questions unanswered\n"
            "  --invert-phase            report an inverting sink\n"
+           "  sinks play what they receive:\n"
+           "  --wav FILE                write each stream to FILE (FILE.N for the sink at index N\n"
+           "                            when there are several); without it the audio is discarded\n"
+           "  --ppm N                   the sinks' clock against the nominal rate, in ppm\n"
+           "  --drop SHARE              drop this share of packets on arrival, 0 to 1 (0.01: 1 %)\n"
+           "  --feedback N              feedback encoding: 1 centred (default), 2 signed, 3 level\n"
+           "  --stats-json FILE         each stream's statistics as JSON, at its end\n"
            "  --window N                slot transfer window in bytes (65535: none)\n"
            "  --slots N,SIZE,PACKETS,BLOCKS   slot count and geometry\n"
            "  --slot-description NAME,TEXT,VALUE\n"
@@ -231,6 +248,14 @@ bool TargetOptions::parse(int argc, char** argv, std::string& error) {
         {"--link-mtu", numeric(stream.linkMtu)},
         {"--sink-cycle", [&](const std::string& v) { return sinkCycle(v, stream); }},
         {"--modes", numeric(stream.msa)},
+        {"--wav", text(stream.play.wavPath)},
+        {"--ppm", [&](const std::string& v) { return real(v, -1e5, 1e5, stream.play.ppm); }},
+        {"--drop", [&](const std::string& v) { return real(v, 0, 1, stream.play.dropShare); }},
+        {"--feedback", [&](const std::string& v) {
+             return number(v, stream.play.feedbackEncoding) && stream.play.feedbackEncoding >= 1 &&
+                    stream.play.feedbackEncoding <= 3;
+         }},
+        {"--stats-json", text(stream.statsPath)},
     };
     const std::map<std::string, std::function<bool(const std::string&)>> switches = {
         {"--loopback", flag(c.allowLoopback)},

@@ -36,8 +36,8 @@ constexpr std::uint32_t pollMs = 50;
 // A stream sink and the registration that tells the target of it.
 class RegisteredSink {
   public:
-    RegisteredSink(const TestSink& sink, VELMORA::StreamSinkConfig stream)
-        : sink(sink), stream(withPort(stream, sink.port)) {}
+    RegisteredSink(const TestSink& sink, VELMORA::StreamSinkConfig stream, bool several)
+        : sink(sink), stream(withPort(stream, sink.port, several ? sink.index : -1)) {}
 
     bool start() {
         if (!stream.start() || !socket.openNonBlocking()) return false;
@@ -47,14 +47,24 @@ class RegisteredSink {
         std::printf("sink %u: port %u, %s\n", sink.index, stream.port(), sink.name.c_str());
         return true;
     }
+    void printStats() {
+        VELMORA::SinkStats stats = stream.playStats();
+        if (stats.packets != 0) std::printf("sink %u: %s\n", sink.index, stats.text().c_str());
+    }
     void announce(std::uint16_t registrationPort) {
         socket.sendTo(NORVA::IPAddress::loopback(registrationPort), false, registration.bytes.data,
                       registration.bytes.size);
     }
 
   private:
-    static VELMORA::StreamSinkConfig withPort(VELMORA::StreamSinkConfig config, std::uint16_t port) {
+    // Several sinks write files of their own, told apart by their index.
+    static VELMORA::StreamSinkConfig withPort(VELMORA::StreamSinkConfig config, std::uint16_t port, int index) {
         config.address.setPort(port);
+        if (index >= 0) {
+            std::string suffix = "." + std::to_string(index);
+            if (!config.play.wavPath.empty()) config.play.wavPath += suffix;
+            if (!config.statsPath.empty()) config.statsPath += suffix;
+        }
         return config;
     }
 
@@ -76,7 +86,7 @@ int run(const TargetOptions& options) {
 
     std::vector<std::unique_ptr<RegisteredSink>> sinks;
     for (const TestSink& sink : options.testSinks) {
-        sinks.push_back(std::make_unique<RegisteredSink>(sink, options.stream));
+        sinks.push_back(std::make_unique<RegisteredSink>(sink, options.stream, options.testSinks.size() > 1));
         if (!sinks.back()->start()) {
             std::fprintf(stderr, "velmora-target: can't open sink %u on port %u\n", sink.index, sink.port);
             return 2;
@@ -95,6 +105,7 @@ int run(const TargetOptions& options) {
     }
     std::uint32_t result = target.loopResult();
     target.close();
+    for (auto& sink : sinks) sink->printStats();
     std::fflush(stdout);
     if (result == VELMORA::Target::loopEndedByMessage) return target.exitCode();
     return signalled != 0 ? 0 : 1;

@@ -125,6 +125,8 @@ bool SyncBuffer::connect() {
         LogLine(6) << "SyncBuffer::startBufferWorker close thread";
         joinBufferThread();
     }
+    // The stream worker may change threadFlags once it runs.
+    pinBufferThread = (threadFlags & ThreadFlag::occupied) != 0 && cpuOther != -1 && cpuOtherCount >= 1;
     if (!Sync::connect()) return false;
     muteRequested.exchange(0);
     muteReached.exchange(0);
@@ -148,8 +150,7 @@ void SyncBuffer::play() {
     muteRequested.exchange(0);
     muteReached.exchange(0);
     stopRequested.exchange(0);
-    playing.exchange(1);
-    LogLine(6) << "play " << connectState.load();
+    Sync::play();
     wakeRing();
 }
 
@@ -167,7 +168,7 @@ void SyncBuffer::stop() {
         NORVA::waitFor(ringChanged, lock, slotWait, [this] { return muteReached != 0; });
     }
     lock.unlock();
-    stopAudio();
+    Sync::stop();
 }
 
 void SyncBuffer::pre_disconnect() {
@@ -181,10 +182,10 @@ void SyncBuffer::disconnect() {
     LogLine(6) << "discone";
     std::int32_t state = connectState;
     if (state == connected || state == disconnecting) {
-        askDisconnect();
+        Sync::requestDisconnect();
         disconnectRequested = true;
     }
-    if (waitDisconnect()) {
+    if (Sync::disconnectWait()) {
         joinBufferThread();
         LogLine(6) << "SyncBuffer::disconnect done";
     } else if (bufferThread.joinable()) {
@@ -210,30 +211,6 @@ void SyncBuffer::joinBufferThread() {
     bufferThread.join();
 }
 
-// The base's play/stop and disconnect request, as the stream worker reads
-// them: playing, connectState and disconnectRequested.
-void SyncBuffer::stopAudio() {
-    playing.exchange(0);
-    LogLine(6) << "stop " << connectState.load();
-}
-
-void SyncBuffer::askDisconnect() {
-    if (connectState != connected) return;
-    setConnectState(disconnecting);
-    disconnectRequested = true;
-    LogLine(6) << "discone flgset";
-}
-
-bool SyncBuffer::waitDisconnect() {
-    if (!disconnectRequested) {
-        LogLine(6) << "discone wait cancel";
-        return false;
-    }
-    joinWorker();
-    LogLine(6) << "discone done";
-    return true;
-}
-
 // ---- Operations the driver doesn't use ------------------------------------------
 
 bool SyncBuffer::push(StreamBuffer& buffer) {
@@ -246,7 +223,7 @@ bool SyncBuffer::push(StreamBuffer& buffer) {
 
 void SyncBuffer::flush() {
     if (playing) {
-        stopAudio();
+        Sync::stop();
         NORVA::sleepMilliseconds(flushSettleMs);
     }
     if (ring.empty()) return;
@@ -257,7 +234,7 @@ void SyncBuffer::flush() {
 
 void SyncBuffer::seek(std::int32_t slots) {
     if (playing) {
-        stopAudio();
+        Sync::stop();
         NORVA::sleepMilliseconds(flushSettleMs);
     }
     if (ring.empty()) return;
@@ -284,7 +261,7 @@ bool SyncBuffer::waitFreeSlot() {
 }
 
 void SyncBuffer::bufferWorker() {
-    if ((threadFlags & 0x10) != 0 && cpuOther != -1 && cpuOtherCount >= 1) {
+    if (pinBufferThread) {
         bool pinned = NORVA::setCurrentThreadProcessors(cpuOther, cpuOtherCount);
         LogLine(pinned ? 6 : 4) << (pinned ? "Buffer Thread CPU set " : "Buffer Thread CPU set error ") << cpuOther
                                 << "," << cpuOtherCount;

@@ -89,6 +89,7 @@ class SyncBuffer : public Sync {
     std::mutex ringMutex;
     std::condition_variable ringChanged;
     StreamBuffer muteBuffer;  // the stream worker's alone
+    bool pinBufferThread = false;  // to cpuOther, as connect found the flags
 
     void bufferWorker();
     void wakeRing() { ringChanged.notify_all(); }
@@ -101,11 +102,6 @@ class SyncBuffer : public Sync {
     bool waitFreeSlot();
     void joinBufferThread();
     void shutdown();
-    // The stream worker's switches: playing off; state 2 to 3 with the
-    // request flag; the join once a disconnect was asked for.
-    void stopAudio();
-    void askDisconnect();
-    bool waitDisconnect();
 };
 
 }  // namespace VELMORA

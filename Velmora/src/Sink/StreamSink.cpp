@@ -1,6 +1,8 @@
 #include "Sink/StreamSink.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <string>
 
 #include "Protocol/MessageTypes.h"
 #include "Protocol/Send.h"
@@ -23,7 +25,8 @@ void refuse(SendBuffer& reply, std::uint16_t requestType) {
 
 }  // namespace
 
-StreamSink::StreamSink(const StreamSinkConfig& settings) : config(settings), bound(settings.address) {}
+StreamSink::StreamSink(const StreamSinkConfig& settings)
+    : config(settings), bound(settings.address), playout(settings.play), datagram(datagramRoom) {}
 
 StreamSink::~StreamSink() {
     stop();
@@ -35,12 +38,19 @@ bool StreamSink::start() {
         return false;
     }
     bound = config.address;
-    if (!socket.openNonBlocking() || !socket.bind(bound)) {
+    dataBound = config.address;
+    dataBound.setPort(0);
+    if (!socket.openNonBlocking() || !socket.bind(bound) || !dataSocket.openNonBlocking() ||
+        !dataSocket.bind(dataBound)) {
         LogLine(3) << "StreamSink can't bind " << config.address.toStringPort() << " error "
-                   << socket.lastError;
+                   << socket.lastError << " " << dataSocket.lastError;
         socket.close();
+        dataSocket.close();
         return false;
     }
+    sockets.clear();
+    sockets.add(socket);
+    sockets.add(dataSocket);
     stopping = false;
     thread = std::thread([this] { run(); });
     LogLine(6) << "StreamSink answers on " << bound.toStringPort();
@@ -52,18 +62,39 @@ void StreamSink::stop() {
     stopping = true;
     thread.join();
     socket.close();
+    dataSocket.close();
     connected = false;
+    endStream();
+}
+
+void StreamSink::endStream() {
+    if (!playout.isStreaming()) return;
+    playout.end();
+    SinkStats stats = playout.stats();
+    LogLine(5) << "StreamSink " << port() << " stream: " << stats.text();
+    if (config.statsPath.empty()) return;
+    std::FILE* file = std::fopen(config.statsPath.c_str(), "w");
+    if (file == nullptr) {
+        LogLine(3) << "StreamSink can't write " << config.statsPath;
+        return;
+    }
+    std::string text = stats.json();
+    std::fwrite(text.data(), 1, text.size(), file);
+    std::fputc('\n', file);
+    std::fclose(file);
 }
 
 void StreamSink::run() {
-    std::vector<std::uint8_t> datagram(datagramRoom);
     while (!stopping.load()) {
-        int ready = socket.waitReadable(pollInterval);
+        int ready = sockets.wait(pollInterval);
+        playout.advance(SinkPlayout::Clock::now());
         if (ready == 0) {
             LogLine(3) << "StreamSink wait failed, error " << socket.lastError;
             return;
         }
         if (ready != 2) continue;
+        if (sockets.isReady(dataSocket)) receiveData();
+        if (!sockets.isReady(socket)) continue;
         std::size_t received = 0;
         IPAddress from;
         if (!socket.receiveFrom(datagram.data(), datagram.size(), received, from)) {
@@ -75,7 +106,49 @@ void StreamSink::run() {
     }
 }
 
+// The compact framings: a tag byte after the body (mode 1) or a 16-bit tag
+// ahead of it (mode 2); bit 7 asks for feedback, the rest is the sequence.
+void StreamSink::receiveData() {
+    std::size_t received = 0;
+    IPAddress from;
+    if (!dataSocket.receiveFrom(datagram.data(), datagram.size(), received, from) || received == 0) return;
+    bool second = mode.load() == msMode2;
+    if (received < (second ? 2u : 1u)) return;
+    std::uint8_t tag = second ? datagram[0] : datagram[received - 1];
+    SinkPlayout::Packet packet;
+    packet.compact = true;
+    packet.sequence = tag & 0x7F;
+    packet.wantsFeedback = (tag & 0x80) != 0;
+    packet.body = datagram.data() + (second ? 2 : 0);
+    packet.size = std::uint32_t(received - 1 - (second ? 1 : 0));
+    play(packet, from);
+}
+
+void StreamSink::play(const SinkPlayout::Packet& packet, const IPAddress& from) {
+    SinkPlayout::Answer answers[2];
+    int count = playout.receive(packet, SinkPlayout::Clock::now(), answers);
+    for (int i = 0; i < count; ++i) {
+        const SinkPlayout::Answer& answer = answers[i];
+        std::uint16_t flags = answer.resend ? streamAnswerResend : (config.invertPhase ? 0x100 : 0);
+        SendBuffer reply;
+        reply.setHeader(MessageType::STREAM_ANS, flags, answer.param0, answer.param1, answer.param2, 0);
+        reply.finish();
+        if (!socket.sendTo(from, true, reply.bytes.data, reply.bytes.size)) {
+            LogLine(4) << "StreamSink send failed, error " << socket.lastError;
+        }
+    }
+}
+
 void StreamSink::handle(const Receive& request, const IPAddress& from) {
+    if (request.type() == MessageType::STREAM_DATA) {
+        SinkPlayout::Packet packet;
+        packet.sequence = request.param0();
+        packet.wantsFeedback = (request.flags() & streamWantsFeedback) != 0;
+        packet.body = request.body();
+        packet.size = request.bodySize();
+        play(packet, from);
+        return;
+    }
     record(request);
     SendBuffer reply;
     if (!answer(request, reply)) return;
@@ -97,9 +170,12 @@ bool StreamSink::answer(const Receive& request, SendBuffer& reply) {
             }
             return true;
         }
-        case MessageType::LATENCY_REQ:
-            buildLatencyAnswer(reply, latencyAnswer(request.param0()));
+        case MessageType::LATENCY_REQ: {
+            LatencyAnswer latency = latencyAnswer(request.param0());
+            grantedLatency = latency.granted;
+            buildLatencyAnswer(reply, latency);
             return true;
+        }
         case MessageType::DATASIZE_REQ: {
             DataSizeAnswer sizes;
             if (!dataSizeAnswer(request, sizes)) return false;
@@ -114,7 +190,8 @@ bool StreamSink::answer(const Receive& request, SendBuffer& reply) {
             buildSynchroChannelAnswer(reply, config.msa);
             return true;
         case MessageType::CONNECTPRE_REQ:
-            buildConnectPreAnswer(reply, latencyAnswer(readConnectPreRequest(request).latency).granted);
+            grantedLatency = latencyAnswer(readConnectPreRequest(request).latency).granted;
+            buildConnectPreAnswer(reply, grantedLatency);
             return true;
         case MessageType::CONNECTNAME_SET: {
             std::lock_guard<std::mutex> lock(seenMutex);
@@ -127,14 +204,13 @@ bool StreamSink::answer(const Receive& request, SendBuffer& reply) {
             return connectAnswer(request, reply);
         case MessageType::DISCONNECT_REQ:
             connected = false;
+            endStream();
             buildEmptyAnswer(reply, type);
             return true;
         case MessageType::NOPBREAK_REQ:
         case MessageType::SYNCHRO_STATUS_REQ:
             buildEmptyAnswer(reply, type);
             return true;
-        case MessageType::STREAM_DATA:
-            return false;  // audio isn't taken in here
         default:
             if (!isRequest(type)) return false;
             // An unknown request is echoed as a refusal.
@@ -196,11 +272,14 @@ bool StreamSink::connectAnswer(const Receive& request, SendBuffer& reply) {
     }
     ConnectAnswer route;
     route.statusPort = port();
-    route.dataPort = wanted.msMode == msModeNone ? 0 : port();
+    route.dataPort = wanted.msMode == msModeNone ? 0 : dataPort();
     route.sinkInvert = config.invertPhase;
     buildConnectAnswer(reply, request.type(), route);
     mode = wanted.msMode;
     connected = true;
+    endStream();
+    std::uint16_t latency = grantedLatency != 0 ? grantedLatency : config.latency;
+    playout.start(wanted.streamFormat, latency * 100u);
     return true;
 }
 

@@ -1,7 +1,9 @@
-// The sink's side of stream set-up: one UDP port that answers what a host
-// asks before it streams (formats, latency, packet size and its probe, the
-// cycle profile, transfer modes, connect preparation and name, connect,
-// status and disconnect), as a plain configuration says.
+// A sink as a host sees it: one UDP port that answers what a host asks
+// before it streams (formats, latency, packet size and its probe, the cycle
+// profile, transfer modes, connect preparation and name, connect, status and
+// disconnect), as a plain configuration says; then it takes the stream, on
+// that port or, in the compact framings, on a data port of its own, and
+// plays it (SinkPlayout).
 //
 // It runs on a thread of its own between start and stop, so a target program
 // can hold several and register their ports with its target.
@@ -11,6 +13,7 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -18,7 +21,9 @@
 #include "Network/IPAddress.h"
 #include "Network/Socket.h"
 #include "Network/TimeValue.h"
+#include "Network/SocketSet.h"
 #include "Protocol/Receive.h"
+#include "Sink/SinkPlayout.h"
 #include "Stream/StreamMessages.h"
 
 namespace VELMORA {
@@ -58,8 +63,13 @@ struct StreamSinkConfig {
     bool answerSynchroChannel = true;
     std::uint16_t msa = channelOffersMode2;
 
-    // The phase bits of the connect answer.
+    // The phase bits of the connect answer and of feedback.
     bool invertPhase = false;
+
+    // How the stream is played, and where its statistics go at its end
+    // (empty: nowhere).
+    SinkPlayConfig play;
+    std::string statsPath;
 };
 
 class StreamSink {
@@ -99,6 +109,11 @@ class StreamSink {
     bool isConnected() const { return connected.load(); }
     // The transfer mode of the last connect.
     std::uint32_t connectedMode() const { return mode.load(); }
+    // The port of the compact framings' audio.
+    std::uint16_t dataPort() const { return dataBound.port(); }
+    // Of the stream under way, or of the last one.
+    SinkStats playStats() const { return playout.stats(); }
+    bool isStreaming() const { return playout.isStreaming(); }
 
   private:
     void run();
@@ -109,6 +124,10 @@ class StreamSink {
     bool dataSizeAnswer(const Receive& request, DataSizeAnswer& sizes) const;
     bool connectAnswer(const Receive& request, SendBuffer& reply);
     void record(const Receive& request);
+    // One audio packet, in any framing; answers go back to `from`.
+    void play(const SinkPlayout::Packet& packet, const NORVA::IPAddress& from);
+    void receiveData();
+    void endStream();
 
     const StreamSinkConfig config;
     NORVA::UDPV6 socket;
@@ -117,6 +136,12 @@ class StreamSink {
     std::atomic<bool> stopping{false};
     std::atomic<bool> connected{false};
     std::atomic<std::uint32_t> mode{msModeNone};
+    NORVA::UDPV6 dataSocket;
+    NORVA::IPAddress dataBound;
+    NORVA::SocketSet sockets;
+    std::uint16_t grantedLatency = 0;  // units of 100 us, the last granted
+    SinkPlayout playout;
+    std::vector<std::uint8_t> datagram;
 
     mutable std::mutex seenMutex;
     std::deque<Request> seen;

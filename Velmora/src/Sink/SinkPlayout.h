@@ -1,0 +1,127 @@
+// What a sink does with a stream once connected: takes STREAM_DATA in
+// sequence, plays it out on its own clock (the nominal rate off by a set
+// number of ppm), keeps its buffer level, and says what to answer: feedback
+// with its deviation from the buffer's centre, or a request to send again
+// from the first missing packet.
+//
+// The buffer is a level, not bytes: audio goes to the WAV file as it
+// arrives in order, so only how much of it the clock hasn't played yet
+// matters. Packets past a gap are dropped: the host resends from the pool
+// from the packet asked for on, in order (go-back-N).
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Format/FormatID.h"
+#include "Sink/WavWriter.h"
+#include "System/Threads.h"
+
+namespace VELMORA {
+
+struct SinkPlayConfig {
+    double ppm = 0;          // the sink's clock against the nominal rate
+    double dropShare = 0;    // of packets dropped on arrival, 0 to 1
+    int feedbackEncoding = 1;  // 1 centred, 2 signed, 3 level
+    std::string wavPath;     // empty: the audio is discarded
+    std::uint32_t dropSeed = 1;
+};
+
+struct SinkStats {
+    struct Deviation {
+        std::uint32_t ms = 0;   // since the stream's first packet
+        std::int32_t q14 = 0;   // as the feedback would say it
+    };
+    std::uint64_t packets = 0;  // accepted in sequence
+    std::uint64_t bytes = 0;
+    std::uint64_t gaps = 0;       // a missing packet seen
+    std::uint64_t resends = 0;    // requests sent
+    std::uint64_t duplicates = 0;
+    std::uint64_t outOfOrder = 0;  // after a gap, dropped for the resend
+    std::uint64_t dropped = 0;     // on purpose
+    std::uint64_t underruns = 0;
+    std::uint64_t overruns = 0;
+    std::uint64_t feedbacks = 0;
+    double jitterUs = 0;  // smoothed arrival jitter against stream time
+    std::int32_t deviationLeast = 0;
+    std::int32_t deviationGreatest = 0;
+    bool playing = false;  // the clock has started
+    std::vector<Deviation> deviation;  // every 100 ms of play
+
+    std::string text() const;
+    std::string json() const;
+};
+
+class SinkPlayout {
+  public:
+    using Clock = NORVA::SteadyClock;
+
+    struct Packet {
+        std::uint16_t sequence = 0;
+        bool compact = false;  // `sequence` is a 7-bit tag
+        bool wantsFeedback = false;
+        const std::uint8_t* body = nullptr;
+        std::uint32_t size = 0;
+    };
+    // What goes back to the host, as STREAM_ANS.
+    struct Answer {
+        bool feedback = false;
+        bool resend = false;
+        std::uint16_t param0 = 0;
+        std::uint16_t param1 = 0;
+        std::uint16_t param2 = 0;
+    };
+
+    explicit SinkPlayout(const SinkPlayConfig& settings) : config(settings) {}
+
+    // A new stream of `format` with a buffer of `latencyUs`. False if the
+    // WAV file can't be made (the stream is then only counted).
+    bool start(FormatID format, std::uint32_t latencyUs);
+    // Answers go out in the order given; at most two per packet.
+    int receive(const Packet& packet, Clock::time_point now, Answer (&answers)[2]);
+    // Plays out up to `now`.
+    void advance(Clock::time_point now);
+    // Ends the stream and closes the file.
+    void end();
+    bool isStreaming() const;
+
+    SinkStats stats() const;
+    // Deviation from the centre in Q14 at the last advance.
+    std::int32_t deviation() const;
+
+  private:
+    std::uint16_t fullSequence(const Packet& packet) const;
+    bool dropOnPurpose();
+    Answer feedbackAnswer() const;
+    std::int32_t deviationNow() const;
+    void playUntil(Clock::time_point now);
+
+    const SinkPlayConfig config;
+    mutable std::mutex mutex;  // the receive thread against readers of stats
+    WavWriter wav;
+    bool streaming = false;
+    bool started = false;  // first packet seen
+    FormatID format;
+    std::uint32_t frameBytes = 0;
+    double rate = 0;  // frames per second of the sink's clock
+    double centre = 0;  // frames
+    double capacity = 0;
+    std::uint16_t expected = 0;
+    bool awaitingResend = false;
+    Clock::time_point lastResend;
+    Clock::time_point firstArrival;
+    Clock::time_point playStart;
+    Clock::time_point nextSample;
+    double receivedFrames = 0;
+    double silentFrames = 0;  // played where nothing had come
+    double level = 0;
+    bool inUnderrun = false;
+    bool hasTransit = false;
+    double lastTransitUs = 0;
+    std::uint32_t dropState = 1;
+    SinkStats counts;
+};
+
+}  // namespace VELMORA
