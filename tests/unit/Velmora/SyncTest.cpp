@@ -333,7 +333,9 @@ TEST_F(SyncConnect, ConnectRunsTheExchangeOnItsWorker) {
     EXPECT_EQ(connects[0].flags, 2) << "mode2";
     EXPECT_EQ(connects[0].value, stereoS32At48k.value);
     EXPECT_EQ(sync.statusAddress, sink.address());
-    EXPECT_EQ(sync.dataAddress, sink.address());
+    IPAddress data = sink.address();
+    data.setPort(sink.dataPort());
+    EXPECT_EQ(sync.dataAddress, data) << "the sink's own data port";
     EXPECT_EQ(sync.route.framing, FramingMode::tagFirst);
 
     // Left without a word, as the destructor leaves it.
