@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include <cstring>
 
 #include "FindPeer.h"
@@ -89,7 +91,8 @@ class SinkTarget {
   public:
     FindPeer sink{sinkScript()};
     FindPeer otherSink{sinkScript()};
-    std::uint16_t portClass = 0;
+    // Set by the test while the control peer runs.
+    std::atomic<std::uint16_t> portClass{0};
     FindPeer control{[this](FindPeer& peer, const Receive& request) { answer(peer, request); }};
 
   private:
@@ -119,7 +122,7 @@ class SinkTarget {
     }
     void answerList(FindPeer& peer, const Receive& request) {
         // A target with classes first names its default class, then lists class 1.
-        std::uint16_t answeredClass = request.param2() == 0 ? portClass : request.param2();
+        std::uint16_t answeredClass = request.param2() == 0 ? portClass.load() : request.param2();
         VELMORA::SendBuffer list(MessageType::PORT_ANS, VELMORA::flagYes, 3, 0, answeredClass, 1);
         list.setBodySize(1024);
         std::memset(list.body(), 0, 1024);

@@ -25,15 +25,21 @@ class SlotTarget {
     std::uint16_t packetSize = 1024;
     std::uint16_t packetsPerBlock = 4;
     std::uint16_t blockCount = 4;
-    std::set<std::uint16_t> loseOnce;    // sequence numbers lost the first time
-    std::set<std::uint16_t> loseAlways;  // and these every time
+    // Sequence numbers lost the first time, and every time. Set while the
+    // peer runs, so under the lock.
+    void loseOnce(std::set<std::uint16_t> sequences) {
+        std::lock_guard<std::mutex> guard(lock);
+        lostOnce = std::move(sequences);
+    }
+    void loseAlways(std::set<std::uint16_t> sequences) {
+        std::lock_guard<std::mutex> guard(lock);
+        lostAlways = std::move(sequences);
+    }
 
     std::vector<std::uint8_t> taken() {
         std::lock_guard<std::mutex> guard(lock);
         return data;
     }
-
-    FindPeer peer{[this](FindPeer& self, const Receive& request) { answer(self, request); }};
 
   private:
     void answer(FindPeer& self, const Receive& request) {
@@ -62,8 +68,8 @@ class SlotTarget {
 
     void takeData(FindPeer& self, const Receive& request) {
         std::uint16_t sequence = request.param1();
-        if (loseAlways.count(sequence) != 0 || loseOnce.erase(sequence) != 0) return;
         std::lock_guard<std::mutex> guard(lock);
+        if (lostAlways.count(sequence) != 0 || lostOnce.erase(sequence) != 0) return;
         if (sequence == 0 && request.param2() == 0 && request.param3() == 0) {
             expected = 0;
             data.clear();
@@ -77,8 +83,14 @@ class SlotTarget {
     }
 
     std::mutex lock;
+    std::set<std::uint16_t> lostOnce;
+    std::set<std::uint16_t> lostAlways;
     std::vector<std::uint8_t> data;
     std::uint16_t expected = 0;
+
+  public:
+    // Last, so that its thread starts on a whole object.
+    FindPeer peer{[this](FindPeer& self, const Receive& request) { answer(self, request); }};
 };
 
 std::vector<std::uint8_t> pattern(std::size_t size) {
@@ -132,7 +144,7 @@ TEST_F(SlotTransfer, DataLargerThanABlockArrivesWholeInWindowedBursts) {
 
 TEST_F(SlotTransfer, ALostFrameIsSentAgainFromWhereTheTargetStopped) {
     LogCapture log;
-    target.loseOnce = {1};
+    target.loseOnce({1});
     std::vector<std::uint8_t> bytes = pattern(4 * 1024);
     ASSERT_TRUE(transfer(bytes, 0));
     EXPECT_EQ(target.taken(), bytes);
@@ -147,7 +159,7 @@ TEST_F(SlotTransfer, ALostFrameIsSentAgainFromWhereTheTargetStopped) {
 TEST_F(SlotTransfer, ALostLastFrameEndsTheTransferWithATimeout) {
     LogCapture log;
     std::vector<std::uint8_t> bytes = pattern(2 * 1024 + 10);
-    target.loseAlways = {2};
+    target.loseAlways({2});
     EXPECT_FALSE(transfer(bytes, 0));
     EXPECT_TRUE(log.has("Transfer Timeout error "));
     EXPECT_TRUE(target.peer.requestsOf(MessageType::TRANSFERCHECK_REQ).empty());
@@ -155,7 +167,7 @@ TEST_F(SlotTransfer, ALostLastFrameEndsTheTransferWithATimeout) {
 
 TEST_F(SlotTransfer, AFrameLostForGoodEndsAfterTenRepetitions) {
     LogCapture log;
-    target.loseAlways = {0};
+    target.loseAlways({0});
     EXPECT_FALSE(transfer(pattern(2 * 1024), 0));
     EXPECT_TRUE(log.has("Transfer error 11"));
     // The first sending and ten repetitions of both frames.

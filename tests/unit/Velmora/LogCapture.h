@@ -1,8 +1,10 @@
-// Collects the log lines made while it lives, at every severity.
+// Collects the log lines made while it lives, at every severity, from any
+// thread: a target's or a stream worker's lines arrive on threads of their own.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,7 +14,10 @@
 class LogCapture {
   public:
     LogCapture() : threshold(NORVA::logThreshold.load()) {
-        texts().clear();
+        {
+            std::lock_guard<std::mutex> lock(mutex());
+            texts().clear();
+        }
         log.configure(16, &LogCapture::collect, 0);
         previous = NORVA::Syslog::install(&log);
         NORVA::logThreshold = 7;
@@ -24,17 +29,28 @@ class LogCapture {
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    // The texts of the lines, without the syslog header.
-    const std::vector<std::string>& lines() const { return texts(); }
+    // The texts of the lines so far, without the syslog header.
+    std::vector<std::string> lines() const {
+        std::lock_guard<std::mutex> lock(mutex());
+        return texts();
+    }
     bool has(std::string_view text) const {
-        return std::find(lines().begin(), lines().end(), text) != lines().end();
+        return any([&](const std::string& line) { return line == text; });
     }
     bool hasPrefix(std::string_view prefix) const {
-        return std::any_of(lines().begin(), lines().end(),
-                           [&](const std::string& line) { return line.starts_with(prefix); });
+        return any([&](const std::string& line) { return line.starts_with(prefix); });
     }
 
   private:
+    template <class Match>
+    bool any(Match match) const {
+        std::lock_guard<std::mutex> lock(mutex());
+        return std::any_of(texts().begin(), texts().end(), match);
+    }
+    static std::mutex& mutex() {
+        static std::mutex shared;
+        return shared;
+    }
     static std::vector<std::string>& texts() {
         static std::vector<std::string> collected;
         return collected;
@@ -42,6 +58,7 @@ class LogCapture {
     static void collect(const char* line) {
         std::string_view text(line);
         std::string_view::size_type start = text.find("localhost ");
+        std::lock_guard<std::mutex> lock(mutex());
         texts().emplace_back(start == std::string_view::npos ? text : text.substr(start + 10));
     }
 

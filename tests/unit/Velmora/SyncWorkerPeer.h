@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "LogCapture.h"
 #include "Network/IPAddress.h"
 #include "Network/Socket.h"
 #include "Protocol/MessageTypes.h"
@@ -92,7 +93,8 @@ class ScriptedSink {
                 if (!port->socket.isOpen()) continue;
                 std::size_t size = 0;
                 NORVA::IPAddress from;
-                if (!port->socket.receiveFrom(datagram.data(), datagram.size(), size, from) || size == 0) continue;
+                if (!port->socket.receiveFrom(datagram.data(), datagram.size(), size, from) || size == 0)
+                    continue;
                 any = true;
                 if (script.silent) continue;
                 if (port == &data) {
@@ -123,8 +125,8 @@ class ScriptedSink {
                 break;
             }
             case MessageType::STREAM_DATA:
-                packet(frame.param0(), (frame.flags() & streamWantsFeedback) != 0, frame.body(), frame.bodySize(),
-                       from);
+                packet(frame.param0(), (frame.flags() & streamWantsFeedback) != 0, frame.body(),
+                       frame.bodySize(), from);
                 return;
             case MessageType::DISCONNECT_REQ:
                 if (!script.answerDisconnect) return;
@@ -218,60 +220,4 @@ class ScriptedSink {
     std::vector<Packet> arrived;
     std::map<std::uint16_t, std::size_t> requests;
     std::size_t feedbackAsked = 0;
-};
-
-// The log lines made while it lives, from any thread: the worker logs while
-// the test thread does.
-class SharedLogCapture {
-  public:
-    SharedLogCapture() : threshold(NORVA::logThreshold.load()) {
-        {
-            std::lock_guard<std::mutex> lock(mutex());
-            texts().clear();
-        }
-        log.configure(16, &SharedLogCapture::collect, 0);
-        previous = NORVA::Syslog::install(&log);
-        NORVA::logThreshold = 7;
-    }
-    ~SharedLogCapture() {
-        NORVA::logThreshold = threshold;
-        NORVA::Syslog::install(previous);
-    }
-    SharedLogCapture(const SharedLogCapture&) = delete;
-    SharedLogCapture& operator=(const SharedLogCapture&) = delete;
-
-    bool has(std::string_view text) const {
-        return any([&](const std::string& line) { return line == text; });
-    }
-    bool hasPrefix(std::string_view prefix) const {
-        return any([&](const std::string& line) { return line.starts_with(prefix); });
-    }
-
-  private:
-    template <class Match>
-    bool any(Match match) const {
-        std::lock_guard<std::mutex> lock(mutex());
-        for (const std::string& line : texts()) {
-            if (match(line)) return true;
-        }
-        return false;
-    }
-    static std::mutex& mutex() {
-        static std::mutex shared;
-        return shared;
-    }
-    static std::vector<std::string>& texts() {
-        static std::vector<std::string> collected;
-        return collected;
-    }
-    static void collect(const char* line) {
-        std::string_view text(line);
-        std::string_view::size_type start = text.find("localhost ");
-        std::lock_guard<std::mutex> lock(mutex());
-        texts().emplace_back(start == std::string_view::npos ? text : text.substr(start + 10));
-    }
-
-    std::int32_t threshold;
-    NORVA::Syslog log;
-    NORVA::Syslog* previous = nullptr;
 };

@@ -143,7 +143,7 @@ class SyncWorkerStream : public ::testing::Test {
 };
 
 TEST_F(SyncWorkerStream, PlaysTheSourceOutInOrderAndDisconnects) {
-    SharedLogCapture log;
+    LogCapture log;
     ScriptedSink sink(script);
     playAndEnd(sink, 100'000);
     expectWholePattern(sink.stream(), 100'000);
@@ -172,7 +172,7 @@ TEST_F(SyncWorkerStream, TagFramingOnADataPortCarriesTheSameStream) {
 }
 
 TEST_F(SyncWorkerStream, LostPacketsAreSentAgainFromThePool) {
-    SharedLogCapture log;
+    LogCapture log;
     script.lose = {30, 31, 90};
     ScriptedSink sink(script);
     playAndEnd(sink, 100'000);
@@ -193,7 +193,7 @@ TEST_F(SyncWorkerStream, LostPacketsAreSentAgainFromThePool) {
 }
 
 TEST_F(SyncWorkerStream, ARequestOlderThanThePoolEndsTheStream) {
-    SharedLogCapture log;
+    LogCapture log;
     ScriptedSink sink(script);
     sync.sourceBytes = ~0ull;
     connectTo(sink);
@@ -207,7 +207,7 @@ TEST_F(SyncWorkerStream, ARequestOlderThanThePoolEndsTheStream) {
 }
 
 TEST_F(SyncWorkerStream, ATargetThatGoesSilentEndsTheStreamWithoutDisconnect) {
-    SharedLogCapture log;
+    LogCapture log;
     ScriptedSink sink(script);
     connectTo(sink);  // not playing: silence flows
     ASSERT_TRUE(sync.waitForCycles(20));
@@ -219,7 +219,7 @@ TEST_F(SyncWorkerStream, ATargetThatGoesSilentEndsTheStreamWithoutDisconnect) {
 }
 
 TEST_F(SyncWorkerStream, ASourceThatFailsWhileConnectedEndsTheStream) {
-    SharedLogCapture log;
+    LogCapture log;
     ScriptedSink sink(script);
     sync.sourceBytes = 5000;
     connectTo(sink);
@@ -249,7 +249,7 @@ TEST_F(SyncWorkerStream, StopKeepsTheStreamGoingInSilence) {
 }
 
 TEST_F(SyncWorkerStream, DisconnectGivesUpOnATargetThatDoesNotAnswer) {
-    SharedLogCapture log;
+    LogCapture log;
     script.answerDisconnect = false;
     ScriptedSink sink(script);
     playAndEnd(sink, 2000);
@@ -278,14 +278,15 @@ TEST_P(SyncWorkerPacing, CarriesTheSourceWhole) {
     playAndEnd(sink, 80'000);
     expectWholePattern(sink.stream(), 80'000);
     if (GetParam() == Pacing::fixedSize) {
-        for (const ScriptedSink::Packet& packet : sink.arrivals()) ASSERT_EQ(packet.body.size(), 40 * frameBytes);
+        for (const ScriptedSink::Packet& packet : sink.arrivals())
+            ASSERT_EQ(packet.body.size(), 40 * frameBytes);
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Profiles, SyncWorkerPacing, ::testing::Values(Pacing::fixedSize, Pacing::random));
 
 TEST_F(SyncWorkerStream, UnderLoadMovesToTheSlowerProfileAndKeepsTheStreamWhole) {
-    SharedLogCapture log;
+    LogCapture log;
     sync.profiles[1] = sync.profiles[0];
     sync.profiles[1].cycle = TimeValue::fromUs(8000);
     sync.profiles[1].sizeQ14 = 192u << 14;  // the same rate in longer cycles
@@ -298,7 +299,8 @@ TEST_F(SyncWorkerStream, UnderLoadMovesToTheSlowerProfileAndKeepsTheStreamWhole)
     EXPECT_TRUE(log.hasPrefix("over time "));
     EXPECT_TRUE(log.has("over time change profile 0 to 1"));
     bool longPackets = false;
-    for (const ScriptedSink::Packet& packet : sink.arrivals()) longPackets |= packet.body.size() > 24 * frameBytes;
+    for (const ScriptedSink::Packet& packet : sink.arrivals())
+        longPackets |= packet.body.size() > 24 * frameBytes;
     EXPECT_TRUE(longPackets) << "the slower profile's packets went out";
 }
 
@@ -326,7 +328,8 @@ TEST_P(SyncWorkerFeedback, MovesPacketSizesTheRightWay) {
     ASSERT_GT(packets.size(), 100u);
     std::uint64_t lateBytes = 0;
     std::size_t late = 0;
-    for (std::size_t i = packets.size() - 40; i < packets.size(); ++i, ++late) lateBytes += packets[i].body.size();
+    for (std::size_t i = packets.size() - 40; i < packets.size(); ++i, ++late)
+        lateBytes += packets[i].body.size();
     double perPacket = double(lateBytes) / double(late);
     if (GetParam().deviation > 0) {
         EXPECT_LT(perPacket, 24.0 * frameBytes);
@@ -339,7 +342,8 @@ TEST_P(SyncWorkerFeedback, MovesPacketSizesTheRightWay) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Encodings, SyncWorkerFeedback,
-                         ::testing::Values(FeedbackCase{1, 4096}, FeedbackCase{1, -4096}, FeedbackCase{2, 6000},
-                                           FeedbackCase{2, -6000}, FeedbackCase{3, 8192}, FeedbackCase{3, -4096}));
+                         ::testing::Values(FeedbackCase{1, 4096}, FeedbackCase{1, -4096},
+                                           FeedbackCase{2, 6000}, FeedbackCase{2, -6000},
+                                           FeedbackCase{3, 8192}, FeedbackCase{3, -4096}));
 
 }  // namespace
