@@ -1,57 +1,16 @@
-// The stream worker's cycle allocates nothing: this binary's global
+// The stream worker's cycle allocates nothing: the test binary's global
 // allocation functions count per thread, and the worker reads its own count
 // from onCycle, so the window covers whole cycles with their sends, waits,
 // feedback and resends.
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstdlib>
-#include <new>
 
+#include "AllocationCounter.h"
 #include "Stream/Sync.h"
 #include "SyncWorkerPeer.h"
 #include "System/Log.h"
 #include "System/Threads.h"
-
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-
-namespace {
-thread_local std::size_t allocations = 0;
-void* counted(std::size_t size) noexcept {
-    ++allocations;
-    return std::malloc(size == 0 ? 1 : size);
-}
-}  // namespace
-
-void* operator new(std::size_t size) {
-    if (void* memory = counted(size)) return memory;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) {
-    if (void* memory = counted(size)) return memory;
-    throw std::bad_alloc();
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return counted(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return counted(size);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-
-#pragma GCC diagnostic pop
 
 namespace {
 
@@ -79,9 +38,9 @@ class CountingSync : public Sync {
     }
     bool onCycle() override {
         std::uint32_t cycle = ++cycles;
-        if (cycle == firstCycle) atFirst = allocations;
+        if (cycle == firstCycle) atFirst = allocationsOnThisThread();
         if (cycle == lastCycle) {
-            atLast = allocations;
+            atLast = allocationsOnThisThread();
             measured = true;
         }
         return true;
