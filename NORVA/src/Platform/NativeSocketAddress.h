@@ -1,8 +1,10 @@
-// Conversions between SocketAddress6 and the system's socket address
-// records, whose layout Winsock and BSD sockets share. Included by each
-// system's Sockets.cpp after its own socket headers.
+// What Winsock and BSD sockets share: the layout of the socket address
+// records, and the levels and names of the plain integer socket options.
+// Included by each system's socket and interface code after its own socket
+// headers.
 #pragma once
 
+#include <cstdint>
 #include <cstring>
 
 #include "Platform/Platform.h"
@@ -33,6 +35,50 @@ inline void fromNative(const sockaddr_storage& native, SocketAddress6& address) 
         std::memcpy(address.bytes + 12, &v4.sin_addr, 4);
         address.portNetworkOrder = v4.sin_port;
     }
+}
+
+// The 16 address bytes of an interface address of the family asked for;
+// IPv4 in the mapped form.
+inline bool addressBytes(const sockaddr* address, bool ipv6, std::uint8_t (&bytes)[16]) {
+    if (ipv6 && address->sa_family == AF_INET6) {
+        std::memcpy(bytes, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, 16);
+        return true;
+    }
+    if (!ipv6 && address->sa_family == AF_INET) {
+        std::memset(bytes, 0, 10);
+        bytes[10] = bytes[11] = 0xff;
+        std::memcpy(bytes + 12, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, 4);
+        return true;
+    }
+    return false;
+}
+
+// The options that both systems set as one integer at the same level and
+// name; false for those each system sets its own way.
+inline bool plainOption(SocketOption option, int& level, int& name) {
+    struct Plain {
+        SocketOption option;
+        int level;
+        int name;
+    };
+    static constexpr Plain plain[] = {
+        {SocketOption::broadcast, SOL_SOCKET, SO_BROADCAST},
+        {SocketOption::noDelay, IPPROTO_TCP, TCP_NODELAY},
+        {SocketOption::reuseAddress, SOL_SOCKET, SO_REUSEADDR},
+        {SocketOption::v6Only, IPPROTO_IPV6, IPV6_V6ONLY},
+        {SocketOption::multicastInterface, IPPROTO_IPV6, IPV6_MULTICAST_IF},
+        {SocketOption::multicastLoop, IPPROTO_IPV6, IPV6_MULTICAST_LOOP},
+        {SocketOption::multicastHops, IPPROTO_IPV6, IPV6_MULTICAST_HOPS},
+        {SocketOption::receiveBufferSize, SOL_SOCKET, SO_RCVBUF},
+        {SocketOption::sendBufferSize, SOL_SOCKET, SO_SNDBUF},
+    };
+    for (const Plain& entry : plain) {
+        if (entry.option != option) continue;
+        level = entry.level;
+        name = entry.name;
+        return true;
+    }
+    return false;
 }
 
 }  // namespace NORVA::Platform

@@ -6,6 +6,7 @@
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,7 +16,7 @@
 #include <cstring>
 #include <map>
 
-#include "Platform/Platform.h"
+#include "Platform/NativeSocketAddress.h"
 
 namespace NORVA::Platform {
 
@@ -39,20 +40,6 @@ std::map<std::string, std::array<std::uint8_t, 6>> hardwareAddresses(const ifadd
         macs[entry->ifa_name] = mac;
     }
     return macs;
-}
-
-bool addressBytes(const sockaddr* address, bool ipv6, std::uint8_t (&bytes)[16]) {
-    if (ipv6 && address->sa_family == AF_INET6) {
-        std::memcpy(bytes, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, 16);
-        return true;
-    }
-    if (!ipv6 && address->sa_family == AF_INET) {
-        std::memset(bytes, 0, 10);
-        bytes[10] = bytes[11] = 0xff;
-        std::memcpy(bytes + 12, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, 4);
-        return true;
-    }
-    return false;
 }
 
 }  // namespace

@@ -153,35 +153,20 @@ bool socketSetNonBlocking(SocketHandle handle, bool nonBlocking) {
 }
 
 bool socketSetOption(SocketHandle handle, SocketOption option, int value) {
+    int level = 0, name = 0;
+    if (plainOption(option, level, name)) return setInt(handle, level, name, value);
     switch (option) {
-        case SocketOption::broadcast:
-            return setInt(handle, SOL_SOCKET, SO_BROADCAST, value);
-        case SocketOption::noDelay:
-            return setInt(handle, IPPROTO_TCP, TCP_NODELAY, value);
-        case SocketOption::reuseAddress:
-            return setInt(handle, SOL_SOCKET, SO_REUSEADDR, value);
         case SocketOption::dontFragment:
             return setNoFragmentation(handle, value != 0, IP_PMTUDISC_DONT);
         case SocketOption::pathMtuDiscovery:
             return setNoFragmentation(handle, value != 0, IP_PMTUDISC_WANT);
-        case SocketOption::v6Only:
-            return setInt(handle, IPPROTO_IPV6, IPV6_V6ONLY, value);
-        case SocketOption::multicastInterface:
-            return setInt(handle, IPPROTO_IPV6, IPV6_MULTICAST_IF, value);
         // Linux has no IPV6_UNICAST_IF; binding the socket to the interface
         // makes it send out of that interface in the same way.
         case SocketOption::unicastInterface:
             return setInt(handle, SOL_SOCKET, SO_BINDTOIFINDEX, value);
-        case SocketOption::multicastLoop:
-            return setInt(handle, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, value);
-        case SocketOption::multicastHops:
-            return setInt(handle, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, value);
-        case SocketOption::receiveBufferSize:
-            return setInt(handle, SOL_SOCKET, SO_RCVBUF, value);
-        case SocketOption::sendBufferSize:
-            return setInt(handle, SOL_SOCKET, SO_SNDBUF, value);
+        default:
+            return false;
     }
-    return false;
 }
 
 bool socketBind6(SocketHandle handle, const SocketAddress6& address) {

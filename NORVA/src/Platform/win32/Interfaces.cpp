@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "Platform/Platform.h"
+#include "Platform/NativeSocketAddress.h"
 
 namespace NORVA::Platform {
 
@@ -22,20 +22,6 @@ std::string toUtf8(const wchar_t* text) {
     WideCharToMultiByte(CP_UTF8, 0, text, -1, result.data(), size, nullptr, nullptr);
     result.resize(std::size_t(size - 1));
     return result;
-}
-
-bool addressBytes(const SOCKADDR* address, bool ipv6, std::uint8_t (&bytes)[16]) {
-    if (ipv6 && address->sa_family == AF_INET6) {
-        std::memcpy(bytes, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, 16);
-        return true;
-    }
-    if (!ipv6 && address->sa_family == AF_INET) {
-        std::memset(bytes, 0, 10);
-        bytes[10] = bytes[11] = 0xff;
-        std::memcpy(bytes + 12, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, 4);
-        return true;
-    }
-    return false;
 }
 
 }  // namespace

@@ -80,34 +80,19 @@ bool socketSetNonBlocking(SocketHandle handle, bool nonBlocking) {
 }
 
 bool socketSetOption(SocketHandle handle, SocketOption option, int value) {
+    int level = 0, name = 0;
+    if (plainOption(option, level, name)) return setInt(handle, level, name, value);
     switch (option) {
-        case SocketOption::broadcast:
-            return setInt(handle, SOL_SOCKET, SO_BROADCAST, value);
-        case SocketOption::noDelay:
-            return setInt(handle, IPPROTO_TCP, TCP_NODELAY, value);
-        case SocketOption::reuseAddress:
-            return setInt(handle, SOL_SOCKET, SO_REUSEADDR, value);
         case SocketOption::dontFragment:
             return setInt(handle, IPPROTO_IP, optionDontFragment, value);
         case SocketOption::pathMtuDiscovery:
             return setInt(handle, IPPROTO_IP, optionMtuDiscover, value);
-        case SocketOption::v6Only:
-            return setInt(handle, IPPROTO_IPV6, IPV6_V6ONLY, value);
-        case SocketOption::multicastInterface:
-            return setInt(handle, IPPROTO_IPV6, IPV6_MULTICAST_IF, value);
         // The IPv6 form takes the interface index in host order.
         case SocketOption::unicastInterface:
             return setInt(handle, IPPROTO_IPV6, optionUnicastInterface, value);
-        case SocketOption::multicastLoop:
-            return setInt(handle, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, value);
-        case SocketOption::multicastHops:
-            return setInt(handle, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, value);
-        case SocketOption::receiveBufferSize:
-            return setInt(handle, SOL_SOCKET, SO_RCVBUF, value);
-        case SocketOption::sendBufferSize:
-            return setInt(handle, SOL_SOCKET, SO_SNDBUF, value);
+        default:
+            return false;
     }
-    return false;
 }
 
 bool socketBind6(SocketHandle handle, const SocketAddress6& address) {
