@@ -144,6 +144,16 @@ bool sinkCycle(const std::string& text, VELMORA::StreamSinkConfig& stream) {
 
 }  // namespace
 
+bool TargetOptions::rawFramesFit(std::string& error) {
+    if (!stream.raw.interfaceName.empty()) {
+        stream.msa |= VELMORA::channelOffersRawFrames;
+    } else if ((stream.msa & VELMORA::channelOffersRawFrames) != 0) {
+        error = "--modes with raw frames (4) needs --raw IFNAME";
+        return false;
+    }
+    return true;
+}
+
 VELMORA::StreamSinkConfig TargetOptions::defaultStream() {
     VELMORA::StreamSinkConfig stream;
     // Every address: a host on the link reaches the sink where it found the target.
@@ -170,7 +180,8 @@ const char* TargetOptions::usage() {
            "  --data-min N, --data-req N, --data-max N, --cycle-data-max N   packet sizes\n"
            "  --link-mtu N              leave size probes above N unanswered\n"
            "  --sink-cycle MIN,MAX,PROFILE   cycle limits in units of 10 us, profile bits\n"
-           "  --modes N                 transfer modes offered (2: mode2, 4: raw frames)\n"
+           "  --modes N                 transfer modes offered (2: mode2, 4: raw frames, with --raw)\n"
+           "  --raw IFNAME              offer raw frames, taken by a packet socket on IFNAME\n"
            "  --silent-datasize, --silent-modes   leave those questions unanswered\n"
            "  --invert-phase            report an inverting sink\n"
            "  sinks play what they receive:\n"
@@ -248,6 +259,7 @@ bool TargetOptions::parse(int argc, char** argv, std::string& error) {
         {"--link-mtu", numeric(stream.linkMtu)},
         {"--sink-cycle", [&](const std::string& v) { return sinkCycle(v, stream); }},
         {"--modes", numeric(stream.msa)},
+        {"--raw", text(stream.raw.interfaceName)},
         {"--wav", text(stream.play.wavPath)},
         {"--ppm", [&](const std::string& v) { return real(v, -1e5, 1e5, stream.play.ppm); }},
         {"--drop", [&](const std::string& v) { return real(v, 0, 1, stream.play.dropShare); }},
@@ -291,5 +303,5 @@ bool TargetOptions::parse(int argc, char** argv, std::string& error) {
         }
     }
     withLog = !noLogSocket;
-    return true;
+    return rawFramesFit(error);
 }

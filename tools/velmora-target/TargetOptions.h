@@ -31,6 +31,8 @@ struct TargetOptions {
     // False with `error` set on a bad argument.
     bool parse(int argc, char** argv, std::string& error);
     static const char* usage();
+    // --raw offers raw frames; raw frames offered without it can't be taken.
+    bool rawFramesFit(std::string& error);
     // Stereo PCM of 16, 24 and 32 bits at 44.1 and 48 kHz times 1 to 8.
     static VELMORA::StreamSinkConfig defaultStream();
 };

@@ -41,7 +41,7 @@ bool StreamSink::start() {
     dataBound = config.address;
     dataBound.setPort(0);
     if (!socket.openNonBlocking() || !socket.bind(bound) || !dataSocket.openNonBlocking() ||
-        !dataSocket.bind(dataBound)) {
+        !dataSocket.bind(dataBound) || !raw.open()) {
         LogLine(3) << "StreamSink can't bind " << config.address.toStringPort() << " error "
                    << socket.lastError << " " << dataSocket.lastError;
         socket.close();
@@ -51,6 +51,7 @@ bool StreamSink::start() {
     sockets.clear();
     sockets.add(socket);
     sockets.add(dataSocket);
+    if (raw.enabled()) sockets.add(raw.socket);
     stopping = false;
     thread = std::thread([this] { run(); });
     LogLine(6) << "StreamSink answers on " << bound.toStringPort();
@@ -63,6 +64,7 @@ void StreamSink::stop() {
     thread.join();
     socket.close();
     dataSocket.close();
+    raw.close();
     connected = false;
     endStream();
 }
@@ -94,6 +96,7 @@ void StreamSink::run() {
         }
         if (ready != 2) continue;
         if (sockets.isReady(dataSocket)) receiveData();
+        if (sockets.isReady(raw.socket)) receiveRaw();
         if (!sockets.isReady(socket)) continue;
         std::size_t received = 0;
         IPAddress from;
@@ -150,6 +153,7 @@ void StreamSink::handle(const Receive& request, const IPAddress& from) {
         return;
     }
     record(request);
+    requester = from;
     SendBuffer reply;
     if (!answer(request, reply)) return;
     if (!socket.sendTo(from, true, reply.bytes.data, reply.bytes.size)) {
@@ -264,15 +268,17 @@ bool StreamSink::connectAnswer(const Receive& request, SendBuffer& reply) {
     bool offered =
         wanted.msMode == msModeNone || (config.answerSynchroChannel && wanted.msMode == msMode1) ||
         (config.answerSynchroChannel && wanted.msMode == msMode2 && (config.msa & channelOffersMode2) != 0);
-    // Raw frames need a link path that this sink doesn't have.
+    ConnectAnswer route;
+    // Raw frames need an interface to take them on, and the host's address there.
+    if (wanted.msMode == msModeRawFrames)
+        offered = config.answerSynchroChannel && raw.enabled() && raw.connect(wanted, requester, route);
     if (!offered) {
         LogLine(4) << "StreamSink refuses transfer mode " << wanted.msMode;
         refuse(reply, request.type());
         return true;
     }
-    ConnectAnswer route;
     route.statusPort = port();
-    route.dataPort = wanted.msMode == msModeNone ? 0 : dataPort();
+    if (wanted.msMode == msMode1 || wanted.msMode == msMode2) route.dataPort = dataPort();
     route.sinkInvert = config.invertPhase;
     buildConnectAnswer(reply, request.type(), route);
     mode = wanted.msMode;

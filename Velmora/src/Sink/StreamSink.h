@@ -24,6 +24,7 @@
 #include "Network/SocketSet.h"
 #include "Protocol/Receive.h"
 #include "Sink/SinkPlayout.h"
+#include "Sink/SinkRaw.h"
 #include "Stream/StreamMessages.h"
 
 namespace VELMORA {
@@ -65,6 +66,9 @@ struct StreamSinkConfig {
 
     // The phase bits of the connect answer and of feedback.
     bool invertPhase = false;
+
+    // Raw frames (offered in `msa` too): the interface they arrive on.
+    SinkRawConfig raw;
 
     // How the stream is played, and where its statistics go at its end
     // (empty: nowhere).
@@ -127,6 +131,7 @@ class StreamSink {
     // One audio packet, in any framing; answers go back to `from`.
     void play(const SinkPlayout::Packet& packet, const NORVA::IPAddress& from);
     void receiveData();
+    void receiveRaw();
     void endStream();
 
     const StreamSinkConfig config;
@@ -142,6 +147,8 @@ class StreamSink {
     std::uint16_t grantedLatency = 0;  // units of 100 us, the last granted
     SinkPlayout playout;
     std::vector<std::uint8_t> datagram;
+    SinkRaw raw{config.raw};
+    NORVA::IPAddress requester;  // the sender of the request being answered
 
     mutable std::mutex seenMutex;
     std::deque<Request> seen;

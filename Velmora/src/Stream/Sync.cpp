@@ -15,7 +15,8 @@ using NORVA::TimeValue;
 
 namespace VELMORA {
 
-Sync::Sync() {
+Sync::Sync() : ownedRawSocket(NORVA::UDPV6::create(true)) {
+    rawSocket = ownedRawSocket.get();
     transfer.cycle = TimeValue::fromMs(1000);
     transfer.packetCount = 1;
 }
@@ -48,6 +49,7 @@ bool Sync::open(std::uint32_t flags, TimeValue infoCycle, std::uint16_t scope, c
     IPAddress any;
     any.setScope(scope);
     if (!Connection::open(any)) return false;
+    resetRawSocket();
 
     maxPacketSize = 1432;
     maxPacketCount = 10;

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -116,7 +117,7 @@ class Sync : public Connection {
     // connectWait's bound on a connection that doesn't come up.
     NORVA::TimeValue connectWaitLimit = NORVA::TimeValue::fromSeconds(50);
 
-    // With a socket of its own. This build has no raw frame path.
+    // With sockets of its own, the raw frame path's among them.
     Sync();
     // With the caller's sockets; `raw` may be null.
     Sync(NORVA::UDPV6& shared, NORVA::UDPV6* raw);
@@ -183,7 +184,13 @@ class Sync : public Connection {
     bool exchangeSinkInfo(const NORVA::IPAddress& target);
     bool exchangeLatency(const NORVA::IPAddress& target, NORVA::TimeValue latencyBuffer);
     bool exchangeTransferMode(const NORVA::IPAddress& target);
-    bool offerRawFrames();
+    // Opens the raw path on the interface of `target`: whether it can carry
+    // the stream.
+    bool offerRawFrames(const NORVA::IPAddress& target);
+    // Frees the raw path when the stream goes another way.
+    void keepRawFramesFor(std::uint32_t mode);
+    // A raw socket of its own starts each open afresh.
+    void resetRawSocket();
     void exchangeDataSize(const NORVA::IPAddress& target, std::uint32_t mtu);
     std::uint16_t probe(const NORVA::IPAddress& target, std::uint32_t candidate, std::uint32_t req);
     bool probeTry(const NORVA::IPAddress& target, std::uint32_t size, std::uint32_t& echoed);
@@ -194,6 +201,7 @@ class Sync : public Connection {
 
     std::uint32_t probeSeed = 0;
     std::uint8_t hostMac[6] = {};  // raw frames: the interface that sends them
+    std::unique_ptr<NORVA::UDPV6> ownedRawSocket;
 };
 
 }  // namespace VELMORA

@@ -120,7 +120,7 @@ bool Sync::exchangeTransferMode(const IPAddress& target) {
     bool mode2 = (msa & channelOffersMode2) != 0;
     bool rawFrames = (msa & channelOffersRawFrames) != 0;
     // Offered whether or not the sink answered, as the raw path opens here.
-    if (!offerRawFrames() || (threadFlags & ThreadFlag::noRawFrames) != 0) rawFrames = false;
+    if (!offerRawFrames(target) || (threadFlags & ThreadFlag::noRawFrames) != 0) rawFrames = false;
     if (!answered) {
         msMode = msModeNone;
     } else if (rawFrames) {
@@ -128,13 +128,9 @@ bool Sync::exchangeTransferMode(const IPAddress& target) {
     } else {
         msMode = mode2 ? msMode2 : msMode1;
     }
+    keepRawFramesFor(msMode);
     LogLine(6) << "SYNCHRO_CHANNEL_REQ msa=" << msa;
     return true;
-}
-
-bool Sync::offerRawFrames() {
-    // This build has no raw frame path to open.
-    return false;
 }
 
 void Sync::exchangeDataSize(const IPAddress& target, std::uint32_t mtu) {

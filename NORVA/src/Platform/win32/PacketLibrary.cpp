@@ -36,4 +36,17 @@ bool packetSendQueueRequired() {
     return true;
 }
 
+// The receiving end is a target's, and the target program runs on Linux.
+SocketHandle packetSocketOpen(const char*, std::uint16_t, int& error) {
+    error = ERROR_NOT_SUPPORTED;
+    return noSocket;
+}
+
+std::int64_t packetSocketReceive(SocketHandle, void*, std::size_t, int& error) {
+    error = ERROR_NOT_SUPPORTED;
+    return -1;
+}
+
+void packetSocketClose(SocketHandle) {}
+
 }  // namespace NORVA::Platform

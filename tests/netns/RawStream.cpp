@@ -1,0 +1,196 @@
+// A whole stream across a real link, in whatever transfer mode the set-up
+// settles on: the host side finds the target's first sink, connects, plays
+// a counted pattern and ends; the compare side reads the sink's WAV file
+// and checks that it holds the pattern bit for bit between silences.
+//
+//     netns_raw_stream play ADDRESS%SCOPE THREAD_FLAGS SECONDS
+//     netns_raw_stream compare WAV SECONDS
+//
+// The pattern is 16-bit stereo at 48 kHz in 875 us cycles of 4 packets of
+// 10 or 11 frames, so raw frames come both short (40 bytes of audio, below
+// the Ethernet minimum) and full-sized (44 bytes).
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "Discovery/Find.h"
+#include "Stream/Sync.h"
+#include "System/Log.h"
+#include "System/Threads.h"
+
+namespace {
+
+using NORVA::TimeValue;
+using namespace VELMORA;
+
+const FormatID stereoS16At48k(0x202u, 0x000Cu);
+constexpr std::uint32_t frameBytes = 4;
+constexpr std::uint32_t bytesPerSecond = 48000 * frameBytes;
+
+// Byte n of the source; never 0, so silence and audio can't be confused.
+std::uint8_t patternByte(std::uint64_t n) {
+    return std::uint8_t(1 + n % 251);
+}
+
+class PatternSync : public Sync {
+  public:
+    std::uint64_t sourceBytes = 0;
+    std::atomic<std::uint64_t> given{0};
+
+    ~PatternSync() override {
+        connectState = idle;
+        joinWorker();
+    }
+    bool getBuffer(StreamChunk& out) override {
+        std::uint64_t at = given;
+        if (at >= sourceBytes) return false;
+        std::uint32_t size = std::uint32_t(std::min<std::uint64_t>(chunk.size(), sourceBytes - at));
+        for (std::uint32_t i = 0; i < size; ++i) chunk[i] = patternByte(at + i);
+        given = at + size;
+        out = {chunk.data(), size};
+        return true;
+    }
+
+  private:
+    std::array<std::uint8_t, 1000> chunk{};
+};
+
+const char* modeName(std::uint32_t mode) {
+    switch (mode) {
+        case msModeRawFrames:
+            return "RFS";
+        case msMode2:
+            return "mode2";
+        case msMode1:
+            return "mode1";
+        default:
+            return "none";
+    }
+}
+
+int play(const char* address, std::uint32_t flags, std::uint32_t seconds) {
+    NORVA::IPAddress target;
+    if (!target.parse(address)) return 2;
+    FindSettings settings;
+    settings.filterId = anyProductId;
+    Find find(settings);
+    std::uint32_t mtu = 0;
+    NORVA::IPAddress sink;
+    TargetRecord record;
+    if (!find.open() || !find.measureMtu(target, mtu) || !find.readTarget(target, 0, sink, record) ||
+        sink.isAnyNoPort()) {
+        std::printf("no target or sink at %s\n", address);
+        return 1;
+    }
+    PatternSync sync;
+    // The host's thread priority is the machine's business, not this test's.
+    if (!sync.open(flags | ThreadFlag::keepPriority, TimeValue::fromMs(50), std::uint16_t(sink.scope()),
+                   "netns host", 0, -1, -1, 0) ||
+        !sync.getInfo(sink, TimeValue(), false, mtu) || !sync.format.setFormat(stereoS16At48k)) {
+        std::puts("the sink's set-up failed");
+        return 1;
+    }
+    TransferProfile& profile = sync.profiles[0];
+    profile.cycle = TimeValue::fromUs(875);
+    profile.packetCount = 4;
+    profile.sizeQ14 = 21u << 13;  // 10.5 frames
+    profile.dataSize = 11 * frameBytes;
+    profile.mode = transferFix;
+    sync.profileCount = 1;
+    sync.sourceBytes = std::uint64_t(seconds) * bytesPerSecond;
+
+    std::printf("mode=%s\n", modeName(sync.msMode));
+    std::fflush(stdout);
+    if (!sync.connectPrepare() || !sync.connect() || !sync.connectWait() ||
+        sync.connectState != Sync::connected) {
+        std::puts("the stream didn't connect");
+        return 1;
+    }
+    sync.play();
+    sync.requestDisconnect();  // plays the source out first
+    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(seconds + 20);
+    while (sync.connectState != Sync::idle && std::chrono::steady_clock::now() < limit) {
+        NORVA::sleepMilliseconds(20);
+    }
+    bool ended = sync.connectState == Sync::idle;
+    sync.joinWorker();
+    std::printf("source %llu of %llu bytes given, %s\n", static_cast<unsigned long long>(sync.given.load()),
+                static_cast<unsigned long long>(sync.sourceBytes), ended ? "ended" : "still running");
+    return ended && sync.given == sync.sourceBytes ? 0 : 1;
+}
+
+// The data chunk of a RIFF/WAVE file.
+bool wavData(const char* path, std::vector<std::uint8_t>& data) {
+    std::ifstream file(path, std::ios::binary);
+    std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(file), {}};
+    for (std::size_t at = 12; at + 8 <= bytes.size();) {
+        std::uint32_t size = std::uint32_t(bytes[at + 4] | bytes[at + 5] << 8 | bytes[at + 6] << 16) |
+                             std::uint32_t(bytes[at + 7]) << 24;
+        if (std::memcmp(bytes.data() + at, "data", 4) == 0) {
+            if (at + 8 + size > bytes.size()) return false;
+            data.assign(bytes.begin() + std::ptrdiff_t(at + 8),
+                        bytes.begin() + std::ptrdiff_t(at + 8 + size));
+            return true;
+        }
+        at += 8 + size + (size & 1);
+    }
+    return false;
+}
+
+int compare(const char* path, std::uint32_t seconds) {
+    std::vector<std::uint8_t> data;
+    if (!wavData(path, data)) {
+        std::printf("%s has no complete data chunk\n", path);
+        return 1;
+    }
+    const std::uint64_t source = std::uint64_t(seconds) * bytesPerSecond;
+    auto first = std::find_if(data.begin(), data.end(), [](std::uint8_t b) { return b != 0; });
+    std::size_t lead = std::size_t(first - data.begin());
+    if (lead % frameBytes != 0 || data.size() < lead + source) {
+        std::printf("%zu bytes of silence, then %zu of %llu bytes of the source\n", lead, data.size() - lead,
+                    static_cast<unsigned long long>(source));
+        return 1;
+    }
+    std::uint64_t wrong = 0;
+    for (std::uint64_t n = 0; n < source; ++n) wrong += data[lead + n] != patternByte(n);
+    bool silentEnd = std::all_of(data.begin() + std::ptrdiff_t(lead + source), data.end(),
+                                 [](std::uint8_t b) { return b == 0; });
+    std::printf("%zu bytes of silence, the source with %llu bytes wrong, then %zu bytes of %s\n", lead,
+                static_cast<unsigned long long>(wrong), data.size() - lead - source,
+                silentEnd ? "silence" : "something else");
+    return wrong == 0 && silentEnd ? 0 : 1;
+}
+
+}  // namespace
+
+void printLine(const char* line) {
+    std::fprintf(stderr, "%s\n", line);
+}
+
+int main(int argc, char** argv) {
+    if (argc == 5 && std::strcmp(argv[1], "play") == 0) {
+        // The host's log, to explain a failure.
+        NORVA::Syslog log;
+        log.configure(16, &printLine, 0);
+        NORVA::Syslog::install(&log);
+        NORVA::logThreshold = 3;
+        int result = play(argv[2], std::uint32_t(std::strtoul(argv[3], nullptr, 0)),
+                          std::uint32_t(std::strtoul(argv[4], nullptr, 0)));
+        NORVA::Syslog::install(nullptr);
+        return result;
+    }
+    if (argc == 4 && std::strcmp(argv[1], "compare") == 0) {
+        return compare(argv[2], std::uint32_t(std::strtoul(argv[3], nullptr, 0)));
+    }
+    std::fputs("usage: netns_raw_stream play ADDRESS%SCOPE THREAD_FLAGS SECONDS | compare WAV SECONDS\n",
+               stderr);
+    return 2;
+}
