@@ -12,6 +12,7 @@
 
 #include "Protocol/MessageTypes.h"
 #include "Protocol/Send.h"
+#include "ScratchFile.h"
 #include "Stream/StreamMessages.h"
 
 namespace {
@@ -187,9 +188,9 @@ TEST(SinkPlay, DeliberateLossDropsAShareAndTheRestFollowsWithResends) {
 }
 
 TEST(SinkPlay, TheWavHoldsTheStreamInOrder) {
-    std::string path = ::testing::TempDir() + "velmora-sinkplay.wav";
+    ScratchFile wav("velmora-sinkplay", ".wav");
     SinkPlayConfig settings;
-    settings.wavPath = path;
+    settings.wavPath = wav.path;
     SinkPlayout sink(settings);
     ASSERT_TRUE(sink.start(stereoS32At48k, latencyUs));
     Feed feed{sink};
@@ -199,7 +200,7 @@ TEST(SinkPlay, TheWavHoldsTheStreamInOrder) {
     feed.stream(2);
     sink.end();
 
-    std::ifstream in(path, std::ios::binary);
+    std::ifstream in(wav.path, std::ios::binary);
     std::vector<std::uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     std::vector<std::uint8_t> expected;
     for (std::uint16_t sequence = 0; sequence < 5; ++sequence) {
@@ -208,14 +209,15 @@ TEST(SinkPlay, TheWavHoldsTheStreamInOrder) {
     }
     ASSERT_EQ(file.size(), 44 + expected.size());
     EXPECT_TRUE(std::equal(expected.begin(), expected.end(), file.begin() + 44));
-    auto u32 = [&](std::size_t at) { return file[at] | file[at + 1] << 8 | file[at + 2] << 16 | file[at + 3] << 24; };
+    auto u32 = [&](std::size_t at) {
+        return file[at] | file[at + 1] << 8 | file[at + 2] << 16 | file[at + 3] << 24;
+    };
     EXPECT_EQ(u32(4), file.size() - 8);
     EXPECT_EQ(u32(24), 48000u);
     EXPECT_EQ(u32(28), 48000u * 8);
     EXPECT_EQ(file[32], 8);   // block align
     EXPECT_EQ(file[34], 32);  // bits
     EXPECT_EQ(u32(40), expected.size());
-    std::remove(path.c_str());
 }
 
 }  // namespace
