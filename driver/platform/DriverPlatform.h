@@ -41,8 +41,9 @@ struct ServerRegistration {
 };
 
 // Writes (or removes) the in-process server's class entries and its ASIO
-// driver key. True when every step worked; where the system has no registry
-// there is nothing to do, and the answer is true.
+// driver key. False only when the library can't find its own file; a refused
+// registry call is logged and the other steps still run. Where the system has
+// no registry there is nothing to do, and the answer is true.
 bool registerServer(const ServerRegistration& registration);
 bool unregisterServer(const ServerRegistration& registration);
 

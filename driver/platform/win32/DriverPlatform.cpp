@@ -9,6 +9,8 @@
 #include <shellapi.h>
 #include <shlobj.h>
 
+#include "System/Log.h"
+
 namespace DriverPlatform {
 
 namespace {
@@ -72,35 +74,36 @@ std::string readDefaultValue(HKEY root, const std::string& path) {
     return value;
 }
 
-bool deleteTree(HKEY root, const std::string& path) {
-    return RegDeleteTreeA(root, path.c_str()) == ERROR_SUCCESS;
+// A registry call that fails doesn't stop the registration: the rest is
+// still written, and the failure goes to the log.
+void logRefusal(const char* call, const std::string& path, LONG result) {
+    if (result != ERROR_SUCCESS) NORVA::LogLine(3) << call << " " << path << " error " << result;
+}
+
+void deleteTree(HKEY root, const std::string& path) {
+    logRefusal("RegDeleteTree", path, RegDeleteTreeA(root, path.c_str()));
 }
 
 // Opens the key for writing, making it if it isn't there; null on failure.
 HKEY createKey(HKEY root, const std::string& path) {
     HKEY key = nullptr;
-    if (RegCreateKeyExA(root, path.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &key, nullptr) !=
-        ERROR_SUCCESS) {
-        return nullptr;
-    }
-    return key;
+    LONG result = RegCreateKeyExA(root, path.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &key, nullptr);
+    logRefusal("RegCreateKey", path, result);
+    return result == ERROR_SUCCESS ? key : nullptr;
 }
 
-bool makeKey(HKEY root, const std::string& path) {
-    HKEY key = createKey(root, path);
-    if (key == nullptr) return false;
-    RegCloseKey(key);
-    return true;
+void makeKey(HKEY root, const std::string& path) {
+    if (HKEY key = createKey(root, path)) RegCloseKey(key);
 }
 
 // Sets one string value (null name: the default value) of the key.
-bool setValue(HKEY root, const std::string& path, const char* name, const std::string& value) {
+void setValue(HKEY root, const std::string& path, const char* name, const std::string& value) {
     HKEY key = createKey(root, path);
-    if (key == nullptr) return false;
-    LONG result = RegSetValueExA(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-                                 DWORD(value.size() + 1));
+    if (key == nullptr) return;
+    logRefusal("RegSetValue", path,
+               RegSetValueExA(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+                              DWORD(value.size() + 1)));
     RegCloseKey(key);
-    return result == ERROR_SUCCESS;
 }
 
 const std::string asioRoot = "SOFTWARE\\ASIO";
@@ -159,37 +162,31 @@ bool registerServer(const ServerRegistration& registration) {
     const std::string serverKey = classKey + "\\InprocServer32";
     const std::string driverKey = asioRoot + "\\" + registration.name;
 
-    // Every step is tried, so that one refused key doesn't leave the rest
-    // stale; any refusal makes the answer false.
-    bool done = true;
-    bool current = false;
-    if (keyExists(HKEY_CLASSES_ROOT, classKey)) {
-        current = lowered(readDefaultValue(HKEY_CLASSES_ROOT, serverKey)) == modulePath;
-        if (!current) done &= deleteTree(HKEY_CLASSES_ROOT, classKey);
-    }
-    if (!current) {
-        done &= setValue(HKEY_CLASSES_ROOT, classKey, nullptr, registration.name);
-        done &= setValue(HKEY_CLASSES_ROOT, serverKey, nullptr, modulePath);
-        done &= setValue(HKEY_CLASSES_ROOT, serverKey, "ThreadingModel", "Apartment");
+    // The class entries stay as they are when they name this file already.
+    const bool classKeyFound = keyExists(HKEY_CLASSES_ROOT, classKey);
+    if (!classKeyFound || lowered(readDefaultValue(HKEY_CLASSES_ROOT, serverKey)) != modulePath) {
+        if (classKeyFound) deleteTree(HKEY_CLASSES_ROOT, classKey);
+        setValue(HKEY_CLASSES_ROOT, classKey, nullptr, registration.name);
+        setValue(HKEY_CLASSES_ROOT, serverKey, nullptr, modulePath);
+        setValue(HKEY_CLASSES_ROOT, serverKey, "ThreadingModel", "Apartment");
     }
     if (!keyExists(HKEY_LOCAL_MACHINE, asioRoot)) {
-        done &= makeKey(HKEY_LOCAL_MACHINE, asioRoot);
+        makeKey(HKEY_LOCAL_MACHINE, asioRoot);
     } else if (keyExists(HKEY_LOCAL_MACHINE, driverKey)) {
-        done &= deleteTree(HKEY_LOCAL_MACHINE, driverKey);
+        deleteTree(HKEY_LOCAL_MACHINE, driverKey);
     }
-    done &= setValue(HKEY_LOCAL_MACHINE, driverKey, "CLSID", registration.classIdText);
-    done &= setValue(HKEY_LOCAL_MACHINE, driverKey, "Description", registration.name);
-    return done;
+    setValue(HKEY_LOCAL_MACHINE, driverKey, "CLSID", registration.classIdText);
+    setValue(HKEY_LOCAL_MACHINE, driverKey, "Description", registration.name);
+    return true;
 }
 
 bool unregisterServer(const ServerRegistration& registration) {
     if (modulePathLowered().empty()) return false;
     const std::string classKey = "CLSID\\" + registration.classIdText;
     const std::string driverKey = asioRoot + "\\" + registration.name;
-    bool done = true;
-    if (keyExists(HKEY_CLASSES_ROOT, classKey)) done &= deleteTree(HKEY_CLASSES_ROOT, classKey);
-    if (keyExists(HKEY_LOCAL_MACHINE, driverKey)) done &= deleteTree(HKEY_LOCAL_MACHINE, driverKey);
-    return done;
+    if (keyExists(HKEY_CLASSES_ROOT, classKey)) deleteTree(HKEY_CLASSES_ROOT, classKey);
+    if (keyExists(HKEY_LOCAL_MACHINE, driverKey)) deleteTree(HKEY_LOCAL_MACHINE, driverKey);
+    return true;
 }
 
 }  // namespace DriverPlatform
