@@ -1,0 +1,54 @@
+// The audio the player hands the driver, made before start in the sample
+// type the driver asked for, one byte array per channel, so that the
+// callbacks only copy.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "WavFile.h"
+#include "asio/Asio.h"
+
+struct SignalSpec {
+    enum Kind { sine, noise };
+    Kind kind = sine;
+    double frequency = 997;
+};
+
+class HostSource {
+  public:
+    // Bits of one sample in the host's buffer; 0 for a type the player
+    // doesn't write.
+    static unsigned sampleBits(ASIOSampleType type);
+    static bool isDsd(ASIOSampleType type) { return type == ASIOSTDSDInt8LSB1 || type == ASIOSTDSDInt8MSB1; }
+    static const char* typeName(ASIOSampleType type);
+
+    // `frames` per channel (single bits for DSD, a multiple of 8). False
+    // with `error` set for a type the player can't write.
+    bool makeSignal(const SignalSpec& signal, ASIOSampleType type, unsigned channels, double rate,
+                    std::uint64_t frames, std::string& error);
+    // The first `frames` of the file, its channel c to the driver's channel c.
+    bool fromWav(const WavData& wav, ASIOSampleType type, std::uint64_t frames, std::string& error);
+
+    // Copies `size` bytes of `channel` from `offset` on; past the end of the
+    // source, silence. Real-time safe.
+    void fill(unsigned channel, std::uint64_t offset, std::uint8_t* out, std::uint32_t size) const;
+    std::uint64_t bytesPerChannel() const { return length; }
+    unsigned channelCount() const { return unsigned(channelData.size()); }
+
+    // What the driver was given: the source up to `bytesGiven` per channel,
+    // then silence, interleaved; a WAV file for PCM, raw interleaved bytes
+    // for DSD.
+    bool writeGiven(const std::string& path, std::uint64_t bytesGiven, double rate, std::string& error) const;
+
+  private:
+    bool prepare(ASIOSampleType type, unsigned channels, std::uint64_t frames, std::string& error);
+    void encode(double value, std::uint8_t* out) const;
+
+    ASIOSampleType sampleType = ASIOSTInt32LSB;
+    unsigned width = 0;  // bytes per sample; 1 byte per 8 samples for DSD
+    std::uint8_t silence = 0;
+    std::uint64_t length = 0;
+    std::vector<std::vector<std::uint8_t>> channelData;
+};
