@@ -64,6 +64,8 @@ class RegisteredSink {
             std::string suffix = "." + std::to_string(index);
             if (!config.play.wavPath.empty()) config.play.wavPath += suffix;
             if (!config.statsPath.empty()) config.statsPath += suffix;
+            // Raw frames reach every sink on the interface: the link byte says whose.
+            config.raw.linkByte = std::uint8_t(index & 0x7F);
         }
         return config;
     }
