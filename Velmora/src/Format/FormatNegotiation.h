@@ -2,6 +2,7 @@
 // takes, and which copy kernel makes it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "Format/CopyKernel.h"
@@ -49,7 +50,8 @@ class FormatNegotiation {
     SinkFormats sink;
     FormatID sourceFormat;
     FormatID streamFormat;
-    bool hostInvert = false;
+    // The driver may set it while the stream worker reads it at feedback.
+    std::atomic<bool> hostInvert{false};
     bool playInvert = false;
     KernelForm form = KernelForm::plain;
     CopyKernel copyKernel = copyPlain;

@@ -125,7 +125,7 @@ bool SyncBuffer::connect() {
         LogLine(6) << "SyncBuffer::startBufferWorker close thread";
         joinBufferThread();
     }
-    // The stream worker may change threadFlags once it runs.
+    // Read here, on the caller's thread, like every other setting.
     pinBufferThread = (threadFlags & ThreadFlag::occupied) != 0 && cpuOther != -1 && cpuOtherCount >= 1;
     if (!Sync::connect()) return false;
     muteRequested.exchange(0);

@@ -37,6 +37,7 @@ bool SinkPlayout::start(FormatID streamFormat, std::uint32_t latencyUs) {
     streaming = true;
     started = false;
     awaitingResend = false;
+    feedbackOwed = 0;
     receivedFrames = silentFrames = level = 0;
     inUnderrun = hasTransit = false;
     dropState = config.dropSeed != 0 ? config.dropSeed : 1;
@@ -115,8 +116,11 @@ int SinkPlayout::receive(const Packet& packet, Clock::time_point now, Answer (&a
         hasTransit = true;
         receivedFrames += double(packet.size / frameBytes);
     }
+    if (packet.wantsFeedback) ++feedbackOwed;
+    if (packet.queuedBehind) return given;
     playUntil(now);
-    if (packet.wantsFeedback) {
+    if (feedbackOwed != 0) {
+        feedbackOwed = 0;
         ++counts.feedbacks;
         answers[given++] = feedbackAnswer();
     }
@@ -153,7 +157,8 @@ void SinkPlayout::playUntil(Clock::time_point now) {
     if (level > capacity) ++counts.overruns;
     while (now >= nextSample) {
         std::int32_t d = deviationNow();
-        auto ms = std::uint32_t(std::chrono::duration_cast<std::chrono::milliseconds>(nextSample - firstArrival).count());
+        auto ms = std::uint32_t(
+            std::chrono::duration_cast<std::chrono::milliseconds>(nextSample - firstArrival).count());
         counts.deviation.push_back({ms, d});
         counts.deviationLeast = std::min(counts.deviationLeast, d);
         counts.deviationGreatest = std::max(counts.deviationGreatest, d);

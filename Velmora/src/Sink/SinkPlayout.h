@@ -22,22 +22,22 @@
 namespace VELMORA {
 
 struct SinkPlayConfig {
-    double ppm = 0;          // the sink's clock against the nominal rate
-    double dropShare = 0;    // of packets dropped on arrival, 0 to 1
+    double ppm = 0;            // the sink's clock against the nominal rate
+    double dropShare = 0;      // of packets dropped on arrival, 0 to 1
     int feedbackEncoding = 1;  // 1 centred, 2 signed, 3 level
-    std::string wavPath;     // empty: the audio is discarded
+    std::string wavPath;       // empty: the audio is discarded
     std::uint32_t dropSeed = 1;
 };
 
 struct SinkStats {
     struct Deviation {
-        std::uint32_t ms = 0;   // since the stream's first packet
-        std::int32_t q14 = 0;   // as the feedback would say it
+        std::uint32_t ms = 0;  // since the stream's first packet
+        std::int32_t q14 = 0;  // as the feedback would say it
     };
     std::uint64_t packets = 0;  // accepted in sequence
     std::uint64_t bytes = 0;
-    std::uint64_t gaps = 0;       // a missing packet seen
-    std::uint64_t resends = 0;    // requests sent
+    std::uint64_t gaps = 0;     // a missing packet seen
+    std::uint64_t resends = 0;  // requests sent
     std::uint64_t duplicates = 0;
     std::uint64_t outOfOrder = 0;  // after a gap, dropped for the resend
     std::uint64_t dropped = 0;     // on purpose
@@ -47,7 +47,7 @@ struct SinkStats {
     double jitterUs = 0;  // smoothed arrival jitter against stream time
     std::int32_t deviationLeast = 0;
     std::int32_t deviationGreatest = 0;
-    bool playing = false;  // the clock has started
+    bool playing = false;              // the clock has started
     std::vector<Deviation> deviation;  // every 100 ms of play
 
     std::string text() const;
@@ -62,6 +62,10 @@ class SinkPlayout {
         std::uint16_t sequence = 0;
         bool compact = false;  // `sequence` is a 7-bit tag
         bool wantsFeedback = false;
+        // More datagrams wait behind this one: the packet counts, but the
+        // clock isn't read and a feedback request is answered with the last
+        // of them, once all that has arrived is in the buffer.
+        bool queuedBehind = false;
         const std::uint8_t* body = nullptr;
         std::uint32_t size = 0;
     };
@@ -105,7 +109,7 @@ class SinkPlayout {
     bool started = false;  // first packet seen
     FormatID format;
     std::uint32_t frameBytes = 0;
-    double rate = 0;  // frames per second of the sink's clock
+    double rate = 0;    // frames per second of the sink's clock
     double centre = 0;  // frames
     double capacity = 0;
     std::uint16_t expected = 0;
@@ -121,6 +125,7 @@ class SinkPlayout {
     bool hasTransit = false;
     double lastTransitUs = 0;
     std::uint32_t dropState = 1;
+    std::uint32_t feedbackOwed = 0;  // requests among packets queued behind others
     SinkStats counts;
 };
 

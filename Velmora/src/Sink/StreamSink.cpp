@@ -17,6 +17,8 @@ namespace {
 
 // Room for the largest probe a datagram can carry.
 constexpr std::size_t datagramRoom = 65536;
+// Datagrams read in one go at most, so that a flood doesn't hide stop.
+constexpr int drainLimit = 4096;
 
 void refuse(SendBuffer& reply, std::uint16_t requestType) {
     reply.setHeader(awaitedAnswer(requestType), 0);
@@ -26,7 +28,9 @@ void refuse(SendBuffer& reply, std::uint16_t requestType) {
 }  // namespace
 
 StreamSink::StreamSink(const StreamSinkConfig& settings)
-    : config(settings), bound(settings.address), playout(settings.play), datagram(datagramRoom) {}
+    : config(settings), bound(settings.address), playout(settings.play) {
+    for (Datagram& datagram : datagrams) datagram.bytes.resize(datagramRoom);
+}
 
 StreamSink::~StreamSink() {
     stop();
@@ -86,45 +90,76 @@ void StreamSink::endStream() {
     std::fclose(file);
 }
 
+// What has arrived counts before the clock is read: a sink thread that was
+// kept from running must not take its own delay for an underrun, nor tell
+// the host of a buffer lower than it holds.
 void StreamSink::run() {
     while (!stopping.load()) {
         int ready = sockets.wait(pollInterval);
-        playout.advance(SinkPlayout::Clock::now());
         if (ready == 0) {
             LogLine(3) << "StreamSink wait failed, error " << socket.lastError;
             return;
         }
-        if (ready != 2) continue;
-        if (sockets.isReady(dataSocket)) receiveData();
-        if (sockets.isReady(raw.socket)) receiveRaw();
-        if (!sockets.isReady(socket)) continue;
-        std::size_t received = 0;
-        IPAddress from;
-        if (!socket.receiveFrom(datagram.data(), datagram.size(), received, from)) {
-            LogLine(3) << "StreamSink receive failed, error " << socket.lastError;
-            return;
+        if (ready == 2) {
+            if (!drain()) return;
+            if (sockets.isReady(raw.socket)) receiveRaw();
         }
-        Receive request(datagram.data(), std::uint32_t(received));
-        if (received != 0 && request.isValid()) handle(request, from);
+        playout.advance(SinkPlayout::Clock::now());
     }
+}
+
+bool StreamSink::drain() {
+    Datagram* current = &datagrams[0];
+    Datagram* next = &datagrams[1];
+    if (!readOne(*current)) return false;
+    for (int round = 0; current->size != 0 && round < drainLimit; ++round) {
+        if (!readOne(*next)) return false;
+        backlog = next->size != 0;
+        dispatch(*current);
+        std::swap(current, next);
+    }
+    backlog = false;
+    if (current->size != 0) dispatch(*current);
+    return true;
+}
+
+// Audio first: in the compact framings it has a port of its own.
+bool StreamSink::readOne(Datagram& datagram) {
+    for (NORVA::UDPV6* from : {&dataSocket, &socket}) {
+        if (!from->receiveFrom(datagram.bytes.data(), datagram.bytes.size(), datagram.size, datagram.from)) {
+            LogLine(3) << "StreamSink receive failed, error " << from->lastError;
+            return false;
+        }
+        datagram.onDataPort = from == &dataSocket;
+        if (datagram.size != 0) return true;
+    }
+    return true;
+}
+
+void StreamSink::dispatch(const Datagram& datagram) {
+    if (datagram.onDataPort) {
+        receiveData(datagram);
+        return;
+    }
+    Receive request(datagram.bytes.data(), std::uint32_t(datagram.size));
+    if (request.isValid()) handle(request, datagram.from);
 }
 
 // The compact framings: a tag byte after the body (mode 1) or a 16-bit tag
 // ahead of it (mode 2); bit 7 asks for feedback, the rest is the sequence.
-void StreamSink::receiveData() {
-    std::size_t received = 0;
-    IPAddress from;
-    if (!dataSocket.receiveFrom(datagram.data(), datagram.size(), received, from) || received == 0) return;
+void StreamSink::receiveData(const Datagram& datagram) {
+    std::size_t received = datagram.size;
     bool second = mode.load() == msMode2;
     if (received < (second ? 2u : 1u)) return;
-    std::uint8_t tag = second ? datagram[0] : datagram[received - 1];
+    std::uint8_t tag = second ? datagram.bytes[0] : datagram.bytes[received - 1];
     SinkPlayout::Packet packet;
     packet.compact = true;
+    packet.queuedBehind = backlog;
     packet.sequence = tag & 0x7F;
     packet.wantsFeedback = (tag & 0x80) != 0;
-    packet.body = datagram.data() + (second ? 2 : 0);
+    packet.body = datagram.bytes.data() + (second ? 2 : 0);
     packet.size = std::uint32_t(received - 1 - (second ? 1 : 0));
-    play(packet, from);
+    play(packet, datagram.from);
 }
 
 void StreamSink::play(const SinkPlayout::Packet& packet, const IPAddress& from) {
@@ -147,6 +182,7 @@ void StreamSink::handle(const Receive& request, const IPAddress& from) {
         SinkPlayout::Packet packet;
         packet.sequence = request.param0();
         packet.wantsFeedback = (request.flags() & streamWantsFeedback) != 0;
+        packet.queuedBehind = backlog;
         packet.body = request.body();
         packet.size = request.bodySize();
         play(packet, from);

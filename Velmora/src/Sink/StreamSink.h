@@ -20,8 +20,8 @@
 #include "Format/FormatID.h"
 #include "Network/IPAddress.h"
 #include "Network/Socket.h"
-#include "Network/TimeValue.h"
 #include "Network/SocketSet.h"
+#include "Network/TimeValue.h"
 #include "Protocol/Receive.h"
 #include "Sink/SinkPlayout.h"
 #include "Sink/SinkRaw.h"
@@ -130,7 +130,19 @@ class StreamSink {
     void record(const Receive& request);
     // One audio packet, in any framing; answers go back to `from`.
     void play(const SinkPlayout::Packet& packet, const NORVA::IPAddress& from);
-    void receiveData();
+
+    // One datagram as read, held until the next read shows whether more wait.
+    struct Datagram {
+        std::vector<std::uint8_t> bytes;
+        std::size_t size = 0;
+        NORVA::IPAddress from;
+        bool onDataPort = false;
+    };
+    // Reads and handles every datagram that waits; false if a socket failed.
+    bool drain();
+    bool readOne(Datagram& datagram);
+    void dispatch(const Datagram& datagram);
+    void receiveData(const Datagram& datagram);
     void receiveRaw();
     void endStream();
 
@@ -146,7 +158,8 @@ class StreamSink {
     NORVA::SocketSet sockets;
     std::uint16_t grantedLatency = 0;  // units of 100 us, the last granted
     SinkPlayout playout;
-    std::vector<std::uint8_t> datagram;
+    Datagram datagrams[2];
+    bool backlog = false;  // another datagram waits behind the one in hand
     SinkRaw raw{config.raw};
     NORVA::IPAddress requester;  // the sender of the request being answered
 

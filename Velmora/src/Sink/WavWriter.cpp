@@ -26,13 +26,14 @@ bool putAt(std::FILE* file, long offset, std::uint32_t value) {
 
 }  // namespace
 
-bool WavWriter::open(const std::string& path, std::uint32_t rate, std::uint16_t channels, std::uint16_t bits) {
+bool WavWriter::open(const std::string& path, std::uint32_t rate, std::uint16_t channels,
+                     std::uint16_t bits) {
     close();
     file = std::fopen(path.c_str(), "wb");
     if (file == nullptr) return false;
     std::uint16_t blockAlign = std::uint16_t(channels * (bits / 8));
-    std::uint8_t header[headerBytes] = {'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E',
-                                        'f', 'm', 't', ' ', 16, 0, 0, 0};
+    std::uint8_t header[headerBytes] = {'R', 'I', 'F', 'F', 0,   0,   0,  0, 'W', 'A',
+                                        'V', 'E', 'f', 'm', 't', ' ', 16, 0, 0,   0};
     put16(header + 20, 1);  // integer PCM
     put16(header + 22, channels);
     put32(header + 24, rate);

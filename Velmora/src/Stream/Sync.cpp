@@ -168,38 +168,48 @@ void Sync::stop() {
 // ---- The worker ---------------------------------------------------------------
 
 void Sync::workerMain() {
-    bool started = startOnProcessor();
+    // The worker changes only its own copy: the caller's threadFlags stay as
+    // they were set, for the next connect and for other readers.
+    std::uint32_t flags = threadFlags;
+    bool started = startOnProcessor(flags);
     if (started) {
         announceToTarget(true);
-        SyncWorker(*this).run();
+        SyncWorker(*this, flags).run();
         announceToTarget(false);
     }
     setConnectState(idle);
     if (started) LogLine(6) << "wth end";
 }
 
-bool Sync::startOnProcessor() {
-    lowCpu = false;
-    std::uint16_t cpus = NORVA::processorCount();
+WorkerPlacement placementFor(std::uint32_t threadFlags, std::uint16_t cpus, TimeValue firstCycle) {
+    WorkerPlacement placement{threadFlags, false};
     if ((threadFlags & ThreadFlag::noSleepForce) == 0 && cpus <= 2) {
         // Spinning through whole cycles would starve the rest of a small machine.
-        threadFlags &= ~ThreadFlag::noSleep4Core;
-        if (profiles[0].cycle < TimeValue::fromMs(1)) lowCpu = true;
+        placement.flags &= ~ThreadFlag::noSleep4Core;
+        placement.lowCpu = firstCycle < TimeValue::fromMs(1);
     }
-    logWorkerStart(threadFlags, cpus, infoRequestTime);
-    if ((threadFlags & ThreadFlag::keepPriority) != 0) {
+    return placement;
+}
+
+bool Sync::startOnProcessor(std::uint32_t& flags) {
+    std::uint16_t cpus = NORVA::processorCount();
+    WorkerPlacement placement = placementFor(flags, cpus, profiles[0].cycle);
+    flags = placement.flags;
+    lowCpu = placement.lowCpu;
+    logWorkerStart(flags, cpus, infoRequestTime);
+    if ((flags & ThreadFlag::keepPriority) != 0) {
         LogLine(6) << "wth priority kept";
     } else if (NORVA::processLevel() == NORVA::levelCritical) {
         LogLine(6) << "wth Realtime Class not change priority";
     } else {
-        bool critical = (threadFlags & ThreadFlag::critical) != 0;
+        bool critical = (flags & ThreadFlag::critical) != 0;
         if (!NORVA::setCurrentThreadLevel(critical ? NORVA::levelCritical : NORVA::levelHigh)) {
             LogLine(3) << "Worker Thread Priority set Error";
             return false;
         }
         LogLine(6) << "Worker Thread Priority change " << (critical ? "CRITICAL" : "HIGH");
     }
-    return (threadFlags & ThreadFlag::occupied) == 0 || bindToProcessor();
+    return (flags & ThreadFlag::occupied) == 0 || bindToProcessor();
 }
 
 bool Sync::bindToProcessor() {

@@ -24,6 +24,7 @@
 #include "Stream/StreamMessages.h"
 #include "Stream/TransferConfig.h"
 #include "Stream/TransferProfile.h"
+#include "Stream/WorkerTiming.h"
 
 namespace VELMORA {
 
@@ -52,6 +53,15 @@ inline constexpr std::uint32_t noRawFrames = 0x8000;  // never take the raw fram
 // their threads themselves, and for systems that refuse real-time priority.
 inline constexpr std::uint32_t keepPriority = 0x10000;
 }  // namespace ThreadFlag
+
+// How the worker runs on this machine: its own copy of threadFlags, without
+// the spin of NOSLEEP4CORE on 2 processors or fewer (unless forced), and
+// whether a cycle under 1 ms must start on the last, slowest profile.
+struct WorkerPlacement {
+    std::uint32_t flags = 0;
+    bool lowCpu = false;
+};
+WorkerPlacement placementFor(std::uint32_t threadFlags, std::uint16_t cpus, NORVA::TimeValue firstCycle);
 
 class Sync : public Connection {
   public:
@@ -101,7 +111,9 @@ class Sync : public Connection {
     std::array<TransferProfile, profileSlots> profiles{};
     std::int32_t profileCount = 0;
     TransferConfig transfer;
-    bool lowCpu = false;
+    bool lowCpu = false;  // the worker's; read it once the worker has ended
+    // The running stream's correction, cycles and resends, from any thread.
+    WorkerTiming timing;
 
     std::string syncName;  // shown on the target
     std::uint64_t productId = 0;
@@ -174,7 +186,8 @@ class Sync : public Connection {
   private:
     friend class SyncWorker;
 
-    bool startOnProcessor();
+    // `flags`: the worker's copy of threadFlags, which it may change.
+    bool startOnProcessor(std::uint32_t& flags);
     bool bindToProcessor();
     void announceToTarget(bool starting);
     bool exchange(ConnectionBuffer& request, const NORVA::IPAddress& peer, ConnectionBuffer& answer,

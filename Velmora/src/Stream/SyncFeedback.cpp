@@ -22,7 +22,9 @@ constexpr std::uint16_t debugTextAnswer = 2;
 }  // namespace
 
 FeedbackFilter::FeedbackFilter(std::uint32_t averaged)
-    : depth(averaged < 1 ? 1 : averaged > maxDepth ? std::uint32_t(maxDepth) : averaged) {}
+    : depth(averaged < 1          ? 1
+            : averaged > maxDepth ? std::uint32_t(maxDepth)
+                                  : averaged) {}
 
 std::int16_t FeedbackFilter::add(std::int16_t deviation) {
     for (std::size_t i = maxDepth - 1; i > 0; --i) history[i] = history[i - 1];
@@ -52,7 +54,8 @@ TimeValue correctedCycle(TimeValue cycle, std::int16_t adjust) {
 void formatQ14(char (&out)[9], std::int32_t value) {
     std::uint32_t magnitude = std::uint32_t(value < 0 ? -value : value);
     std::uint32_t decimals = ((((magnitude & 0x3FFF) * 100000u) >> 14) + 5) / 10;
-    std::snprintf(out, sizeof out, " %c%u.%04u", value < 0 ? '-' : ' ', (magnitude >> 14) % 10, decimals % 10000);
+    std::snprintf(out, sizeof out, " %c%u.%04u", value < 0 ? '-' : ' ', (magnitude >> 14) % 10,
+                  decimals % 10000);
 }
 
 // ---- The worker's side --------------------------------------------------------------
@@ -111,6 +114,7 @@ SyncWorker::Reading SyncWorker::onResendRequest(const StreamAnswer& answer) {
         return Reading::endStream;
     }
     resendCount = count;
+    sync.timing.resendRequests.fetch_add(1, std::memory_order_relaxed);
     if (ms) {
         LogLine(6) << "   count resend " << answer.resendFrom << "(" << (answer.resendFrom & 0x7F) << ")   "
                    << answer.resendNote << " " << count;
@@ -121,7 +125,7 @@ SyncWorker::Reading SyncWorker::onResendRequest(const StreamAnswer& answer) {
 }
 
 void SyncWorker::onFeedback(const ConnectionBuffer& frame, const StreamAnswer& answer) {
-    filter.add(answer.deviation);
+    sync.timing.adjust.store(filter.add(answer.deviation), std::memory_order_relaxed);
     changeProfileUnderLoad();
     applyCorrection();
     checkPhase(sinkInvertOf(frame.flags()));

@@ -27,7 +27,7 @@ std::int32_t waitModeFor(std::uint32_t threadFlags) {
     // yielding on every pass goes before yielding once.
     std::int32_t variant = (threadFlags & ThreadFlag::yieldAlways) != 0 ? 1
                            : (threadFlags & ThreadFlag::yieldOnce) != 0 ? 2
-                                                                         : 0;
+                                                                        : 0;
     if ((threadFlags & (ThreadFlag::noSleep4Core | ThreadFlag::noSleepForce)) != 0) return 4 + variant;
     if ((threadFlags & ThreadFlag::noShortSleep) != 0) return 1 + variant;
     return 0;
@@ -55,10 +55,15 @@ void logWorkerStart(std::uint32_t threadFlags, std::uint16_t cpus, TimeValue inf
     line << " Info=" << infoRequestTime.toMs();
 }
 
-SyncWorker::SyncWorker(Sync& owner)
-    : sync(owner), socket(*owner.socket), filter(feedbackDepthOf(owner.threadFlags)), random(5489) {}
+SyncWorker::SyncWorker(Sync& owner, std::uint32_t workerFlags)
+    : sync(owner),
+      flags(workerFlags),
+      socket(*owner.socket),
+      filter(feedbackDepthOf(workerFlags)),
+      random(5489) {}
 
 void SyncWorker::run() {
+    sync.timing.clear();
     if (setUp()) loop();
     sync.setConnectState(Sync::idle);
 }
@@ -67,7 +72,7 @@ void SyncWorker::run() {
 
 bool SyncWorker::setUp() {
     const TransferProfile& first = sync.profiles[0];
-    ringSize = poolSizeFor(first, socket.sendDepth(), (sync.threadFlags & ThreadFlag::shortPool) != 0);
+    ringSize = poolSizeFor(first, socket.sendDepth(), (flags & ThreadFlag::shortPool) != 0);
     if (ringSize == 0 || !profilesRunnable()) {
         LogLine(3) << "wth profile not runnable";
         return false;
@@ -97,7 +102,7 @@ bool SyncWorker::setUp() {
     sync.stateChanged.notify_all();
     lastRequest = lastReceived = start;
     LogLine(6) << "redy to play loop start" << std::int32_t(sync.playing.load());
-    socket.waitMode = waitModeFor(sync.threadFlags);
+    socket.waitMode = waitModeFor(flags);
     return true;
 }
 
@@ -183,6 +188,8 @@ bool SyncWorker::runCycle() {
         return false;
     }
     now = TimeValue::now();
+    // nextSend is still the deadline just sent at, or one yet to come.
+    sync.timing.addCycle(nextSend < now ? now - nextSend : TimeValue());
     ratio = 1.0f;
     nextSend = nextSend + cycleLength();
     std::uint32_t packets = packetsThisCycle();
@@ -216,7 +223,8 @@ std::uint32_t SyncWorker::packetsThisCycle() {
     if (nextSend <= now) {
         // A whole cycle is lost: carry two cycles' worth and move on by one.
         LogLine(4) << "over time " << (now - nextSend).toUs() << " " << lateScore;
-        if ((sync.threadFlags & ThreadFlag::noFastFeedback) == 0) {
+        sync.timing.overTime.fetch_add(1, std::memory_order_relaxed);
+        if ((flags & ThreadFlag::noFastFeedback) == 0) {
             packets *= 2;
             doubled = true;
             nextSend = nextSend + cycleTime;

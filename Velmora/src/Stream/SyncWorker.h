@@ -37,7 +37,8 @@ struct PacketSizeRule {
 
 class SyncWorker {
   public:
-    explicit SyncWorker(Sync& sync);
+    // `flags`: the worker's own copy of threadFlags.
+    SyncWorker(Sync& sync, std::uint32_t flags);
     SyncWorker(const SyncWorker&) = delete;
     SyncWorker& operator=(const SyncWorker&) = delete;
 
@@ -47,8 +48,8 @@ class SyncWorker {
   private:
     enum EndState : std::int32_t {
         streaming = 0,
-        sourceEnded = 1,     // silence from here on
-        silenceBuilt = 2,    // a packet has been built since
+        sourceEnded = 1,   // silence from here on
+        silenceBuilt = 2,  // a packet has been built since
         lastFeedbackAsked = 3,
         targetAnswered = 4,  // go on to disconnect
     };
@@ -96,6 +97,7 @@ class SyncWorker {
     const TransferProfile& profile() const { return sync.profiles[std::size_t(profileIndex)]; }
 
     Sync& sync;
+    const std::uint32_t flags;
     NORVA::UDPV6& socket;
     std::uint32_t ringSize = 0;
     std::uint32_t ringMask = 0;

@@ -133,7 +133,7 @@ SyncWorker::ChunkOutcome SyncWorker::takeChunk() {
 }
 
 bool SyncWorker::askFeedback() {
-    if ((sync.threadFlags & ThreadFlag::noStatusRequest) == 0 &&
+    if ((flags & ThreadFlag::noStatusRequest) == 0 &&
         now - lastReceived >= NORVA::TimeValue::fromRaw(infoTime.raw() * 4)) {
         // Quiet for long: ask the status port directly as well.
         if (!socket.send(*statusRequest->frame)) {

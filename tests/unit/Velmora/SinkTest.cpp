@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "LogCapture.h"
 #include "Protocol/Connection.h"
 #include "Protocol/MessageTypes.h"
 #include "Samples/SyncBuffer.h"
@@ -244,5 +245,75 @@ TEST_P(SinkStream, LossIsAskedForAgainAndTheFileStaysExact) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, SinkStream, ::testing::Values(msModeNone, msMode1, msMode2));
+
+class SinkStreamEnd : public ::testing::Test {
+  protected:
+    StreamSinkConfig config;
+    ScratchFile wav{"velmora-sinkend", ".wav"};
+    PatternBuffer host;
+
+    SinkStreamEnd() {
+        config.pcm = FormatID(0xE06u, 0x003Eu);
+        config.latency = 200;
+        config.play.wavPath = wav.path;
+    }
+    void connectTo(StreamSink& sink) {
+        host.targetAddress = sink.address();
+        host.debugAddress = sink.address();
+        ASSERT_TRUE(host.setupRing(48, 8, 0, FormatID()));
+        ASSERT_TRUE(host.connect());
+        ASSERT_TRUE(host.connectWait());
+        ASSERT_EQ(host.connectState, Sync::connected);
+    }
+};
+
+// The sink's inversion comes with its connect answer; the host's may change
+// while the stream runs and takes effect at the next feedback.
+TEST_F(SinkStreamEnd, ThePolarityOfSinkAndHostCombine) {
+    config.invertPhase = true;
+    StreamSink sink(config);
+    ASSERT_TRUE(sink.start());
+    connectTo(sink);
+    EXPECT_TRUE(host.format.playInvert);
+    host.play();
+    NORVA::sleepMilliseconds(300);
+    host.format.hostInvert = true;
+    NORVA::sleepMilliseconds(300);
+    host.stop();
+    host.disconnect();
+    sink.stop();
+    EXPECT_FALSE(host.format.playInvert) << "inverted twice";
+
+    // Silence is 0xFF inverted and 0 plain; the source is neither either way.
+    std::vector<std::uint8_t> audio;
+    for (std::uint8_t b : wavData(wav.path))
+        if (b != 0 && b != 0xFF) audio.push_back(b);
+    ASSERT_EQ(audio.size(), host.filled);
+    std::size_t turn = 0;
+    while (turn < audio.size() && audio[turn] == std::uint8_t(~patternByte(turn))) ++turn;
+    EXPECT_GT(turn, 0u) << "inverted at first";
+    std::size_t wrong = 0;
+    for (std::size_t n = turn; n < audio.size(); ++n) wrong += audio[n] != patternByte(n);
+    EXPECT_EQ(wrong, 0u) << "plain once the host inverts too, from byte " << turn;
+    EXPECT_LT(turn, audio.size());
+}
+
+// A sink that disappears mid-stream: the worker ends after the receive
+// timeout, without a disconnect exchange, and stop and disconnect return.
+TEST_F(SinkStreamEnd, StopAndDisconnectReturnWhenTheSinkHasGone) {
+    LogCapture log;
+    StreamSink sink(config);
+    ASSERT_TRUE(sink.start());
+    connectTo(sink);
+    host.play();
+    NORVA::sleepMilliseconds(200);
+    sink.stop();
+    host.stop();
+    host.disconnect();
+    EXPECT_EQ(host.connectState, Sync::idle);
+    EXPECT_TRUE(log.hasPrefix("   timeout "));
+    EXPECT_FALSE(log.has("DISCONNECT_REQ sent"));
+    EXPECT_TRUE(log.has("done BufferWorker"));
+}
 
 }  // namespace

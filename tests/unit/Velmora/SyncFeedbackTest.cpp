@@ -85,6 +85,23 @@ TEST(SyncWorkerSchedule, WaitModeFollowsTheFlags) {
     EXPECT_EQ(waitModeFor(0x0A00), 6);
 }
 
+TEST(SyncWorkerSchedule, SmallMachinesSpinLessAndStartShortCyclesOnTheLastProfile) {
+    WorkerPlacement two = placementFor(0x0005, 2, TimeValue::fromUs(500));
+    EXPECT_EQ(two.flags, 0x0001u) << "no spin through whole cycles on 2 processors";
+    EXPECT_TRUE(two.lowCpu);
+    EXPECT_EQ(waitModeFor(two.flags), 0);
+    WorkerPlacement forced = placementFor(0x0805, 2, TimeValue::fromUs(500));
+    EXPECT_EQ(forced.flags, 0x0805u);
+    EXPECT_FALSE(forced.lowCpu);
+    EXPECT_EQ(waitModeFor(forced.flags), 4);
+    EXPECT_FALSE(placementFor(0x0005, 2, TimeValue::fromUs(1000)).lowCpu) << "1 ms is not short";
+    WorkerPlacement eight = placementFor(0x0604, 8, TimeValue::fromUs(500));
+    EXPECT_EQ(eight.flags, 0x0604u);
+    EXPECT_FALSE(eight.lowCpu);
+    EXPECT_EQ(feedbackDepthOf(0xE0), 8u);
+    EXPECT_EQ(feedbackDepthOf(0), 1u);
+}
+
 TEST(SyncWorkerSchedule, PoolHoldsASecondOfPacketsAsAPowerOfTwo) {
     TransferProfile profile;
     profile.cycle = TimeValue::fromUs(1000);

@@ -37,6 +37,7 @@ class ScriptedSink {
     struct Packet {
         std::uint16_t seq;
         std::vector<std::uint8_t> body;
+        bool wantsFeedback;
     };
 
     explicit ScriptedSink(SinkScript& script) : script(script) {
@@ -160,7 +161,7 @@ class ScriptedSink {
         if (script.lose.erase(seq) != 0) return;
         {
             std::lock_guard<std::mutex> lock(mutex);
-            arrived.push_back({seq, std::vector<std::uint8_t>(body, body + size)});
+            arrived.push_back({seq, std::vector<std::uint8_t>(body, body + size), wantsFeedback});
             if (seq == expected) {
                 accepted.insert(accepted.end(), body, body + size);
                 ++expected;

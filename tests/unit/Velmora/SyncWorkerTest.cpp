@@ -155,6 +155,14 @@ TEST_F(SyncWorkerStream, PlaysTheSourceOutInOrderAndDisconnects) {
         EXPECT_EQ(packets[i].body.size(), 24 * frameBytes);
     }
     EXPECT_GE(sink.count(MessageType::DISCONNECT_REQ), 1u);
+    // Once the source is out, feedback is asked for exactly once more.
+    auto lastAudio = std::find_if(packets.rbegin(), packets.rend(), [](const ScriptedSink::Packet& packet) {
+        return std::any_of(packet.body.begin(), packet.body.end(), [](std::uint8_t b) { return b != 0; });
+    });
+    ASSERT_NE(lastAudio, packets.rend());
+    EXPECT_EQ(std::count_if(packets.rbegin(), lastAudio,
+                            [](const ScriptedSink::Packet& packet) { return packet.wantsFeedback; }),
+              1);
     EXPECT_TRUE(log.has("buffer Final"));
     EXPECT_TRUE(log.has("DISCONNECT_REQ done"));
     EXPECT_TRUE(log.has("discone done"));
@@ -255,6 +263,60 @@ TEST_F(SyncWorkerStream, DisconnectGivesUpOnATargetThatDoesNotAnswer) {
     playAndEnd(sink, 2000);
     EXPECT_TRUE(log.has("DISCONNECT_REQ ERROR "));
     EXPECT_GT(sink.count(MessageType::DISCONNECT_REQ), 5u) << "asked again while waiting";
+}
+
+TEST_F(SyncWorkerStream, OccupiedBindsTheWorkerToItsProcessorOrEndsBeforeConnecting) {
+    ScriptedSink sink(script);
+    const std::uint32_t flags = ThreadFlag::keepPriority | ThreadFlag::occupied | ThreadFlag::noSleep4Core;
+    sync.threadFlags = flags;
+    {
+        LogCapture log;
+        sync.cpuSend = 0;
+        playAndEnd(sink, 2000);
+        EXPECT_TRUE(log.has("Worker Thread CPU change 0"));
+        EXPECT_EQ(sync.threadFlags, flags) << "the worker changes its own copy only";
+    }
+    {
+        LogCapture log;
+        sync.cpuSend = -1;
+        playAndEnd(sink, 2000);
+        // Processor 2, or on a machine without it processor 1.
+        if (NORVA::processorCount() <= 2) {
+            EXPECT_TRUE(log.has("Worker Thread CPU change 1"));
+        } else {
+            EXPECT_TRUE(log.has("Worker Thread CPU change 2") || log.has("Worker Thread CPU change 1"));
+        }
+    }
+    LogCapture log;
+    sync.cpuSend = 40;  // no such processor
+    std::size_t connects = sink.count(MessageType::CONNECT_REQ);
+    ASSERT_TRUE(sync.connect());
+    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(5)));
+    EXPECT_TRUE(log.has("Worker Thread CPU set error 40"));
+    EXPECT_FALSE(log.has("wth end"));
+    EXPECT_EQ(sink.count(MessageType::CONNECT_REQ), connects) << "nothing went out";
+}
+
+TEST_F(SyncWorkerStream, ASmallMachineStartsCyclesUnderAMillisecondOnTheLastProfile) {
+    LogCapture log;
+    TransferProfile& fast = sync.profiles[0];
+    fast.cycle = TimeValue::fromUs(500);
+    fast.packetCount = 1;
+    sync.profiles[1] = sync.profiles[0];
+    sync.profiles[1].cycle = TimeValue::fromUs(2000);
+    sync.profiles[1].sizeQ14 = 96u << 14;
+    sync.profiles[1].dataSize = 96 * frameBytes;
+    sync.profileCount = 2;
+    ScriptedSink sink(script);
+    playAndEnd(sink, 20'000);
+    expectWholePattern(sink.stream(), 20'000);
+    bool small = NORVA::processorCount() <= 2;
+    EXPECT_EQ(log.has("low cpu change profile 1"), small);
+    EXPECT_EQ(sync.lowCpu, small);
+    std::size_t longPackets = 0;
+    for (const ScriptedSink::Packet& packet : sink.arrivals())
+        longPackets += packet.body.size() == 96 * frameBytes;
+    EXPECT_EQ(longPackets > 0, small) << "the last profile's packets";
 }
 
 // Each way of pacing carries the same audio.

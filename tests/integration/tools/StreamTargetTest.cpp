@@ -1,0 +1,247 @@
+// A stream from a SyncBuffer to the velmora-target program on loopback, set
+// up as the driver does it: 48 kHz, 2 channels of 32 bits, cycles of 1 ms.
+// The sink's WAV must be the source bit for bit after its leading silence,
+// and its buffer must stay near its centre without an underrun, also when
+// the sink's clock runs fast or slow or the path loses packets.
+//
+// Arguments: <velmora-target> <seconds of audio per case>.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../TargetProcess.h"
+#include "Samples/SyncBuffer.h"
+#include "ScratchFile.h"
+#include "System/Threads.h"
+
+namespace {
+
+using NORVA::TimeValue;
+using namespace VELMORA;
+
+std::string toolPath;
+int seconds = 4;
+
+const FormatID stereoS32At48k(0x802u, 0x000Cu);
+constexpr std::uint32_t frameBytes = 8;
+constexpr int latencyUnits = 400;  // 40 ms, in units of 100 us
+// The sink plays from its centre; a quarter of the latency either way is
+// half the centre, in Q14.
+constexpr std::int32_t quarterLatencyQ14 = 8192;
+constexpr std::uint32_t ringSlots = 8;
+constexpr std::uint32_t slotFrames = 192;  // 4 ms
+
+// Byte n of the source; never 0, the silence byte.
+std::uint8_t patternByte(std::uint64_t n) {
+    return std::uint8_t(1 + n % 251);
+}
+
+class PatternSource : public SyncBuffer {
+  public:
+    std::uint64_t filled = 0;  // the buffer worker's alone until the end
+
+    void fillBuffer(StreamBuffer& slot, bool) override {
+        for (std::uint64_t i = 0; i < slot.size; ++i) slot.data[i] = patternByte(filled + i);
+        filled += slot.size;
+    }
+};
+
+// The worker's flags: its high priority where the system grants it, as a
+// driver has it; the priority left alone where it doesn't.
+std::uint32_t workerFlags() {
+    bool granted = false;
+    std::thread([&] { granted = NORVA::setCurrentThreadLevel(NORVA::levelHigh); }).join();
+    return granted ? 0 : ThreadFlag::keepPriority;
+}
+
+// What the sink wrote at the stream's end.
+struct SinkReport {
+    double underruns = -1;
+    double resends = -1;
+    double dropped = -1;
+    std::vector<std::pair<std::uint32_t, std::int32_t>> deviation;  // ms, Q14
+
+    explicit SinkReport(const std::string& path) {
+        std::ifstream in(path);
+        std::string json((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        underruns = number(json, "underruns");
+        resends = number(json, "resends");
+        dropped = number(json, "dropped");
+        std::size_t at = json.find("\"deviation\":[");
+        if (at == std::string::npos) return;
+        const char* p = json.c_str() + at + 13;
+        unsigned ms = 0;
+        int q14 = 0, used = 0;
+        while (std::sscanf(p, "[%u,%d]%n", &ms, &q14, &used) == 2) {
+            deviation.emplace_back(ms, q14);
+            p += used;
+            if (*p == ',') ++p;
+        }
+    }
+
+  private:
+    static double number(const std::string& json, const std::string& key) {
+        std::size_t at = json.find("\"" + key + "\":");
+        return at == std::string::npos ? -1 : std::strtod(json.c_str() + at + key.size() + 3, nullptr);
+    }
+};
+
+std::vector<std::uint8_t> wavData(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::vector<std::uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (file.size() < 44) return {};
+    return std::vector<std::uint8_t>(file.begin() + 44, file.end());
+}
+
+struct Case {
+    const char* name;
+    double ppm;
+    double drop;
+};
+
+class StreamToTarget : public ::testing::TestWithParam<Case> {
+  protected:
+    ScratchFile wav{"velmora-stream-target", ".wav"};
+    ScratchFile json{"velmora-stream-target", ".json"};
+    PatternSource host;
+    std::vector<std::int16_t> adjusts;  // every 100 ms of play
+
+    // Sets the stream up as the driver's start does, plays for the run's
+    // length, lets the ring play out and ends the stream.
+    void stream(TargetProcess& target) {
+        ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
+        ASSERT_TRUE(host.open(workerFlags(), TimeValue::fromMs(50), 0, "acceptance", 0x4B45, -1, -1, 0));
+        ASSERT_TRUE(host.getInfo(NORVA::IPAddress::loopback(target.sinkPort), TimeValue(), false, 1500));
+        ASSERT_EQ(host.latency, latencyUnits);
+        ASSERT_TRUE(host.format.setFormat(stereoS32At48k));
+        host.transfer.setInputs({host.format.streamFormat, host.maxPacketSize, host.maxPacketCount},
+                                TimeValue::fromMs(1));
+        ASSERT_TRUE(host.transfer.planFix(0, TimeValue::fromMs(1)));
+        host.profiles[0] = host.transfer.profile();
+        host.profileCount = 1;
+        ASSERT_EQ(host.profiles[0].cycle, TimeValue::fromMs(1));
+        ASSERT_TRUE(host.setupRing(slotFrames, ringSlots, 0, FormatID()));
+        ASSERT_TRUE(host.connectPrepare());
+        ASSERT_TRUE(host.connect());
+        ASSERT_TRUE(host.connectWait());
+        ASSERT_EQ(host.connectState, Sync::connected);
+        host.play();
+        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+        while (std::chrono::steady_clock::now() < end && host.connectState == Sync::connected) {
+            NORVA::sleepMilliseconds(100);
+            adjusts.push_back(host.timing.adjust.load());
+        }
+        host.stop();
+        NORVA::sleepMilliseconds(100);  // silence after the audio shows a loss among its last packets
+        ASSERT_EQ(host.connectState, Sync::connected) << "the stream ended before it was asked to";
+        host.disconnect();
+        EXPECT_EQ(host.connectState, Sync::idle);
+        EXPECT_EQ(target.stop(), 0) << target.printed;
+    }
+
+    void expectSourceBitForBit() {
+        std::vector<std::uint8_t> stream = wavData(wav.path);
+        std::size_t lead = 0;
+        while (lead < stream.size() && stream[lead] == 0) ++lead;
+        EXPECT_EQ(lead % frameBytes, 0u);
+        EXPECT_GE(lead, std::size_t{ringSlots} * slotFrames * frameBytes) << "the ring's silence first";
+        ASSERT_GE(stream.size(), lead + host.filled) << "the source came out short";
+        ASSERT_GT(host.filled, std::uint64_t(seconds) * 48000 * frameBytes * 9 / 10);
+        std::size_t wrong = 0;
+        for (std::uint64_t n = 0; n < host.filled; ++n) wrong += stream[lead + n] != patternByte(n);
+        EXPECT_EQ(wrong, 0u) << "bytes that differ from the source";
+        EXPECT_TRUE(std::all_of(stream.begin() + std::ptrdiff_t(lead + host.filled), stream.end(),
+                                [](std::uint8_t b) { return b == 0; }))
+            << "after the source, silence";
+    }
+
+    // Keeps the figures of the run with the test's result.
+    void record(const SinkReport& report) {
+        std::int32_t least = 0, greatest = 0;
+        for (auto [ms, q14] : report.deviation) {
+            least = std::min(least, q14);
+            greatest = std::max(greatest, q14);
+        }
+        std::int32_t final = report.deviation.empty() ? 0 : report.deviation.back().second;
+        std::printf(
+            "%s: deviation Q14 min %d max %d final %d, resends %.0f (host %u), dropped %.0f, adjust %d, "
+            "lateness us median %u p99 %u, over time %u of %u cycles\n",
+            GetParam().name, least, greatest, final, report.resends, host.timing.resendRequests.load(),
+            report.dropped, adjusts.empty() ? 0 : adjusts.back(), host.timing.latenessUsAt(0.5),
+            host.timing.latenessUsAt(0.99), host.timing.overTime.load(), host.timing.cycles.load());
+    }
+};
+
+TEST_P(StreamToTarget, SourceArrivesWholeAndTheBufferStaysCentred) {
+    const Case& run = GetParam();
+    std::vector<std::string> options = TargetProcess::anyPorts();
+    char ppm[32], drop[32];
+    std::snprintf(ppm, sizeof ppm, "%g", run.ppm);
+    std::snprintf(drop, sizeof drop, "%g", run.drop);
+    options.insert(options.end(),
+                   {"--sink", "1,0,Main out", "--latency", std::to_string(latencyUnits), "--wav", wav.path,
+                    "--stats-json", json.path, "--ppm", ppm, "--drop", drop, "--log-level", "3"});
+    TargetProcess target(toolPath, options);
+    stream(target);
+    if (HasFatalFailure()) return;
+
+    SinkReport report(json.path);
+    record(report);
+    expectSourceBitForBit();
+    if (run.drop > 0) {
+        // Go-back-N costs the sink the packets behind each loss: the
+        // correction makes up for them, the buffer stands lower meanwhile.
+        EXPECT_GT(report.dropped, 0);
+        EXPECT_GT(report.resends, 0);
+        EXPECT_GT(host.timing.resendRequests.load(), 0u) << "the host sent again from its pool";
+        return;
+    }
+    EXPECT_EQ(report.underruns, 0) << "no underrun once the sink plays";
+    ASSERT_GT(report.deviation.size(), std::size_t(seconds) * 8);
+    // The first second settles the correction against the sink's clock.
+    std::size_t outside = 0;
+    for (auto [ms, q14] : report.deviation) outside += ms >= 1000 && std::abs(q14) > quarterLatencyQ14;
+    EXPECT_EQ(outside, 0u) << "samples further than a quarter of the latency from the centre";
+
+    // After it the correction holds the sink's rate (one step of it is
+    // 61 ppm; a report now and then throws it for a moment), and over the
+    // last half the buffer stands around its centre.
+    ASSERT_GT(adjusts.size(), 15u);
+    std::vector<std::int16_t> settled(adjusts.begin() + 10, adjusts.end());
+    std::nth_element(settled.begin(), settled.begin() + std::ptrdiff_t(settled.size() / 2), settled.end());
+    EXPECT_NEAR(settled[settled.size() / 2], run.ppm * 16384 / 1e6, 4.0) << "the median correction, Q14";
+    double centre = 0;
+    std::size_t counted = 0;
+    for (std::size_t i = report.deviation.size() / 2; i < report.deviation.size(); ++i, ++counted)
+        centre += report.deviation[i].second;
+    EXPECT_LT(std::abs(centre / double(counted)), quarterLatencyQ14 / 4.0) << "the mean deviation, Q14";
+}
+
+INSTANTIATE_TEST_SUITE_P(Clocks, StreamToTarget,
+                         ::testing::Values(Case{"nominal", 0, 0}, Case{"fast", 300, 0}, Case{"slow", -300, 0},
+                                           Case{"lossy", 0, 0.01}),
+                         [](const ::testing::TestParamInfo<Case>& info) {
+                             return std::string(info.param.name);
+                         });
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    if (argc != 3 || std::atoi(argv[2]) < 2) {
+        std::fprintf(stderr, "usage: %s <velmora-target> <seconds, at least 2>\n", argv[0]);
+        return 2;
+    }
+    toolPath = argv[1];
+    seconds = std::atoi(argv[2]);
+    return RUN_ALL_TESTS();
+}
