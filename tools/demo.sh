@@ -9,6 +9,8 @@ set -uo pipefail
 
 bin=${1:?usage: tools/demo.sh <bin directory> [seconds]}
 seconds=${2:-3}
+[[ $seconds =~ ^[0-9]+(\.[0-9]+)?$ ]] && [[ ! $seconds =~ ^0+(\.0+)?$ ]] ||
+  { echo "demo: seconds must be a positive number, not '$seconds'" >&2; exit 2; }
 work=$(mktemp -d /tmp/velmora-demo-XXXXXX)
 pids=()
 
@@ -75,9 +77,9 @@ kill -TERM $target 2>/dev/null
 wait $target 2>/dev/null
 sleep 0.2
 
-# number <key> <file>: a number from a flat JSON object.
-number() { sed -n "s/.*\"$1\":\(-\{0,1\}[0-9.e+]*\).*/\1/p" "$2" 2>/dev/null | head -1; }
-text() { sed -n "s/.*\"$1\":\"\([^\"]*\)\".*/\1/p" "$2" 2>/dev/null | head -1; }
+# number <key> <file>, text <key> <file>: the first value of <key> in a JSON file.
+number() { grep -o "\"$1\":-\{0,1\}[0-9.e+]*" "$2" 2>/dev/null | head -1 | cut -d: -f2; }
+text() { grep -o "\"$1\":\"[^\"]*\"" "$2" 2>/dev/null | head -1 | cut -d'"' -f4; }
 # logged <text>: the driver's log lines that begin with <text>, without stamp and severity.
 logged() { sed -n "s/^.\{15\} [a-z]* \($1.*\)/\1/p" "$work/driver.log" | paste -sd ';' | sed 's/;/; /g'; }
 row() { printf '  %-18s %s\n' "$1" "${2:-(not seen)}"; }

@@ -235,7 +235,8 @@ bool AsioHost::makeBuffers(IASIO* driver, PlayReport& report) {
         made = source.fromWav(wav, type, frames, error);
         report.source = "WAV " + options.wavPath;
     } else {
-        frames -= frames % 8;
+        // DSD bytes hold eight samples each.
+        if (HostSource::isDsd(type)) frames -= frames % 8;
         made = source.makeSignal(options.signal, type, unsigned(report.channels.size()), report.rate, frames,
                                  error);
         report.source = options.signal.kind == SignalSpec::noise
