@@ -1,14 +1,18 @@
 #include "asio_velmora.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <span>
 #include <string>
+#include <system_error>
 #include <utility>
+#include <vector>
 
 #include "Platform/Platform.h"
 #include "System/InfFile.h"
 #include "System/Log.h"
+#include "System/Threads.h"
 #include "platform/DriverPlatform.h"
 
 namespace {
@@ -289,73 +293,617 @@ ASIOError ASIO_METHOD AsioVelmora::controlPanel() {
     return init(sysHandle);
 }
 
-// ---- Transport, channels and buffers ----------------------------------------------
+// ---- Transport --------------------------------------------------------------------
 
-ASIOError AsioVelmora::notAvailable(const char* operation) {
-    NORVA::LogLine(6) << operation << ": not available in this build";
-    return ASE_NotPresent;
+namespace {
+
+// The format word's bit for a count of output channels; 0 for a count that
+// can't stream.
+std::uint32_t channelBit(AsioLong channels) {
+    switch (channels) {
+        case 1:
+            return 0x01;
+        case 2:
+            return 0x02;
+        case 4:
+            return 0x04;
+        case 6:
+            return 0x08;
+        case 8:
+            return 0x10;
+        default:
+            return 0;
+    }
 }
 
+constexpr std::uint32_t dsdLsbWord = 0x2510000;  // 32-bit words, little-endian, LSB first
+constexpr std::uint32_t dsdMsbWord = 0x2A10000;  // 32-bit words, big-endian, MSB first
+// The planners' shortest cycle.
+constexpr NORVA::TimeValue plannedCycleLimit = NORVA::TimeValue::fromUs(400);
+// Play begins no sooner than this after connect().
+constexpr std::int64_t leastStartDelayMs = 10;
+
+std::uint64_t hzOf(NORVA::TimeValue cycle) {
+    std::uint64_t us = cycle.toUs();
+    return us == 0 ? 0 : 1000000 / us;
+}
+
+}  // namespace
+
 ASIOError ASIO_METHOD AsioVelmora::start() {
-    return notAvailable("start");
+    NORVA::LogLine(6) << "start";
+    // A host that starts twice would leave the first start's thread behind.
+    if (running || startThread.joinable()) {
+        NORVA::LogLine(3) << "start error running";
+        return ASE_NotPresent;
+    }
+    VELMORA::FormatID word;
+    if (!word.setRate(sampleRate)) {
+        NORVA::LogLine(3) << "speed error " << sampleRate;
+        return ASE_NotPresent;
+    }
+    NORVA::LogLine(6) << "start SPEED=" << word.rate();
+    const std::uint32_t channels = channelBit(activeChannels);
+    if (channels == 0) {
+        NORVA::LogLine(3) << "ch error " << activeChannels;
+        return ASE_NotPresent;
+    }
+
+    const bool dsd = sampleRate > pcmRateLimit || dsdMode;
+    if (!dsd) {
+        word = VELMORA::FormatID(word.value | channels | formatMode);
+        if (!sync.format.setFormat(word)) {
+            NORVA::LogLine(3) << "fmt error PCM";
+            return ASE_NotPresent;
+        }
+    } else {
+        const bool msb = settings.dsdMsb;
+        word = VELMORA::FormatID(word.value | channels | (msb ? dsdMsbWord : dsdLsbWord));
+        if (!sync.format.setFormat(word)) {
+            NORVA::LogLine(3) << (msb ? "fmt error DSDLSB" : "fmt error DSDMSB");
+            return ASE_NotPresent;
+        }
+    }
+
+    const std::uint8_t silence = word.muteByte();
+    for (AsioLong c = 0; c < activeChannels; ++c)
+        std::memset(channelBuffers[c].get(), silence, 2 * bufferBytes);
+
+    std::int32_t multi = 1;
+    if (settings.asioBufferMulti) {
+        const std::int32_t base = sampleRate % 44100 == 0 ? 44100 : 48000;
+        multi = dsdMode ? std::int32_t(sampleRate / (base * 64)) * 2 : std::int32_t(sampleRate / base);
+    }
+    if (!planTransfer(word, multi)) return ASE_NotPresent;
+    logProfile();
+
+    // The bridge's layout must fill the ring's slots exactly: a DSD rate
+    // chosen without the DSD format meets the slot only with 4-byte samples.
+    bridgeForm = bridgeFormFor(dsdMode, sync.format.sourceFormat.bytesPerSample(), sampleWidth,
+                               settings.covertS32, formatMode);
+    bridgeFrames = std::uint32_t(bufferBytes) / hostSampleBytes(bridgeForm);
+    const std::uint32_t ringFrames = std::uint32_t(dsdMode ? bufferBytes / 4 : bufferBytes / sampleWidth);
+    if (std::uint64_t(bridgeFrames) * slotSampleBytes(bridgeForm) * std::uint32_t(activeChannels) !=
+        std::uint64_t(ringFrames) * sync.format.sourceFormat.frameBytes()) {
+        NORVA::LogLine(3) << "fmt error width " << sampleWidth;
+        return ASE_NotPresent;
+    }
+    positionStep = dsdMode ? std::uint64_t(bufferBytes) * 8 : std::uint64_t(bufferBytes / sampleWidth);
+
+    if (callbacks.load() == nullptr) {
+        NORVA::LogLine(3) << "error callbacks";
+        return ASE_NotPresent;
+    }
+    samplePosition = 0;
+    bufferIndex = 0;
+    running = true;
+
+    const std::uint32_t count = std::uint32_t(settings.syncBufferCount * multi);
+    if (!sync.setupRing(ringFrames, count, count, VELMORA::FormatID())) {
+        NORVA::LogLine(3) << "setupRing error " << count;
+        return ASE_NotPresent;
+    }
+    sync.format.hostInvert = settings.phaseInvert;
+    if (!sync.connectPrepare()) {
+        NORVA::LogLine(3) << "connectPrepare error";
+        return ASE_NotPresent;
+    }
+    placeProcess();
+    if ((settings.thredMode & thredModeCpuSend) != 0 && settings.cpuOther != -1) placeThreads();
+    if (!sync.connect()) {
+        NORVA::LogLine(3) << "connect error";
+        return ASE_NotPresent;
+    }
+    startTime = NORVA::TimeValue::now();
+    try {
+        startThread = std::thread([this] { connectAndPlay(); });
+    } catch (const std::system_error&) {
+        NORVA::LogLine(3) << "start thread error";
+        return ASE_NotPresent;
+    }
+    NORVA::LogLine(6) << "start done";
+    return ASE_OK;
+}
+
+bool AsioVelmora::planTransfer(VELMORA::FormatID word, std::int32_t multi) {
+    VELMORA::TransferConfig& transfer = sync.transfer;
+    const VELMORA::StreamPath path{sync.format.streamFormat, sync.maxPacketSize, sync.maxPacketCount};
+    auto planned = [&](bool done, const char* failure) {
+        if (!done) {
+            NORVA::LogLine(3) << failure;
+            return false;
+        }
+        sync.profiles[0] = transfer.profile();
+        sync.profileCount = 1;
+        return true;
+    };
+
+    if (settings.targetProfileLimitTime.raw() > 0) {
+        NORVA::LogLine(6) << "configTransfer profile";
+        auto profiles = transfer.configTransfer(path, settings.targetProfileLimitTime, NORVA::TimeValue(),
+                                                settings.cycleTime);
+        sync.profiles[0] = profiles[0];
+        sync.profiles[1] = profiles[1];
+        sync.profileCount = 2;
+        // Cycles this long leave the worker time to sleep between them.
+        if (sync.profiles[0].cycle >= NORVA::TimeValue::fromUs(1000))
+            sync.threadFlags = settings.thredMode & ~std::uint32_t(VELMORA::ThreadFlag::noSleep4Core |
+                                                                   VELMORA::ThreadFlag::noSleepForce);
+        return true;
+    }
+    if (settings.flexFixAsio) return planFixedByHostBuffer(word, multi);
+
+    transfer.setInputs(path, plannedCycleLimit);
+    const std::int32_t fragment = settings.fragment;
+    const NORVA::TimeValue cycle = settings.cycleTime;
+    if (settings.fragmentOptimize && !settings.flexCycle) {
+        NORVA::LogLine(6) << "configTransfer FixAuto";
+        return planned(transfer.planFixAuto(cycle), "error configTransfer FixAuto");
+    }
+    if (settings.fragmentOptimize) {
+        NORVA::LogLine(6) << "configTransfer VarAuto";
+        return planned(transfer.planVarAuto(cycle), "error configTransfer VarAuto");
+    }
+    if (!settings.flexCycle) {
+        NORVA::LogLine(6) << "configTransfer Fix";
+        return planned(transfer.planFix(fragment, cycle), "error configTransfer Fix");
+    }
+    if (settings.flexMax) {
+        // Whatever the search reached is used.
+        transfer.setInputs(path, cycle);
+        transfer.planMax();
+        NORVA::LogLine(6) << "configTransfer VarMax";
+        return planned(true, nullptr);
+    }
+    if (settings.flexRandom) {
+        NORVA::LogLine(6) << "configTransfer Random";
+        return planned(transfer.planRandom(fragment, cycle, settings.cycleMinTime),
+                       "error configTransfer Var");
+    }
+    NORVA::LogLine(6) << "configTransfer Var";
+    return planned(transfer.planVar(fragment, cycle), "error configTransfer Var");
+}
+
+// Packets of one host buffer each, or of an equal share of it where one
+// buffer is more than a packet holds; the cycle is the time they carry.
+bool AsioVelmora::planFixedByHostBuffer(VELMORA::FormatID word, std::int32_t multi) {
+    VELMORA::TransferConfig& transfer = sync.transfer;
+    transfer.setInputs({sync.format.streamFormat, sync.maxPacketSize, sync.maxPacketCount},
+                       NORVA::TimeValue());
+    const std::int64_t samples = (word.low() & VELMORA::FormatID::pcmMask) != 0
+                                     ? bufferBytes / sampleWidth
+                                     : std::int64_t(bufferBytes) * 8;
+    const std::int64_t hostBytes =
+        std::int64_t(word.bitsPerSample()) * word.channelCount() * samples / 8 * multi;
+    const std::int64_t unit = sync.format.streamFormat.frameBytes();
+    std::int64_t size = hostBytes - hostBytes % unit;
+    std::int64_t packets = 1;
+    while (size > sync.maxPacketSize) {
+        ++packets;
+        size = hostBytes / packets;
+        size -= size % unit;
+        if (size <= 0) {
+            // Nothing smaller than a frame: the frame goes as it is.
+            VELMORA::TransferProfile& first = sync.profiles[0];
+            first = transfer.profile();
+            first.fixedSize = std::uint32_t(size);
+            first.packetCount = std::uint16_t(packets);
+            sync.profileCount = 1;
+            NORVA::LogLine(6) << "configTransfer VarASIO " << size << "x" << packets;
+            return true;
+        }
+    }
+    const double byteRate = double(sync.format.streamFormat.byteRate());
+    const double cycleUs = std::ceil(1000000.0 / (byteRate / double(packets * size)));
+    VELMORA::TransferProfile& first = sync.profiles[0];
+    first = transfer.profile();
+    first.cycle = NORVA::TimeValue::fromUs(std::uint64_t(cycleUs));
+    first.fixedSize = std::uint32_t(size);
+    first.dataSize = std::uint32_t(size);
+    first.sizeQ14 = std::uint32_t(size / unit) << 14;
+    first.packetCount = std::uint16_t(packets);
+    first.mode = VELMORA::transferVar;
+    sync.profileCount = 1;
+    NORVA::LogLine(6) << "configTransfer VarASIO " << size << "x" << packets;
+    return true;
+}
+
+void AsioVelmora::logProfile() {
+    const VELMORA::TransferProfile& first = sync.profiles[0];
+    const std::uint64_t size =
+        first.fixedSize != 0 ? first.fixedSize
+                             : std::uint64_t(sync.format.streamFormat.frameBytes()) * (first.sizeQ14 >> 14);
+    NORVA::LogLine(6) << "start cycle=" << first.cycle.toUs() << "usec " << hzOf(first.cycle)
+                      << "Hz size=" << size << " cycleMin=" << first.cycleMin.toUs() << "usec "
+                      << hzOf(first.cycleMin) << "Hz " << size << "x" << first.packetCount << "ppc";
+}
+
+void AsioVelmora::placeProcess() {
+    const DriverSettings& s = settings;
+    if (!(((s.thredMode & thredModeCpuSend) != 0 && s.cpuSend != -1) || s.cpuOther != -1)) return;
+    std::uint32_t mask = 0;
+    if (!DriverPlatform::processAffinity(mask)) return;
+    if (s.cpuSend != -1) mask |= NORVA::processorMask(s.cpuSend, 1);
+    if (s.cpuOther != -1 && s.cpuOtherCount > 0) mask |= NORVA::processorMask(s.cpuOther, s.cpuOtherCount);
+    DriverPlatform::setProcessAffinity(mask);
+}
+
+void AsioVelmora::placeThreads() {
+    std::vector<DriverPlatform::ThreadId> threads;
+    switch (DriverPlatform::processThreads(threads)) {
+        case DriverPlatform::ThreadList::snapshotFailed:
+            NORVA::LogLine(4) << "CreateToolhelp Error ";
+            return;
+        case DriverPlatform::ThreadList::firstFailed:
+            NORVA::LogLine(4) << "Thread32First";
+            return;
+        case DriverPlatform::ThreadList::listed:
+            break;
+    }
+    const std::int32_t count = settings.cpuOtherCount;
+    const std::uint64_t mask = count == 0  ? 0xFFFFFFFFu
+                               : count > 0 ? NORVA::processorMask(settings.cpuOther, count)
+                                           : 0;
+    for (DriverPlatform::ThreadId id : threads) {
+        std::uint64_t former = 0;
+        switch (DriverPlatform::setThreadAffinity(id, mask, former)) {
+            case DriverPlatform::ThreadAffinity::changed:
+                savedAffinity[id] = former;
+                NORVA::LogLine(6) << "THREAD ID " << id << " Affinity Change";
+                break;
+            case DriverPlatform::ThreadAffinity::setFailed:
+                NORVA::LogLine(4) << "THREAD ID " << id << " Affinity Change Error";
+                break;
+            case DriverPlatform::ThreadAffinity::openFailed:
+                NORVA::LogLine(4) << "THREAD ID " << id << " Open Error";
+                break;
+        }
+    }
+}
+
+void AsioVelmora::revertThreads() {
+    std::vector<DriverPlatform::ThreadId> threads;
+    switch (DriverPlatform::processThreads(threads)) {
+        case DriverPlatform::ThreadList::snapshotFailed:
+            NORVA::LogLine(4) << "CreateToolhelp Error ";
+            return;
+        case DriverPlatform::ThreadList::firstFailed:
+            NORVA::LogLine(4) << "Thread32 Error ";
+            return;
+        case DriverPlatform::ThreadList::listed:
+            break;
+    }
+    for (DriverPlatform::ThreadId id : threads) {
+        auto saved = savedAffinity.find(id);
+        if (saved == savedAffinity.end()) continue;
+        std::uint64_t former = 0;
+        switch (DriverPlatform::setThreadAffinity(id, saved->second, former)) {
+            case DriverPlatform::ThreadAffinity::changed:
+                NORVA::LogLine(6) << "THREAD ID " << id << " Affinity Revert";
+                break;
+            case DriverPlatform::ThreadAffinity::setFailed:
+                NORVA::LogLine(4) << "THREAD ID " << id << " Affinity Revert Error";
+                break;
+            case DriverPlatform::ThreadAffinity::openFailed:
+                NORVA::LogLine(4) << "THREAD ID " << id << " Open Error";
+                break;
+        }
+    }
+    savedAffinity.clear();
+}
+
+// The body of startThread: the host isn't held up while the connection is made.
+void AsioVelmora::connectAndPlay() {
+    if (!sync.connectWait()) {
+        NORVA::LogLine(6) << "connectWait error";
+        return;
+    }
+    const std::int32_t state = sync.connectState;
+    if (state < VELMORA::Sync::starting || state > VELMORA::Sync::disconnecting) {
+        NORVA::LogLine(6) << "is_connect error";
+        return;
+    }
+    const std::int64_t elapsed = std::int64_t((NORVA::TimeValue::now() - startTime).toMs());
+    const std::int64_t delay = settings.startDelay / 1000 + leastStartDelayMs;
+    if (elapsed < delay) {
+        NORVA::LogLine(6) << "start delay " << elapsed << "ms sleep " << delay - elapsed << "ms";
+        NORVA::sleepMilliseconds(std::uint32_t(delay - elapsed));
+    } else {
+        NORVA::LogLine(6) << "start delay " << elapsed << "ms";
+    }
+    sync.play();
 }
 
 ASIOError ASIO_METHOD AsioVelmora::stop() {
-    return notAvailable("stop");
+    running = false;
+    NORVA::LogLine(6) << "stop";
+    // play() must not come after the stream's end has begun.
+    if (startThread.joinable()) startThread.join();
+    sync.disconnect();
+    revertThreads();
+    return ASE_OK;
 }
 
-ASIOError ASIO_METHOD AsioVelmora::getChannels(AsioLong*, AsioLong*) {
-    return notAvailable("getCh");
+// ---- The audio bridge ---------------------------------------------------------------
+
+void AsioVelmora::Sync::fillBuffer(VELMORA::StreamBuffer& slot, bool) {
+    owner->bridge(slot);
 }
 
-ASIOError ASIO_METHOD AsioVelmora::getLatencies(AsioLong*, AsioLong*) {
-    return notAvailable("getLatencies");
+void AsioVelmora::bridge(VELMORA::StreamBuffer& slot) {
+    ASIOCallbacks* host = callbacks.load(std::memory_order_acquire);
+    if (running.load(std::memory_order_acquire) && host != nullptr) {
+        if (!timeInfoMode) {
+            if (host->bufferSwitch != nullptr) host->bufferSwitch(bufferIndex, ASIOTrue);
+        } else if (host->bufferSwitchTimeInfo != nullptr) {
+            ASIOTimeInfo& info = asioTime.timeInfo;
+            getSamplePosition(&info.samplePosition, &info.systemTime);
+            if (timeCodeRead) asioTime.timeCode.timeCodeSamples = info.samplePosition;
+            host->bufferSwitchTimeInfo(&asioTime, bufferIndex, ASIOTrue);
+            // The rate and clock changes are told once.
+            std::atomic_ref<std::uint32_t>(info.flags)
+                .fetch_and(~std::uint32_t(kSampleRateChanged | kClockSourceChanged));
+        }
+    }
+    samplePosition.fetch_add(positionStep, std::memory_order_relaxed);
+    bufferIndex ^= 1;
+
+    // The half the host was handed one call earlier; the first slot carries
+    // start()'s silence.
+    const std::uint8_t* halves[maxOutputs];
+    const std::size_t offset = bufferIndex == 0 ? 0 : std::size_t(bufferBytes);
+    for (AsioLong c = 0; c < activeChannels; ++c) halves[c] = channelBuffers[c].get() + offset;
+    interleave(bridgeForm, halves, std::uint32_t(activeChannels), bridgeFrames, slot.data);
 }
 
-ASIOError ASIO_METHOD AsioVelmora::getBufferSize(AsioLong*, AsioLong*, AsioLong*, AsioLong*) {
-    return notAvailable("getBufferSize");
+// ---- Channels, formats and buffers -------------------------------------------------
+
+namespace {
+
+void splitWords(std::uint64_t value, std::uint32_t& hi, std::uint32_t& lo) {
+    hi = std::uint32_t(value >> 32);
+    lo = std::uint32_t(value);
 }
 
-ASIOError ASIO_METHOD AsioVelmora::canSampleRate(ASIOSampleRate) {
-    return notAvailable("canSa");
+const char* trueOrFalse(bool value) {
+    return value ? "true" : "false";
 }
 
-ASIOError ASIO_METHOD AsioVelmora::getSampleRate(ASIOSampleRate*) {
-    return notAvailable("getSa");
+}  // namespace
+
+ASIOError ASIO_METHOD AsioVelmora::getChannels(AsioLong* numInputs, AsioLong* numOutputs) {
+    NORVA::LogLine(6) << "getCh " << channelCount;
+    if (numInputs != nullptr) *numInputs = 0;
+    if (numOutputs != nullptr) *numOutputs = channelCount;
+    return ASE_OK;
 }
 
-ASIOError ASIO_METHOD AsioVelmora::setSampleRate(ASIOSampleRate) {
-    return notAvailable("SetSa");
+ASIOError ASIO_METHOD AsioVelmora::getLatencies(AsioLong* inputLatency, AsioLong* outputLatency) {
+    if (inputLatency != nullptr) *inputLatency = 0;
+    if (outputLatency != nullptr) *outputLatency = 0;
+    return ASE_OK;
 }
 
-ASIOError ASIO_METHOD AsioVelmora::getClockSources(ASIOClockSource*, AsioLong*) {
-    return notAvailable("getCS");
+ASIOError ASIO_METHOD AsioVelmora::getBufferSize(AsioLong* minSize, AsioLong* maxSize,
+                                                 AsioLong* preferredSize, AsioLong* granularity) {
+    NORVA::LogLine(6) << "getBufferSize";
+    // A DSD buffer size counts single-bit samples.
+    const AsioLong scale = dsdMode ? 32 : 1;
+    const DriverSettings& s = settings;
+    const bool range = s.asioBufferSize == 0;
+    if (minSize != nullptr) *minSize = (range ? s.asioBufferSizeMin : s.asioBufferSize) * scale;
+    if (maxSize != nullptr) *maxSize = (range ? s.asioBufferSizeMax : s.asioBufferSize) * scale;
+    if (preferredSize != nullptr) *preferredSize = (range ? s.asioBufferSizePre : s.asioBufferSize) * scale;
+    // -1: powers of two.
+    if (granularity != nullptr) *granularity = range ? -1 : 0;
+    return ASE_OK;
 }
 
-ASIOError ASIO_METHOD AsioVelmora::setClockSource(AsioLong) {
-    return notAvailable("setCS");
+ASIOError ASIO_METHOD AsioVelmora::canSampleRate(ASIOSampleRate rate) {
+    NORVA::LogLine(6) << "canSa " << rate;
+    VELMORA::FormatID word(rate > pcmRateLimit || dsdMode ? std::uint64_t(VELMORA::FormatID::dsdOneBit)
+                                                          : formatMode);
+    if (rate < 0 || rate > double(UINT32_MAX) || !word.setRate(std::uint32_t(rate))) return ASE_NoClock;
+    return sync.format.sink.isSupported(word) ? ASE_OK : ASE_NoClock;
 }
 
-ASIOError ASIO_METHOD AsioVelmora::getSamplePosition(ASIOSamples*, ASIOTimeStamp*) {
-    return notAvailable("getSamplePosition");
+ASIOError ASIO_METHOD AsioVelmora::getSampleRate(ASIOSampleRate* rate) {
+    if (rate != nullptr) *rate = sampleRate;
+    NORVA::LogLine(6) << "getSa " << double(sampleRate);
+    return ASE_OK;
 }
 
-ASIOError ASIO_METHOD AsioVelmora::getChannelInfo(ASIOChannelInfo*) {
-    return notAvailable("getChannelInfo");
+ASIOError ASIO_METHOD AsioVelmora::setSampleRate(ASIOSampleRate rate) {
+    NORVA::LogLine(6) << "SetSa " << rate;
+    if (rate == double(sampleRate)) return ASE_OK;
+    // start() refuses a rate that no format word can hold.
+    sampleRate = rate < 0 || rate > double(UINT32_MAX) ? 0 : std::uint32_t(rate);
+    std::atomic_ref<std::uint32_t>(asioTime.timeInfo.flags).fetch_or(kSampleRateChanged);
+    asioTime.timeInfo.sampleRate = rate;
+    ASIOCallbacks* host = callbacks.load();
+    if (host != nullptr && host->sampleRateDidChange != nullptr) host->sampleRateDidChange(sampleRate);
+    return ASE_OK;
 }
 
-ASIOError ASIO_METHOD AsioVelmora::createBuffers(ASIOBufferInfo*, AsioLong, AsioLong, ASIOCallbacks*) {
-    return notAvailable("createBuffers");
+ASIOError ASIO_METHOD AsioVelmora::getClockSources(ASIOClockSource* clocks, AsioLong* numSources) {
+    NORVA::LogLine(6) << "getCS";
+    if (clocks != nullptr) {
+        clocks[0] = ASIOClockSource{};
+        clocks[0].index = 0;
+        clocks[0].associatedChannel = -1;
+        clocks[0].associatedGroup = -1;
+        clocks[0].isCurrentSource = ASIOTrue;
+        copyText(clocks[0].name, "Internal", sizeof clocks[0].name - 1);
+    }
+    if (numSources != nullptr) *numSources = 1;
+    return ASE_OK;
+}
+
+ASIOError ASIO_METHOD AsioVelmora::setClockSource(AsioLong reference) {
+    NORVA::LogLine(6) << "setCS";
+    if (reference != 0) return ASE_NotPresent;
+    std::atomic_ref<std::uint32_t>(asioTime.timeInfo.flags).fetch_or(kClockSourceChanged);
+    return ASE_OK;
+}
+
+ASIOError ASIO_METHOD AsioVelmora::getSamplePosition(ASIOSamples* position, ASIOTimeStamp* timeStamp) {
+    if (position != nullptr)
+        splitWords(samplePosition.load(std::memory_order_relaxed), position->hi, position->lo);
+    if (timeStamp != nullptr)
+        splitWords(std::uint64_t(NORVA::Platform::millisecondClock()) * 1000, timeStamp->hi, timeStamp->lo);
+    return ASE_OK;
+}
+
+ASIOError ASIO_METHOD AsioVelmora::getChannelInfo(ASIOChannelInfo* info) {
+    if (info == nullptr || info->channel < 0 || info->channel >= channelCount) return ASE_InvalidParameter;
+    info->isActive = ASIOFalse;
+    if (info->isInput != ASIOFalse) return ASE_InvalidParameter;
+    info->channelGroup = 0;
+    copyText(info->name, driverName, sizeof info->name - 1);
+    if (sampleRate > pcmRateLimit || dsdMode) {
+        info->type = settings.dsdMsb ? ASIOSTDSDInt8MSB1 : ASIOSTDSDInt8LSB1;
+    } else if (settings.covertS32) {
+        info->type = ASIOSTInt32LSB;
+    } else {
+        switch (formatMode) {
+            case 0x4000:
+                info->type = ASIOSTFloat64LSB;
+                break;
+            case 0x800:
+                info->type = ASIOSTInt32LSB;
+                break;
+            case 0x2000:
+                info->type = ASIOSTFloat32LSB;
+                break;
+            case 0x400:
+                info->type = ASIOSTInt24LSB;
+                break;
+            default:
+                info->type = ASIOSTInt16LSB;
+                break;
+        }
+    }
+    if (info->channel < activeChannels) info->isActive = ASIOTrue;
+    NORVA::LogLine(6) << "getChannelInfo : " << info->channel << " : " << info->type << " "
+                      << trueOrFalse(info->isActive != ASIOFalse);
+    return ASE_OK;
+}
+
+ASIOError ASIO_METHOD AsioVelmora::createBuffers(ASIOBufferInfo* bufferInfos, AsioLong numChannels,
+                                                 AsioLong bufferSize, ASIOCallbacks* hostCallbacks) {
+    NORVA::LogLine(6) << "createBuffer : " << bufferSize << " ch:" << numChannels
+                      << " callback:" << trueOrFalse(hostCallbacks != nullptr) << "  s:" << sampleRate;
+    // Buffers made before, without disposeBuffers(), go with their stream.
+    if (activeChannels > 0 || running) releaseBuffers();
+    bufferBytes = dsdMode ? bufferSize / 8 : bufferSize * sampleWidth;
+    if (numChannels > 0 && bufferInfos == nullptr) return ASE_InvalidParameter;
+    for (AsioLong i = 0; i < numChannels; ++i) {
+        ASIOBufferInfo& record = bufferInfos[i];
+        if (record.isInput != ASIOFalse) continue;
+        if (record.channelNum < 0 || record.channelNum >= channelCount || activeChannels == maxOutputs) {
+            NORVA::LogLine(3) << "createBuffer channel error " << record.channelNum;
+            disposeBuffers();
+            return ASE_InvalidParameter;
+        }
+        if (bufferBytes <= 0) {
+            NORVA::LogLine(3) << "createBuffer size error " << bufferSize;
+            disposeBuffers();
+            return ASE_InvalidParameter;
+        }
+        auto& block = channelBuffers[activeChannels];
+        block = std::make_unique<std::uint8_t[]>(2 * std::size_t(bufferBytes));
+        record.buffers[0] = block.get();
+        record.buffers[1] = block.get() + bufferBytes;
+        ++activeChannels;
+    }
+    callbacks = hostCallbacks;
+    timeInfoMode = hostCallbacks != nullptr && hostCallbacks->asioMessage != nullptr &&
+                   hostCallbacks->asioMessage(kAsioSupportsTimeInfo, 0, nullptr, nullptr) != 0;
+    if (timeInfoMode) {
+        asioTime = ASIOTime{};
+        asioTime.timeInfo.speed = 1.0;
+        asioTime.timeInfo.sampleRate = sampleRate;
+        asioTime.timeInfo.flags = kSystemTimeValid | kSamplePositionValid | kSampleRateValid | kSpeedValid;
+        asioTime.timeCode.speed = 1.0;
+        asioTime.timeCode.flags = kTcRunning | kTcSpeedValid | (timeCodeRead ? std::uint32_t(kTcValid) : 0u);
+    }
+    NORVA::LogLine(6) << "createBuffer done " << bufferBytes << "byte x " << settings.syncBufferCount;
+    return ASE_OK;
 }
 
 ASIOError ASIO_METHOD AsioVelmora::disposeBuffers() {
-    return notAvailable("disposeBuffers");
+    NORVA::LogLine(6) << "disposeBuffers";
+    releaseBuffers();
+    return ASE_OK;
 }
 
-ASIOError ASIO_METHOD AsioVelmora::future(AsioLong, void*) {
-    return notAvailable("future");
+void AsioVelmora::releaseBuffers() {
+    // The bridge sees no host from here on; stop() joins it before the
+    // blocks go.
+    callbacks = nullptr;
+    stop();
+    for (auto& block : channelBuffers) block.reset();
+    activeChannels = 0;
+}
+
+ASIOError ASIO_METHOD AsioVelmora::future(AsioLong selector, void* opt) {
+    NORVA::LogLine(6) << "future " << selector;
+    auto* format = static_cast<ASIOIoFormat*>(opt);
+    switch (selector) {
+        case kAsioEnableTimeCodeRead:
+            timeCodeRead = true;
+            return ASE_SUCCESS;
+        case kAsioDisableTimeCodeRead:
+            timeCodeRead = false;
+            return ASE_SUCCESS;
+        case kAsioSetInputMonitor:
+        case kAsioCanInputMonitor:
+        case kAsioCanTimeInfo:
+        case kAsioCanTimeCode:
+            return ASE_SUCCESS;
+        case kAsioSetIoFormat:
+            if (format == nullptr) return ASE_InvalidParameter;
+            dsdMode = format->FormatType == kASIODSDFormat;
+            NORVA::LogLine(6) << "kAsioSetIoFormat " << (dsdMode ? "DSD" : "PCM");
+            return ASE_SUCCESS;
+        case kAsioGetIoFormat:
+            if (format == nullptr) return ASE_InvalidParameter;
+            format->FormatType = dsdMode ? kASIODSDFormat : kASIOPCMFormat;
+            return ASE_SUCCESS;
+        case kAsioCanDoIoFormat: {
+            if (format == nullptr) return ASE_InvalidParameter;
+            const VELMORA::SinkFormats& sink = sync.format.sink;
+            if (format->FormatType == kASIODSDFormat && sink.dsdLsb.value == 0 && sink.dsdMsb.value == 0)
+                return ASE_NotPresent;
+            if (format->FormatType == kASIOPCMFormat && sink.pcm.value == 0) return ASE_NotPresent;
+            return ASE_SUCCESS;
+        }
+        default:
+            return ASE_NotPresent;
+    }
 }
 
 ASIOError ASIO_METHOD AsioVelmora::outputReady() {
-    return notAvailable("outputReady");
+    // The host manages without that optimisation.
+    return ASE_NotPresent;
 }

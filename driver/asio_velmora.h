@@ -1,20 +1,34 @@
 // The driver object a host creates through COM and talks to through IASIO.
 //
-// init() finds the target and reads what its sink takes; the transport and
-// buffer operations are not part of this build yet and answer that they are
-// not present.
+// init() finds the target and reads what its sink takes; createBuffers()
+// makes the host's double buffers; start() plans and connects the stream,
+// whose buffer worker then calls the host and interleaves its buffers into
+// the ring.
+//
+// The class has no lock. The buffer worker shares running, callbacks,
+// bufferIndex, samplePosition, asioTime and the buffers with the control
+// thread; the order of start, stop and disposeBuffers keeps that safe:
+// everything is set before connect() starts the worker, and stop() joins it
+// before anything is freed.
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 
+#include "AudioBridge.h"
 #include "ComServer.h"
 #include "Discovery/Find.h"
 #include "LocalService.h"
+#include "Samples/SyncBuffer.h"
 #include "Settings.h"
-#include "Stream/Sync.h"
 #include "asio/Asio.h"
+#include "platform/CpuPlacement.h"
 
 // The 64-bit ProductID: the brand word's eight characters, the first in the
 // lowest byte; all ones for a shorter word.
@@ -44,14 +58,14 @@ std::int32_t channelCountOf(std::uint64_t pcmMask);
 
 class AsioVelmora : public IASIO, public CUnknown {
   public:
-    // The stream to the chosen sink. The ring that feeds it from the host's
-    // buffers will sit between this class and VELMORA::Sync; until then
-    // there is no audio to give.
-    class Sync : public VELMORA::Sync {
+    // The stream to the chosen sink; its buffer worker fills each free ring
+    // slot through the driver's bridge.
+    class Sync : public VELMORA::SyncBuffer {
       public:
-        // The worker calls getBuffer(), so it ends before this part is gone.
-        ~Sync() override { joinWorker(); }
-        bool getBuffer(VELMORA::StreamChunk&) override { return false; }
+        explicit Sync(AsioVelmora& driver) : owner(&driver) {}
+        void fillBuffer(VELMORA::StreamBuffer& slot, bool mark) override;
+
+        AsioVelmora* owner;
     };
 
     static constexpr std::uint64_t productId = makeProductId("KESTRANE");
@@ -63,6 +77,9 @@ class AsioVelmora : public IASIO, public CUnknown {
     static constexpr const char* configToolName = "velmora_asio_configura.exe";
     // The host's ASIODriverInfo::errorMessage holds 124 bytes.
     static constexpr std::size_t errorTextSize = 124;
+    // Above this rate a stream is DSD, whatever the host chose.
+    static constexpr std::uint32_t pcmRateLimit = 1536000;
+    static constexpr AsioLong maxOutputs = 8;
 
     // `outer` is the aggregating object or null; `result` is left alone.
     AsioVelmora(IUnknown* outer, HRESULT* result);
@@ -105,17 +122,28 @@ class AsioVelmora : public IASIO, public CUnknown {
     // Reads `settingPath` into `settings`; false leaves the defaults.
     bool loadSettings();
 
-    Sync sync;
+    // One ring slot, on the buffer worker: calls the host for the next
+    // buffer, then interleaves the half the host finished one call earlier.
+    void bridge(VELMORA::StreamBuffer& slot);
+
+    Sync sync{*this};
     std::string driverName;  // the chosen target's name; empty until init() succeeds
     DriverSettings settings;
     std::string settingPath;  // the settings file in force
     std::string referencePath;
     std::string configToolPath;
     void* sysHandle = nullptr;  // init()'s argument, kept for the init() of controlPanel()
-    std::uint64_t samplePosition = 0;
+    // Samples per channel handed to the ring since start().
+    std::atomic<std::uint64_t> samplePosition{0};
     std::uint32_t sampleRate = 44100;
-    ASIOCallbacks* callbacks = nullptr;
-    AsioLong bufferBytes = 1024;
+    // Null unless buffers exist; disposeBuffers() clears it while a stream may
+    // still run, so that the bridge stops calling the host at once.
+    std::atomic<ASIOCallbacks*> callbacks{nullptr};
+    ASIOTime asioTime{};
+    // One block of two halves per active channel, in the order of the host's
+    // records.
+    std::array<std::unique_ptr<std::uint8_t[]>, maxOutputs> channelBuffers;
+    AsioLong bufferBytes = 1024;  // one half of a channel's block
     AsioLong activeChannels = 0;
     std::int32_t channelCount = 0;  // output channels of the sink, set by init()
     std::uint64_t formatMode = 0;   // the one PCM format bit init() chose
@@ -126,10 +154,14 @@ class AsioVelmora : public IASIO, public CUnknown {
     std::uint16_t targetControlPort = VELMORA::Find::controlPort;
     AsioLong bufferIndex = 0;
     bool initialised = false;
-    bool running = false;
+    std::atomic<bool> running{false};
     bool timeInfoMode = false;
-    bool timeCodeRead = false;
+    std::atomic<bool> timeCodeRead{false};
     char errorText[errorTextSize] = {};
+    // Thread affinities that start() changed, to restore in stop().
+    std::map<DriverPlatform::ThreadId, std::uint64_t> savedAffinity;
+    std::thread startThread;
+    NORVA::TimeValue startTime;  // the end of connect()
 
   private:
     // Logs `logged`, keeps `shown` for getErrorMessage(), and answers false.
@@ -142,8 +174,22 @@ class AsioVelmora : public IASIO, public CUnknown {
     ASIOBool discoverTarget(VELMORA::Find& find, NORVA::IPAddress& sink, VELMORA::TargetRecord& record);
     std::uint32_t pathMtu(VELMORA::Find& find, const NORVA::IPAddress& sink);
     ASIOBool takeSinkFormat();
-    // Logs the operation's entry and answers that it isn't in this build.
-    ASIOError notAvailable(const char* operation);
+
+    // start()'s steps.
+    bool planTransfer(VELMORA::FormatID word, std::int32_t multi);
+    bool planFixedByHostBuffer(VELMORA::FormatID word, std::int32_t multi);
+    void logProfile();
+    void placeProcess();
+    void placeThreads();
+    void revertThreads();
+    void connectAndPlay();
+    // Ends a stream and frees the host's buffers.
+    void releaseBuffers();
+
+    // Fixed by start() for the bridge.
+    BridgeForm bridgeForm = BridgeForm::copy4;
+    std::uint32_t bridgeFrames = 0;
+    std::uint64_t positionStep = 0;
 };
 
 static_assert(AsioVelmora::productId != 0 && AsioVelmora::productId != ~std::uint64_t(0));

@@ -7,8 +7,8 @@
 #include <memory>
 
 #include "../Velmora/LogCapture.h"
-#include "Discovery/Target.h"
 #include "DriverEnvironment.h"
+#include "LoopbackTarget.h"
 #include "Network/Interfaces.h"
 #include "Protocol/MessageTypes.h"
 #include "Sink/StreamSink.h"
@@ -28,30 +28,6 @@ StreamSinkConfig sinkOffering(FormatID pcm) {
     config.pcm = pcm;
     return config;
 }
-
-// A target on [::1] with one sink at port index 1.
-class LoopbackTarget {
-  public:
-    explicit LoopbackTarget(const StreamSinkConfig& sinkConfig) : sink(sinkConfig) {
-        if (!sink.start()) return;
-        VELMORA::TargetConfig config;
-        config.ports = VELMORA::TargetPorts{0, 0, 0, 0};
-        config.allowLoopback = true;
-        config.idleWithoutSynchro = false;
-        config.name = "Studio";
-        config.staticPorts.push_back(VELMORA::StaticPort{sink.port(), 1, "Out A", true, 1});
-        target = std::make_unique<VELMORA::Target>(config);
-        opened = target->open(NORVA::IPAddress::loopback(0), false);
-    }
-    ~LoopbackTarget() {
-        if (target) target->close();
-    }
-    std::uint16_t control() const { return target->boundPorts().control; }
-
-    StreamSink sink;
-    std::unique_ptr<VELMORA::Target> target;
-    bool opened = false;
-};
 
 class Init : public DriverEnvironment {
   protected:

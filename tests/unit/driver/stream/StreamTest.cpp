@@ -1,0 +1,363 @@
+// Whole streams through the driver object, as a host drives it: init against
+// an in-process target and sink, createBuffers, start, the host's callbacks
+// filling its buffers, stop. The sink's WAV file must hold what the host
+// wrote, after the ring's silence, converted as the format asks.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "../DriverEnvironment.h"
+#include "../LoopbackTarget.h"
+#include "Protocol/MessageTypes.h"
+#include "System/Threads.h"
+#include "asio_velmora.h"
+#include "platform/DriverPlatform.h"
+
+namespace {
+
+using VELMORA::FormatID;
+using VELMORA::StreamSinkConfig;
+
+std::uint8_t bitReversed(std::uint8_t byte) {
+    std::uint8_t out = 0;
+    for (int bit = 0; bit < 8; ++bit) out |= std::uint8_t(((byte >> bit) & 1) << (7 - bit));
+    return out;
+}
+
+// Byte b of sample k of channel c in the host's n-th buffer: never 0 (PCM
+// silence) nor a DSD silence byte, and different for neighbours in time,
+// channel and byte position.
+std::uint8_t patternByte(std::uint64_t n, std::uint32_t c, std::uint32_t k, std::uint32_t b) {
+    std::uint64_t x = (n * 7919 + c * 613 + k * 31 + b * 7) % 251;
+    std::uint8_t v = std::uint8_t(1 + x);
+    return v == 0x69 || v == 0x96 ? std::uint8_t(v + 1) : v;
+}
+
+// What the sink receives of one host sample.
+enum class OnWire { same, highThree, bitsReversed };
+
+// A host: its callbacks fill each buffer with the pattern and note what the
+// driver told them. Plain C callbacks reach it through `current`.
+class Host {
+  public:
+    static inline std::atomic<Host*> current{nullptr};
+
+    bool timeInfo = false;
+    std::uint32_t channels = 0;
+    std::uint32_t sampleBytes = 0;  // per sample in the host's buffers
+    std::uint32_t samples = 0;      // per channel per buffer
+    std::vector<ASIOBufferInfo> records;
+    std::atomic<std::uint64_t> calls{0};
+    // Per call, for the timing and time-info checks; reserved ahead.
+    std::vector<std::int64_t> callNs;
+    std::vector<std::uint64_t> positions;
+    std::vector<std::uint32_t> flags;
+
+    Host() {
+        callNs.reserve(1 << 16);
+        positions.reserve(1 << 16);
+        flags.reserve(1 << 16);
+    }
+    ASIOCallbacks callbacks{bufferSwitch, rateChanged, message, bufferSwitchTimeInfo};
+
+    void fill(AsioLong index) {
+        const std::uint64_t n = calls.load();
+        if (callNs.size() < callNs.capacity())
+            callNs.push_back(NORVA::SteadyClock::now().time_since_epoch().count());
+        for (std::uint32_t c = 0; c < channels; ++c) {
+            auto* half = static_cast<std::uint8_t*>(records[c].buffers[index]);
+            for (std::uint32_t k = 0; k < samples; ++k)
+                for (std::uint32_t b = 0; b < sampleBytes; ++b)
+                    half[k * sampleBytes + b] = patternByte(n, c, k, b);
+        }
+        calls.store(n + 1);
+    }
+
+    // The bytes the sink should get for the host's buffers 0 to `count` - 1.
+    std::vector<std::uint8_t> expected(std::uint64_t count, OnWire wire) const {
+        std::vector<std::uint8_t> out;
+        for (std::uint64_t n = 0; n < count; ++n)
+            for (std::uint32_t k = 0; k < samples; ++k)
+                for (std::uint32_t c = 0; c < channels; ++c)
+                    for (std::uint32_t b = wire == OnWire::highThree ? 1 : 0; b < sampleBytes; ++b) {
+                        std::uint8_t byte = patternByte(n, c, k, b);
+                        out.push_back(wire == OnWire::bitsReversed ? bitReversed(byte) : byte);
+                    }
+        return out;
+    }
+
+  private:
+    static void ASIO_CALLBACK bufferSwitch(AsioLong index, ASIOBool) { current.load()->fill(index); }
+    static ASIOTime* ASIO_CALLBACK bufferSwitchTimeInfo(ASIOTime* time, AsioLong index, ASIOBool) {
+        Host* host = current.load();
+        if (host->positions.size() < host->positions.capacity()) {
+            const ASIOSamples& at = time->timeInfo.samplePosition;
+            host->positions.push_back((std::uint64_t(at.hi) << 32) | at.lo);
+            host->flags.push_back(time->timeInfo.flags);
+        }
+        host->fill(index);
+        return nullptr;
+    }
+    static void ASIO_CALLBACK rateChanged(ASIOSampleRate) {}
+    static AsioLong ASIO_CALLBACK message(AsioLong selector, AsioLong, void*, double*) {
+        return selector == kAsioSupportsTimeInfo && current.load()->timeInfo ? 1 : 0;
+    }
+};
+
+struct Case {
+    const char* name;
+    FormatID pcm, dsdLsb, dsdMsb;  // the sink's masks
+    const char* settings;
+    double rate;
+    bool dsd;             // the host chooses the DSD format
+    AsioLong bufferSize;  // samples, bits for DSD
+    std::uint32_t sampleBytes;
+    OnWire wire;
+    std::uint8_t silence;  // as the sink receives it
+};
+
+// 16, 24, 32 and 64-bit at 44.1 and 48 kHz times 1 to 4.
+constexpr std::uint32_t pcmRates = 0x3E;
+// DSD64, 32-bit words, stereo; little-endian LSB first or big-endian MSB first.
+const FormatID dsdLsbSink(0x2510002u, 0x202u), dsdMsbSink(0x2A10002u, 0x202u);
+
+// clang-format off
+const Case cases[] = {
+    {"Pcm16At44k", FormatID(0x202u, pcmRates), {}, {}, "PCMRequest=16\n", 44100, false, 256, 2, OnWire::same, 0},
+    {"Pcm24At48k", FormatID(0x402u, pcmRates), {}, {}, "PCMRequest=24\n", 48000, false, 192, 3, OnWire::same, 0},
+    {"Pcm32At192kEightChannels", FormatID(0x810u, pcmRates), {}, {}, "", 192000, false, 512, 4, OnWire::same, 0},
+    {"Float64At48k", FormatID(0x4002u, pcmRates), {}, {}, "PCMRequest=64\n", 48000, false, 128, 8, OnWire::same, 0},
+    {"CovertS32To24", FormatID(0x402u, pcmRates), {}, {}, "PCMRequest=CovertS32\n", 44100, false, 256, 4,
+     OnWire::highThree, 0},
+    {"DsdLsbToAnMsbSink", FormatID(0x802u, pcmRates), {}, dsdMsbSink, "", 2822400, true, 4096, 4,
+     OnWire::bitsReversed, 0x96},
+    {"DsdMsbToAnLsbSink", FormatID(0x802u, pcmRates), dsdLsbSink, {}, "DSDMSB=enable\n", 2822400, true, 4096, 4,
+     OnWire::bitsReversed, 0x69},
+};
+// clang-format on
+
+// The sink's WAV file without its header.
+std::vector<std::uint8_t> wavData(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::vector<std::uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return file.size() < 44 ? std::vector<std::uint8_t>()
+                            : std::vector<std::uint8_t>(file.begin() + 44, file.end());
+}
+
+std::uint32_t wavRate(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::uint8_t header[28] = {};
+    in.read(reinterpret_cast<char*>(header), sizeof header);
+    return header[24] | header[25] << 8 | header[26] << 16 | std::uint32_t(header[27]) << 24;
+}
+
+class Stream : public DriverEnvironment {
+  protected:
+    // Streams go straight to the sink, with 1500-byte packets, and the
+    // stream worker keeps the priority this process has.
+    static constexpr const char* common =
+        "TargetAddress=::1,19642\nTargetPO=1\nInterLoopback=enable\nThredMode=73729\nSyncBufferCount=8\n";
+
+    Stream() { sinkConfig.play.wavPath = wav; }
+    ~Stream() override {
+        Host::current = nullptr;
+        std::remove(wav.c_str());
+    }
+
+    void openSink(const Case& c) {
+        sinkConfig.pcm = c.pcm;
+        sinkConfig.dsdLsb = c.dsdLsb;
+        sinkConfig.dsdMsb = c.dsdMsb;
+        peer = std::make_unique<LoopbackTarget>(sinkConfig);
+        ASSERT_TRUE(peer->opened);
+    }
+
+    // A driver made by the factory, as a host makes it, initialised.
+    void initDriver(const Case& c) {
+        HRESULT result = S_OK;
+        driver = static_cast<AsioVelmora*>(createAsioVelmora(nullptr, &result));
+        ASSERT_NE(driver, nullptr);
+        driver->NonDelegatingAddRef();
+        driver->settingPath = user.write("setting.inf", std::string(common) + c.settings);
+        ASSERT_TRUE(driver->loadSettings());
+        driver->targetControlPort = peer->control();
+        ASSERT_EQ(driver->init(nullptr), ASIOTrue) << driver->errorText;
+        if (c.dsd) {
+            ASIOIoFormat format{};
+            format.FormatType = kASIODSDFormat;
+            ASSERT_EQ(driver->future(kAsioSetIoFormat, &format), ASE_SUCCESS);
+        }
+        ASSERT_EQ(driver->canSampleRate(c.rate), ASE_OK);
+        ASSERT_EQ(driver->setSampleRate(c.rate), ASE_OK);
+    }
+
+    void makeBuffers(const Case& c) {
+        AsioLong inputs = 0, outputs = 0;
+        driver->getChannels(&inputs, &outputs);
+        host.channels = std::uint32_t(outputs);
+        host.sampleBytes = c.sampleBytes;
+        // A DSD buffer holds 32-bit groups of one channel's bits.
+        host.samples = std::uint32_t(c.dsd ? c.bufferSize / 32 : c.bufferSize);
+        host.records.assign(host.channels, ASIOBufferInfo{ASIOFalse, 0, {}});
+        for (std::uint32_t i = 0; i < host.channels; ++i) host.records[i].channelNum = AsioLong(i);
+        Host::current = &host;
+        ASSERT_EQ(driver->createBuffers(host.records.data(), outputs, c.bufferSize, &host.callbacks), ASE_OK);
+    }
+
+    void release() {
+        if (driver != nullptr) {
+            EXPECT_EQ(driver->NonDelegatingRelease(), 0u);
+        }
+        driver = nullptr;
+    }
+
+    // Waits until the host has been called `count` times, within `limit`.
+    bool waitForCalls(std::uint64_t count, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+        auto end = std::chrono::steady_clock::now() + limit;
+        while (host.calls.load() < count) {
+            if (std::chrono::steady_clock::now() > end) return false;
+            NORVA::sleepMilliseconds(5);
+        }
+        return true;
+    }
+
+    // The sink's audio less its silence, against the host's buffers: all that
+    // the host had finished before the last call must have arrived, in order
+    // and exactly. Silence may stand anywhere: the ring's at the start, and
+    // a short one where the buffer worker fell behind on a busy machine.
+    void expectArrivedExactly(const Case& c, std::uint64_t calls) {
+        std::vector<std::uint8_t> stream = wavData(wav);
+        std::vector<std::uint8_t> audio;
+        for (std::uint8_t byte : stream)
+            if (byte != c.silence) audio.push_back(byte);
+        ASSERT_GE(calls, 2u);
+        std::vector<std::uint8_t> wanted = host.expected(calls - 1, c.wire);
+        ASSERT_GE(audio.size(), wanted.size()) << "of " << stream.size() << " bytes";
+        std::size_t first = 0;
+        while (first < wanted.size() && audio[first] == wanted[first]) ++first;
+        EXPECT_EQ(first, wanted.size()) << "first difference at byte " << first;
+    }
+
+    StreamSinkConfig sinkConfig;
+    std::string wav = ::testing::TempDir() + "velmora-driver-stream-" +
+                      std::to_string(DriverPlatform::processId()) + ".wav";
+    std::unique_ptr<LoopbackTarget> peer;
+    AsioVelmora* driver = nullptr;
+    Host host;
+};
+
+class Formats : public Stream, public ::testing::WithParamInterface<Case> {};
+
+TEST_P(Formats, ArriveBitExact) {
+    const Case& c = GetParam();
+    openSink(c);
+    initDriver(c);
+    makeBuffers(c);
+    ASSERT_EQ(driver->start(), ASE_OK);
+    // About a second of audio.
+    const std::uint64_t perSecond = std::uint64_t(c.rate / c.bufferSize);
+    EXPECT_TRUE(waitForCalls(perSecond));
+
+    // While streaming, the host is ahead of what the sink has taken by the
+    // ring and what is on its way, no more.
+    const std::uint64_t callsNow = host.calls.load();
+    const std::uint32_t wireSample = c.wire == OnWire::highThree ? 3 : c.sampleBytes;
+    const double perBuffer = double(host.samples) * host.channels * wireSample;
+    const double taken = double(peer->sink.playStats().bytes) / perBuffer;
+    EXPECT_NEAR(double(callsNow), taken, 8 + 2) << "ring of 8 buffers";
+
+    EXPECT_EQ(driver->stop(), ASE_OK);
+    const std::uint64_t calls = host.calls.load();
+    EXPECT_FALSE(driver->running);
+    driver->disposeBuffers();
+    release();
+    peer->sink.stop();
+    expectArrivedExactly(c, calls);
+}
+
+INSTANTIATE_TEST_SUITE_P(Driver, Formats, ::testing::ValuesIn(cases),
+                         [](const ::testing::TestParamInfo<Case>& info) { return info.param.name; });
+
+const Case& stereo16 = cases[0];
+
+TEST_F(Stream, StartsAgainAtAnotherRateAndTellsTheHostItsPosition) {
+    openSink(stereo16);
+    initDriver(stereo16);
+    host.timeInfo = true;
+    makeBuffers(stereo16);
+    ASSERT_TRUE(driver->timeInfoMode);
+
+    ASSERT_EQ(driver->start(), ASE_OK);
+    EXPECT_EQ(driver->start(), ASE_NotPresent) << "a second start without stop";
+    ASSERT_TRUE(waitForCalls(40));
+    EXPECT_EQ(driver->stop(), ASE_OK);
+    // Each call sees the position before its own buffer.
+    ASSERT_GE(host.positions.size(), 40u);
+    for (std::size_t n = 0; n < 40; ++n) ASSERT_EQ(host.positions[n], n * host.samples) << n;
+    EXPECT_EQ(host.flags[0], 0xFu);
+
+    // A rate set between runs takes effect at the next start, and the host
+    // hears of the change once.
+    ASSERT_EQ(driver->setSampleRate(48000), ASE_OK);
+    host.calls = 0;
+    host.positions.clear();
+    host.flags.clear();
+    ASSERT_EQ(driver->start(), ASE_OK);
+    ASSERT_TRUE(waitForCalls(100));
+    EXPECT_EQ(driver->stop(), ASE_OK);
+    const std::uint64_t calls = host.calls.load();
+    ASSERT_GE(host.flags.size(), 2u);
+    EXPECT_EQ(host.flags[0], 0x1Fu);
+    EXPECT_EQ(host.flags[1], 0xFu);
+    EXPECT_EQ(host.positions[0], 0u);
+    driver->disposeBuffers();
+    release();
+    peer->sink.stop();
+    EXPECT_EQ(wavRate(wav), 48000u);
+    expectArrivedExactly(stereo16, calls);
+    EXPECT_EQ(peer->sink.requestsOf(VELMORA::MessageType::CONNECTPRE_REQ).size(), 2u);
+}
+
+TEST_F(Stream, DisposeBuffersWhileRunningEndsTheCallbacks) {
+    openSink(stereo16);
+    initDriver(stereo16);
+    makeBuffers(stereo16);
+    ASSERT_EQ(driver->start(), ASE_OK);
+    ASSERT_TRUE(waitForCalls(20));
+    EXPECT_EQ(driver->disposeBuffers(), ASE_OK);
+    EXPECT_FALSE(driver->running);
+    EXPECT_EQ(driver->activeChannels, 0);
+    const std::uint64_t calls = host.calls.load();
+    NORVA::sleepMilliseconds(50);
+    EXPECT_EQ(host.calls.load(), calls);
+
+    // The same object streams again with new buffers.
+    makeBuffers(stereo16);
+    ASSERT_EQ(driver->start(), ASE_OK);
+    EXPECT_TRUE(waitForCalls(calls + 20));
+    EXPECT_EQ(driver->stop(), ASE_OK);
+    EXPECT_EQ(driver->stop(), ASE_OK) << "stop twice";
+    release();
+}
+
+TEST_F(Stream, ReleasingTheDriverWhileStreamingEndsEverything) {
+    openSink(stereo16);
+    initDriver(stereo16);
+    makeBuffers(stereo16);
+    ASSERT_EQ(driver->start(), ASE_OK);
+    ASSERT_TRUE(waitForCalls(20));
+    release();
+    const std::uint64_t calls = host.calls.load();
+    NORVA::sleepMilliseconds(50);
+    EXPECT_EQ(host.calls.load(), calls);
+    EXPECT_FALSE(peer->sink.isConnected()) << "the target was told";
+}
+
+}  // namespace
