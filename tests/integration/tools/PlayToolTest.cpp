@@ -272,7 +272,7 @@ TEST(PlayTool, AMissingDriverOrSettingsFolderIsAClearError) {
 
 // The whole host's order against a target whose sink writes what it
 // receives: the sink's file holds exactly what the driver was given.
-TEST(PlayTool, DISABLED_PlaysToTheSinkBitForBit) {
+TEST(PlayTool, PlaysToTheSinkBitForBit) {
     TempDir dir;
     Background target({targetPath, "--loopback", "--name", "Desk", "--sink", "1,0,Main out", "--wav",
                        dir.path + "/sink.wav"},
