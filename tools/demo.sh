@@ -75,7 +75,6 @@ sed 's/^/  /' "$work/play.out"
 # ends the program after that.
 kill -TERM $target 2>/dev/null
 wait $target 2>/dev/null
-sleep 0.2
 
 # number <key> <file>, text <key> <file>: the first value of <key> in a JSON file.
 number() { grep -o "\"$1\":-\{0,1\}[0-9.e+]*" "$2" 2>/dev/null | head -1 | cut -d: -f2; }
@@ -86,7 +85,8 @@ row() { printf '  %-18s %s\n' "$1" "${2:-(not seen)}"; }
 
 sink="(none)"
 if grep -q "Velmora get Target OK" "$work/driver.log"; then
-  sink="target ::1,19642; sink \"$(text driverName "$work/play.json")\"; $(logged 'Velmora connect Sink')"
+  masks=$(logged 'Velmora connect Sink ' | sed 's/^Velmora connect Sink //')
+  sink="::1,19642 \"$(text driverName "$work/play.json")\"; sink masks PCM, DSD LSB, DSD MSB: $masks"
 fi
 format=""
 if [ -s "$work/play.json" ] && [ "$(number rate "$work/play.json")" != 0 ]; then
