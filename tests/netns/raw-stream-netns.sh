@@ -81,6 +81,7 @@ if [ -n "$asan_target_tool" ] && [ -n "$asan_stream_tool" ]; then
     target_bin=$asan_target_tool
     stream_bin=$asan_stream_tool
     check "the ASan builds stream raw frames and leave nothing behind" streams asan RFS 0
+    check "the ASan builds free the raw path they don't take" streams asan-no-raw mode2 0x8000
 fi
 
 finish_checks

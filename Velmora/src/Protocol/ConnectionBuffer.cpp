@@ -11,16 +11,9 @@ namespace {
 // allocation, as a header-framed body lies at 16.
 constexpr std::uint32_t tagFirstRoom = 6;
 
-// Offsets in an ethernet frame.
-constexpr std::uint32_t destinationMacAt = 0;
-constexpr std::uint32_t sourceMacAt = 6;
-constexpr std::uint32_t etherTypeAt = 12;
-constexpr std::uint32_t linkByteAt = 14;
-constexpr std::uint32_t tagAt = 15;
-constexpr std::uint32_t shortSizeAt = 16;
-constexpr std::uint8_t shortFrameBit = 0x80;
-
 }  // namespace
+
+using namespace EthernetFrame;
 
 ConnectionBuffer::ConnectionBuffer(NORVA::EthernetSocket& socket)
     : frame(socket.newBuffer(header.bytes, headerSize)) {}

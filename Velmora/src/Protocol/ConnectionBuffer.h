@@ -25,6 +25,17 @@ enum class FramingMode : std::int32_t {
     ethernet = 3,  // raw Ethernet frame: MACs, ether type, link byte, tag, body
 };
 
+// Where the fields of an ethernet frame lie, for its builder and its reader.
+namespace EthernetFrame {
+inline constexpr std::uint32_t destinationMacAt = 0;
+inline constexpr std::uint32_t sourceMacAt = 6;
+inline constexpr std::uint32_t etherTypeAt = 12;
+inline constexpr std::uint32_t linkByteAt = 14;
+inline constexpr std::uint32_t tagAt = 15;
+inline constexpr std::uint32_t shortSizeAt = 16;
+inline constexpr std::uint8_t shortFrameBit = 0x80;  // in the link byte
+}  // namespace EthernetFrame
+
 class ConnectionBuffer : public Message {
   public:
     // The frame; it starts on `header`'s bytes, so a bare message is sent

@@ -11,16 +11,10 @@ namespace VELMORA {
 
 namespace {
 
-// Offsets in a frame of framing mode 3.
-constexpr std::size_t sourceMacAt = 6;
-constexpr std::size_t etherTypeAt = 12;
-constexpr std::size_t linkByteAt = 14;
-constexpr std::size_t tagAt = 15;
-constexpr std::size_t bodyAt = 16;
-constexpr std::size_t shortSizeAt = 16;
-constexpr std::size_t shortBodyAt = 24;
-constexpr std::uint8_t shortFrameBit = 0x80;
-constexpr std::uint8_t feedbackBit = 0x80;
+using namespace EthernetFrame;
+constexpr std::size_t bodyAt = ConnectionBuffer::ethernetHeaderSize;
+constexpr std::size_t shortBodyAt = ConnectionBuffer::shortFrameHeaderSize;
+constexpr std::uint8_t feedbackBit = 0x80;  // of the tag
 
 // Up to a jumbo frame.
 constexpr std::size_t frameRoom = 16384;
@@ -30,7 +24,7 @@ constexpr std::size_t frameRoom = 16384;
 bool readRawFrame(const std::uint8_t* frame, std::size_t size, const SinkRawConfig& config,
                   const std::uint8_t (&ownMac)[6], const std::uint8_t (&hostMac)[6],
                   SinkPlayout::Packet& packet) {
-    if (size < bodyAt || std::memcmp(frame, ownMac, 6) != 0 ||
+    if (size < bodyAt || std::memcmp(frame + destinationMacAt, ownMac, 6) != 0 ||
         std::memcmp(frame + sourceMacAt, hostMac, 6) != 0)
         return false;
     std::uint16_t type = std::uint16_t(frame[etherTypeAt] << 8 | frame[etherTypeAt + 1]);
