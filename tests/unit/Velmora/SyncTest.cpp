@@ -134,7 +134,7 @@ TEST_F(SyncSetup, PayloadSizePerTransferMode) {
     };
     for (Case c : {Case{false, 0, msModeNone, 8936}, Case{true, 0, msMode1, 8951},
                    Case{true, channelOffersMode2, msMode2, 8950},
-                   Case{true, channelOffersRawFrames, msMode1, 8951}}) {  // no raw path on the loopback address
+                   Case{true, channelOffersRawFrames, msMode1, 8951}}) {  // no raw path on ::1
         StreamSinkConfig config = sinkConfig();
         config.answerSynchroChannel = c.answers;
         config.msa = c.msa;
