@@ -7,6 +7,12 @@
 # Usage: stream.sh <asio_kestrane_w64.dll> <velmora-play.exe> <velmora-target> <velmora-play> <velmora-log>
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
+
+# A network namespace of its own where root may make one: the fixed ports are
+# then free whatever else runs on the machine.
+if [ -z "${VELMORA_WINE_NETNS:-}" ] && command -v ip >/dev/null && unshare -n true 2>/dev/null; then
+  exec env VELMORA_WINE_NETNS=1 unshare -n bash -c 'ip link set lo up && exec bash "$0" "$@"' "$0" "$@"
+fi
 source "$here/wine-prefix.sh"
 
 dll=$(readlink -f "$1")
@@ -27,6 +33,8 @@ end_run() {
   local pid
   for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
   wait 2>/dev/null || true
+  # VELMORA_WINE_KEEP=DIR keeps the run's files (logs, WAVs, statistics).
+  [ -z "${VELMORA_WINE_KEEP:-}" ] || cp -r "$work" "$VELMORA_WINE_KEEP"
   end_wine_prefix
 }
 trap end_run EXIT
@@ -45,14 +53,8 @@ fail() {
 windows_path() {  # a Linux path as a Windows program sees it (drive Z: is /)
   echo "Z:${1//\//\\}"
 }
-wait_for() {  # wait_for <file> <text> <pid>
-  local tries=0
-  until grep -q "$2" "$1" 2>/dev/null; do
-    kill -0 "$3" 2>/dev/null || return 1
-    tries=$((tries + 1))
-    [ $tries -le 200 ] || return 1
-    sleep 0.05
-  done
+said() {  # said <file> <text>: the program writing <file> says <text> within 10 s
+  timeout 10 sh -c 'until grep -q "$1" "$0" 2>/dev/null; do sleep 0.05; done' "$1" "$2"
 }
 
 # Installed as on Windows: the DLL in a folder of its own, registered.
@@ -70,17 +72,17 @@ printf 'TargetAddress=::1,19642\r\nInterLoopback=enable\r\nPCMRequest=24\r\nDebu
 
 "$log" --file "$work/driver.log" 2>"$work/log.err" &
 pids+=($!)
-wait_for "$work/log.err" listening $! || fail "velmora-log didn't start: $(cat "$work/log.err")"
+said "$work/log.err" listening || fail "velmora-log didn't start: $(cat "$work/log.err")"
 
 "$target" --loopback --name WineRig --sink "1,0,Wine out" --wav "$work/sink.wav" \
   --stats-json "$work/stats.json" >"$work/target.out" 2>"$work/target.err" &
 target_pid=$!
 pids+=($target_pid)
-wait_for "$work/target.out" "^sink 1:" $target_pid || fail "velmora-target didn't start"
+said "$work/target.out" "^sink 1:" || fail "velmora-target didn't start"
 
 echo "velmora-play.exe: $seconds s of 48 kHz 24-bit stereo noise through the registered driver"
 rc=0
-wine_run "$play_exe" --name "KESTRANE Velmora" --rate 48000 --channels 2 --signal noise --seconds "$seconds" \
+wine_run_realtime "$play_exe" --name "KESTRANE Velmora" --rate 48000 --channels 2 --signal noise --seconds "$seconds" \
   --given "$(windows_path "$work/given.wav")" --json "$(windows_path "$work/play.json")" \
   >"$work/play.out" 2>&1 || rc=$?
 tr -d '\r' <"$work/play.out" | grep -E '^(driver|origin|result|callbacks|sample type|format)' | sed 's/^/  /' || true
@@ -94,4 +96,9 @@ tr -d '\r' <"$work/play.out" | grep -qE '^ +output 1 +Int24LSB' || fail "the dri
 [ -s "$work/sink.wav" ] || fail "nothing reached the sink"
 verdict=$("$play" --compare "$work/given.wav" "$work/sink.wav") || fail "$verdict"
 echo "$verdict"
-show "$work/stats.json"
+
+# How well the stream kept time; shown, not judged: it depends on the machine.
+stat() { grep -o "\"$1\":[-0-9.]*" "$work/stats.json" | head -1 | cut -d: -f2; }
+echo "timing: $(grep -c ' over time [0-9]' "$work/driver.log" || true) cycles sent a whole cycle late;" \
+  "sink: packets $(stat packets), gaps $(stat gaps), resends $(stat resends), underruns $(stat underruns)," \
+  "overruns $(stat overruns), arrival jitter $(stat jitterUs) us${realtime:+ (server and player: ${realtime[*]})}"

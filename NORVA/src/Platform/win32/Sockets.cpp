@@ -7,6 +7,7 @@
 
 #include "Platform/NativeSocketAddress.h"
 #include "Platform/Platform.h"
+#include "Platform/win32/Waits.h"
 
 namespace NORVA::Platform {
 
@@ -148,12 +149,11 @@ int socketWaitReadable(SocketHandle handle, std::uint64_t timeoutMicroseconds) {
     return socketWaitAnyReadable(&handle, 1, timeoutMicroseconds, &ready);
 }
 
-int socketWaitAnyReadable(const SocketHandle* handles, std::size_t count, std::uint64_t timeoutMicroseconds,
-                          bool* ready) {
-    if (count > maxWaitSockets) {
-        WSASetLastError(WSAEINVAL);
-        return 0;
-    }
+namespace {
+
+// One select on the sockets for reading, with the results of socketWaitReadable.
+int selectReadable(const SocketHandle* handles, std::size_t count, std::uint64_t timeoutMicroseconds,
+                   bool* ready) {
     fd_set readable;
     FD_ZERO(&readable);
     for (std::size_t i = 0; i < count; ++i) FD_SET(native(handles[i]), &readable);
@@ -165,6 +165,42 @@ int socketWaitAnyReadable(const SocketHandle* handles, std::size_t count, std::u
     if (result == 0) return 1;
     for (std::size_t i = 0; i < count; ++i) ready[i] = FD_ISSET(native(handles[i]), &readable) != 0;
     return 2;
+}
+
+std::uint64_t microsecondsNow() {
+    const std::uint64_t ticks = counterNow();
+    const std::uint64_t frequency = counterFrequency();
+    return ticks / frequency * 1'000'000 + ticks % frequency * 1'000'000 / frequency;
+}
+
+// Between two looks at the sockets near a deadline.
+constexpr std::uint64_t pollStepUs = 250;
+
+}  // namespace
+
+int socketWaitAnyReadable(const SocketHandle* handles, std::size_t count, std::uint64_t timeoutMicroseconds,
+                          bool* ready) {
+    if (count > maxWaitSockets) {
+        WSASetLastError(WSAEINVAL);
+        return 0;
+    }
+    // The stream worker hands its send deadline to this wait, so the wait
+    // must not pass it: select's own timeout takes only the part that ends
+    // early enough even when it wakes late, and the rest is spent looking at
+    // the sockets between short sleeps.
+    const std::uint64_t deadline = microsecondsNow() + timeoutMicroseconds;
+    const std::uint64_t margin = selectMarginMicroseconds();
+    if (timeoutMicroseconds >= margin + 1000) {
+        int result = selectReadable(handles, count, timeoutMicroseconds - margin, ready);
+        if (result != 1) return result;
+    }
+    for (;;) {
+        int result = selectReadable(handles, count, 0, ready);
+        if (result != 1) return result;
+        std::uint64_t now = microsecondsNow();
+        if (now >= deadline) return 1;
+        sleepMicroseconds(deadline - now < pollStepUs ? deadline - now : pollStepUs);
+    }
 }
 
 }  // namespace NORVA::Platform

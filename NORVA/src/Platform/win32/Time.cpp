@@ -1,13 +1,45 @@
 // Clocks and sleeping on Windows: the performance counter, the multimedia
-// timer's millisecond clock and its 1 ms granularity.
+// timer's millisecond clock and its 1 ms granularity, and Wine's finer sleeps.
 // windows.h first: the others build on its types.
 #include <windows.h>
 
 #include <mmsystem.h>
 
 #include "Platform/Platform.h"
+#include "Platform/win32/Waits.h"
 
 namespace NORVA::Platform {
+
+namespace {
+
+// NtDelayExecution sleeps a relative span given in negative 100 ns units.
+using DelayExecution = LONG(WINAPI*)(BOOLEAN alertable, LARGE_INTEGER* span);
+
+// Wine's NtDelayExecution sleeps in its own fine steps, where Windows rounds
+// every sleep up to the timer tick; so it is taken under Wine only. Looked up
+// at load, so that no real-time thread does it.
+DelayExecution findFineDelay() {
+    HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+    if (ntdll == nullptr || GetProcAddress(ntdll, "wine_get_version") == nullptr) return nullptr;
+    auto entry = reinterpret_cast<void (*)()>(GetProcAddress(ntdll, "NtDelayExecution"));
+    return reinterpret_cast<DelayExecution>(entry);
+}
+
+const DelayExecution fineDelay = findFineDelay();
+
+// A fine sleep wakes this much late at the median, and a tenth of a
+// millisecond more now and then; the rest of a span is spun.
+constexpr std::uint64_t fineSleepSlackUs = 150;
+
+}  // namespace
+
+bool shortSleeps() {
+    return fineDelay != nullptr;
+}
+
+std::uint64_t selectMarginMicroseconds() {
+    return fineDelay != nullptr ? 3000 : 1000;
+}
 
 std::uint64_t counterFrequency() {
     LARGE_INTEGER frequency{};
@@ -56,10 +88,20 @@ void sleepMilliseconds(std::uint32_t ms) {
 }
 
 void sleepMicroseconds(std::uint64_t us) {
+    // A paced sender would rather wake early and spin than late.
+    if (fineDelay != nullptr) {
+        if (us <= fineSleepSlackUs) {
+            Sleep(0);
+            return;
+        }
+        LARGE_INTEGER span{};
+        span.QuadPart = -std::int64_t(us - fineSleepSlackUs) * 10;
+        fineDelay(FALSE, &span);
+        return;
+    }
     // Sleep has whole-millisecond steps and may run over by one of them, even
-    // at a 1 ms timer period. A paced sender would rather wake early and spin
-    // than late: sleep a millisecond less than the span, and only yield for
-    // less than two.
+    // at a 1 ms timer period: sleep a millisecond less than the span, and
+    // only yield for less than two.
     std::uint64_t ms = us / 1000;
     Sleep(ms >= 2 ? DWORD(ms - 1) : 0);
 }
