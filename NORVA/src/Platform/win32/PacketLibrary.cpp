@@ -4,6 +4,9 @@
 #include <windows.h>
 
 #include <atomic>
+#include <cstring>
+
+#include "Platform/win32/Wine.h"
 
 namespace NORVA::Platform {
 
@@ -27,13 +30,17 @@ HMODULE loadLibrary() {
 }  // namespace
 
 void* packetLibrarySymbol(const char* name) {
+    // Wine's own wpcap.dll lays libpcap under the WinPcap names, but its send
+    // queue functions are stubs that end the process when called: there they
+    // count as missing, and frames go one by one, as with libpcap on Linux.
+    if (runningUnderWine() && std::strncmp(name, "pcap_sendqueue_", 15) == 0) return nullptr;
     HMODULE loaded = loadLibrary();
     if (loaded == nullptr) return nullptr;
     return reinterpret_cast<void*>(GetProcAddress(loaded, name));
 }
 
 bool packetSendQueueRequired() {
-    return true;
+    return !runningUnderWine();
 }
 
 // The receiving end is a target's, and the target program runs on Linux.

@@ -7,6 +7,7 @@
 
 #include "Platform/Platform.h"
 #include "Platform/win32/Waits.h"
+#include "Platform/win32/Wine.h"
 
 namespace NORVA::Platform {
 
@@ -19,9 +20,9 @@ using DelayExecution = LONG(WINAPI*)(BOOLEAN alertable, LARGE_INTEGER* span);
 // every sleep up to the timer tick; so it is taken under Wine only. Looked up
 // at load, so that no real-time thread does it.
 DelayExecution findFineDelay() {
-    HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
-    if (ntdll == nullptr || GetProcAddress(ntdll, "wine_get_version") == nullptr) return nullptr;
-    auto entry = reinterpret_cast<void (*)()>(GetProcAddress(ntdll, "NtDelayExecution"));
+    if (!runningUnderWine()) return nullptr;
+    auto entry =
+        reinterpret_cast<void (*)()>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtDelayExecution"));
     return reinterpret_cast<DelayExecution>(entry);
 }
 
