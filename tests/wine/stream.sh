@@ -93,6 +93,12 @@ kill -TERM $target_pid 2>/dev/null || true
 wait $target_pid 2>/dev/null || true
 
 tr -d '\r' <"$work/play.out" | grep -qE '^ +output 1 +Int24LSB' || fail "the driver didn't give two 24-bit outputs"
+# The driver found its own file where it was installed (its reference
+# settings lie beside it) and the user's settings in the roaming folder.
+grep -qiF "settingOrgPath : ${install%\\*}\setting_org.inf" "$work/driver.log" ||
+  fail "the driver didn't place itself in ${install%\\*}"
+grep -qiF "LoadInf : $appdata\KESTRANE Velmora\setting.inf" "$work/driver.log" ||
+  fail "the driver didn't read the settings in $appdata"
 [ -s "$work/sink.wav" ] || fail "nothing reached the sink"
 verdict=$("$play" --compare "$work/given.wav" "$work/sink.wav") || fail "$verdict"
 echo "$verdict"

@@ -1,0 +1,43 @@
+// Starting the configuration tool through the shell and waiting for its end,
+// on Windows: a command script stands in for the tool.
+#ifdef _WIN32
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+
+#include "TempFolder.h"
+#include "platform/DriverPlatform.h"
+
+namespace {
+
+std::string utf8(const std::filesystem::path& path) {
+    std::u8string text = path.u8string();
+    return std::string(text.begin(), text.end());
+}
+
+TEST(RunTool, WaitsForTheToolToEnd) {
+    TempFolder folder;
+    // A blank and a letter outside ASCII in the path: it goes to the shell
+    // as UTF-8 turned wide, not through the narrow code page.
+    std::filesystem::path tool = folder.path / u8"set up \u00e9" / "tool.cmd";
+    std::filesystem::path done = folder.path / "done.txt";
+    // Busy for a while before it writes, so that a return before its end
+    // finds no file.
+    std::filesystem::create_directories(tool.parent_path());
+    std::ofstream(tool, std::ios::binary)
+        << "@echo off\r\nfor /L %%i in (1,1,3000) do rem\r\necho done> \"" << done.string() << "\"\r\n";
+    ASSERT_TRUE(DriverPlatform::runAndWait(utf8(tool)));
+    EXPECT_TRUE(std::filesystem::exists(done));
+}
+
+TEST(RunTool, AMissingToolIsAFailure) {
+    TempFolder folder;
+    EXPECT_FALSE(DriverPlatform::runAndWait(folder.file("no-such-tool.exe")));
+    EXPECT_FALSE(DriverPlatform::runAndWait(""));
+}
+
+}  // namespace
+
+#endif
