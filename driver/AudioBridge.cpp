@@ -49,53 +49,30 @@ BridgeForm bridgeFormFor(bool dsd, std::uint32_t dsdWordBytes, std::int32_t samp
     }
 }
 
+namespace {
+
+// Host and slot bytes of a sample, in the order of BridgeForm.
+constexpr std::uint8_t sampleBytes[][2] = {{1, 1}, {2, 2}, {3, 3}, {4, 4}, {8, 8}, {4, 2}, {4, 3}, {4, 8}};
+
+}  // namespace
+
 std::uint32_t hostSampleBytes(BridgeForm form) {
-    switch (form) {
-        case BridgeForm::copy1:
-            return 1;
-        case BridgeForm::copy2:
-            return 2;
-        case BridgeForm::copy3:
-            return 3;
-        case BridgeForm::copy8:
-            return 8;
-        default:
-            return 4;
-    }
+    return sampleBytes[std::size_t(form)][0];
 }
 
 std::uint32_t slotSampleBytes(BridgeForm form) {
-    switch (form) {
-        case BridgeForm::cut32to16:
-            return 2;
-        case BridgeForm::cut32to24:
-            return 3;
-        case BridgeForm::pad32to64:
-            return 8;
-        default:
-            return hostSampleBytes(form);
-    }
+    return sampleBytes[std::size_t(form)][1];
 }
 
 void interleave(BridgeForm form, const std::uint8_t* const* halves, std::uint32_t channels,
                 std::uint32_t frames, std::uint8_t* slot) {
-    // Samples are little-endian: the high bytes of a 32-bit sample are its last.
-    switch (form) {
-        case BridgeForm::copy1:
-            return interleaveAs<1, 1, 0, 0>(halves, channels, frames, slot);
-        case BridgeForm::copy2:
-            return interleaveAs<2, 2, 0, 0>(halves, channels, frames, slot);
-        case BridgeForm::copy3:
-            return interleaveAs<3, 3, 0, 0>(halves, channels, frames, slot);
-        case BridgeForm::copy4:
-            return interleaveAs<4, 4, 0, 0>(halves, channels, frames, slot);
-        case BridgeForm::copy8:
-            return interleaveAs<8, 8, 0, 0>(halves, channels, frames, slot);
-        case BridgeForm::cut32to16:
-            return interleaveAs<4, 2, 2, 0>(halves, channels, frames, slot);
-        case BridgeForm::cut32to24:
-            return interleaveAs<4, 3, 1, 0>(halves, channels, frames, slot);
-        case BridgeForm::pad32to64:
-            return interleaveAs<4, 8, 0, 4>(halves, channels, frames, slot);
-    }
+    using Loop = void (*)(const std::uint8_t* const*, std::uint32_t, std::uint32_t, std::uint8_t*);
+    // In the order of BridgeForm. Samples are little-endian: the high bytes
+    // of a 32-bit sample are its last.
+    static constexpr Loop loops[] = {
+        interleaveAs<1, 1, 0, 0>, interleaveAs<2, 2, 0, 0>, interleaveAs<3, 3, 0, 0>,
+        interleaveAs<4, 4, 0, 0>, interleaveAs<8, 8, 0, 0>, interleaveAs<4, 2, 2, 0>,
+        interleaveAs<4, 3, 1, 0>, interleaveAs<4, 8, 0, 4>,
+    };
+    loops[std::size_t(form)](halves, channels, frames, slot);
 }

@@ -548,66 +548,62 @@ void AsioVelmora::placeProcess() {
     DriverPlatform::setProcessAffinity(mask);
 }
 
-void AsioVelmora::placeThreads() {
-    std::vector<DriverPlatform::ThreadId> threads;
+namespace {
+
+// This process's threads; false, logged, if the system can't list them.
+bool listThreads(std::vector<DriverPlatform::ThreadId>& threads, const char* firstFailed) {
     switch (DriverPlatform::processThreads(threads)) {
         case DriverPlatform::ThreadList::snapshotFailed:
             NORVA::LogLine(4) << "CreateToolhelp Error ";
-            return;
+            return false;
         case DriverPlatform::ThreadList::firstFailed:
-            NORVA::LogLine(4) << "Thread32First";
-            return;
+            NORVA::LogLine(4) << firstFailed;
+            return false;
         case DriverPlatform::ThreadList::listed:
             break;
     }
+    return true;
+}
+
+// Sets a thread's processors and logs how that went with `what` ("Change"
+// or "Revert"); true if it was set.
+bool placeThread(DriverPlatform::ThreadId id, std::uint64_t mask, std::uint64_t& former, const char* what) {
+    switch (DriverPlatform::setThreadAffinity(id, mask, former)) {
+        case DriverPlatform::ThreadAffinity::changed:
+            NORVA::LogLine(6) << "THREAD ID " << id << " Affinity " << what;
+            return true;
+        case DriverPlatform::ThreadAffinity::setFailed:
+            NORVA::LogLine(4) << "THREAD ID " << id << " Affinity " << what << " Error";
+            return false;
+        case DriverPlatform::ThreadAffinity::openFailed:
+            NORVA::LogLine(4) << "THREAD ID " << id << " Open Error";
+            return false;
+    }
+    return false;
+}
+
+}  // namespace
+
+void AsioVelmora::placeThreads() {
+    std::vector<DriverPlatform::ThreadId> threads;
+    if (!listThreads(threads, "Thread32First")) return;
     const std::int32_t count = settings.cpuOtherCount;
     const std::uint64_t mask = count == 0  ? 0xFFFFFFFFu
                                : count > 0 ? NORVA::processorMask(settings.cpuOther, count)
                                            : 0;
     for (DriverPlatform::ThreadId id : threads) {
         std::uint64_t former = 0;
-        switch (DriverPlatform::setThreadAffinity(id, mask, former)) {
-            case DriverPlatform::ThreadAffinity::changed:
-                savedAffinity[id] = former;
-                NORVA::LogLine(6) << "THREAD ID " << id << " Affinity Change";
-                break;
-            case DriverPlatform::ThreadAffinity::setFailed:
-                NORVA::LogLine(4) << "THREAD ID " << id << " Affinity Change Error";
-                break;
-            case DriverPlatform::ThreadAffinity::openFailed:
-                NORVA::LogLine(4) << "THREAD ID " << id << " Open Error";
-                break;
-        }
+        if (placeThread(id, mask, former, "Change")) savedAffinity[id] = former;
     }
 }
 
 void AsioVelmora::revertThreads() {
     std::vector<DriverPlatform::ThreadId> threads;
-    switch (DriverPlatform::processThreads(threads)) {
-        case DriverPlatform::ThreadList::snapshotFailed:
-            NORVA::LogLine(4) << "CreateToolhelp Error ";
-            return;
-        case DriverPlatform::ThreadList::firstFailed:
-            NORVA::LogLine(4) << "Thread32 Error ";
-            return;
-        case DriverPlatform::ThreadList::listed:
-            break;
-    }
+    if (!listThreads(threads, "Thread32 Error ")) return;
     for (DriverPlatform::ThreadId id : threads) {
         auto saved = savedAffinity.find(id);
-        if (saved == savedAffinity.end()) continue;
         std::uint64_t former = 0;
-        switch (DriverPlatform::setThreadAffinity(id, saved->second, former)) {
-            case DriverPlatform::ThreadAffinity::changed:
-                NORVA::LogLine(6) << "THREAD ID " << id << " Affinity Revert";
-                break;
-            case DriverPlatform::ThreadAffinity::setFailed:
-                NORVA::LogLine(4) << "THREAD ID " << id << " Affinity Revert Error";
-                break;
-            case DriverPlatform::ThreadAffinity::openFailed:
-                NORVA::LogLine(4) << "THREAD ID " << id << " Open Error";
-                break;
-        }
+        if (saved != savedAffinity.end()) placeThread(id, saved->second, former, "Revert");
     }
     savedAffinity.clear();
 }

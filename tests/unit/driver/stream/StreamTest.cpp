@@ -211,6 +211,15 @@ class Stream : public DriverEnvironment {
         ASSERT_EQ(driver->createBuffers(host.records.data(), outputs, c.bufferSize, &host.callbacks), ASE_OK);
     }
 
+    // A stereo 16-bit stream under way, its host called `calls` times.
+    void streamStereo16(std::uint64_t calls) {
+        openSink(cases[0]);
+        initDriver(cases[0]);
+        makeBuffers(cases[0]);
+        ASSERT_EQ(driver->start(), ASE_OK);
+        ASSERT_TRUE(waitForCalls(calls));
+    }
+
     void release() {
         if (driver != nullptr) {
             EXPECT_EQ(driver->NonDelegatingRelease(), 0u);
@@ -326,11 +335,7 @@ TEST_F(Stream, StartsAgainAtAnotherRateAndTellsTheHostItsPosition) {
 }
 
 TEST_F(Stream, DisposeBuffersWhileRunningEndsTheCallbacks) {
-    openSink(stereo16);
-    initDriver(stereo16);
-    makeBuffers(stereo16);
-    ASSERT_EQ(driver->start(), ASE_OK);
-    ASSERT_TRUE(waitForCalls(20));
+    streamStereo16(20);
     EXPECT_EQ(driver->disposeBuffers(), ASE_OK);
     EXPECT_FALSE(driver->running);
     EXPECT_EQ(driver->activeChannels, 0);
@@ -348,11 +353,7 @@ TEST_F(Stream, DisposeBuffersWhileRunningEndsTheCallbacks) {
 }
 
 TEST_F(Stream, ReleasingTheDriverWhileStreamingEndsEverything) {
-    openSink(stereo16);
-    initDriver(stereo16);
-    makeBuffers(stereo16);
-    ASSERT_EQ(driver->start(), ASE_OK);
-    ASSERT_TRUE(waitForCalls(20));
+    streamStereo16(20);
     release();
     const std::uint64_t calls = host.calls.load();
     NORVA::sleepMilliseconds(50);
