@@ -7,7 +7,7 @@
 
 #include "Platform/NativeSocketAddress.h"
 #include "Platform/Platform.h"
-#include "Platform/win32/Waits.h"
+#include "Platform/win32/Wine.h"
 
 namespace NORVA::Platform {
 
@@ -173,7 +173,15 @@ std::uint64_t microsecondsNow() {
     return ticks / frequency * 1'000'000 + ticks % frequency * 1'000'000 / frequency;
 }
 
-// Between two looks at the sockets near a deadline.
+// Windows ends select's timeout on its timer tick, which timeBeginPeriod(1)
+// makes a millisecond. Wine keeps the timeout in its server, which wakes it a
+// millisecond late, and several when the machine is busy; a stream worker
+// that hands its send deadline to the wait would send that late. Under Wine,
+// select therefore waits only for the part that ends this long before the
+// deadline, and the rest is spent looking at the sockets between short
+// sleeps, which Wine keeps to a tenth of a millisecond.
+const bool pollNearDeadlines = runningUnderWine();
+constexpr std::uint64_t selectMarginUs = 3000;
 constexpr std::uint64_t pollStepUs = 250;
 
 }  // namespace
@@ -184,14 +192,10 @@ int socketWaitAnyReadable(const SocketHandle* handles, std::size_t count, std::u
         WSASetLastError(WSAEINVAL);
         return 0;
     }
-    // The stream worker hands its send deadline to this wait, so the wait
-    // must not pass it: select's own timeout takes only the part that ends
-    // early enough even when it wakes late, and the rest is spent looking at
-    // the sockets between short sleeps.
+    if (!pollNearDeadlines) return selectReadable(handles, count, timeoutMicroseconds, ready);
     const std::uint64_t deadline = microsecondsNow() + timeoutMicroseconds;
-    const std::uint64_t margin = selectMarginMicroseconds();
-    if (timeoutMicroseconds >= margin + 1000) {
-        int result = selectReadable(handles, count, timeoutMicroseconds - margin, ready);
+    if (timeoutMicroseconds >= selectMarginUs + 1000) {
+        int result = selectReadable(handles, count, timeoutMicroseconds - selectMarginUs, ready);
         if (result != 1) return result;
     }
     for (;;) {

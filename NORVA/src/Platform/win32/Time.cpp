@@ -6,7 +6,6 @@
 #include <mmsystem.h>
 
 #include "Platform/Platform.h"
-#include "Platform/win32/Waits.h"
 #include "Platform/win32/Wine.h"
 
 namespace NORVA::Platform {
@@ -33,14 +32,6 @@ const DelayExecution fineDelay = findFineDelay();
 constexpr std::uint64_t fineSleepSlackUs = 150;
 
 }  // namespace
-
-bool shortSleeps() {
-    return fineDelay != nullptr;
-}
-
-std::uint64_t selectMarginMicroseconds() {
-    return fineDelay != nullptr ? 3000 : 1000;
-}
 
 std::uint64_t counterFrequency() {
     LARGE_INTEGER frequency{};
