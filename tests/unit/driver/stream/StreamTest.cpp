@@ -165,7 +165,10 @@ class Stream : public DriverEnvironment {
     static constexpr const char* common =
         "TargetAddress=::1,19642\nTargetPO=1\nInterLoopback=enable\nThredMode=73729\nSyncBufferCount=8\n";
 
-    Stream() { sinkConfig.play.wavPath = wav; }
+    Stream() {
+        sinkConfig.latency = 200;  // 20 ms, as a device's buffer
+        sinkConfig.play.wavPath = wav;
+    }
     ~Stream() override {
         Host::current = nullptr;
         std::remove(wav.c_str());
