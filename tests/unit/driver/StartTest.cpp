@@ -1,0 +1,107 @@
+// What start does before it reaches the network: format word, silence,
+// multiplier and ring, and the transfer decision with its texts. Without a
+// target, connectPrepare is where it stops.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "../Velmora/LogCapture.h"
+#include "DriverEnvironment.h"
+#include "asio_velmora.h"
+
+namespace {
+
+using VELMORA::FormatID;
+
+void ASIO_CALLBACK ignoreSwitch(AsioLong, ASIOBool) {}
+
+class Start : public DriverEnvironment {
+  protected:
+    // As init leaves the driver for a stereo sink of 16 and 32-bit integers
+    // at 44.1 and 48 kHz times 1 to 4, and DSD64 MSB first.
+    Start() {
+        driver.sync.format.sink = {FormatID(0xA02u, 0x3Eu), FormatID(), FormatID(0x2A10002u, 0x202u)};
+        driver.formatMode = 0x200;
+        driver.sampleWidth = 2;
+        driver.channelCount = 2;
+    }
+    void makeBuffers(AsioLong size) {
+        ASSERT_EQ(driver.createBuffers(records, 2, size, &callbacks), ASE_OK);
+        for (auto& record : records) {
+            std::memset(record.buffers[0], 0xAB, driver.bufferBytes);
+            std::memset(record.buffers[1], 0xAB, driver.bufferBytes);
+        }
+    }
+    bool buffersHold(std::uint8_t byte) {
+        for (auto& record : records) {
+            auto* block = static_cast<std::uint8_t*>(record.buffers[0]);
+            if (!std::all_of(block, block + 2 * driver.bufferBytes,
+                             [&](std::uint8_t b) { return b == byte; }))
+                return false;
+        }
+        return true;
+    }
+
+    AsioVelmora driver{nullptr, nullptr};
+    ASIOCallbacks callbacks{ignoreSwitch, nullptr, nullptr, nullptr};
+    ASIOBufferInfo records[2] = {{ASIOFalse, 0, {}}, {ASIOFalse, 1, {}}};
+};
+
+TEST_F(Start, DsdRingScalesWithTheRateAndStartsInSilence) {
+    ASIOIoFormat dsd{};
+    dsd.FormatType = kASIODSDFormat;
+    driver.future(kAsioSetIoFormat, &dsd);
+    driver.settings.dsdMsb = true;
+    driver.settings.asioBufferMulti = true;
+    driver.setSampleRate(2822400);
+    makeBuffers(4096);
+    LogCapture log;
+
+    EXPECT_EQ(driver.start(), ASE_NotPresent);
+    EXPECT_TRUE(log.has("connectPrepare error"));
+    EXPECT_TRUE(log.has("configTransfer Fix"));
+    EXPECT_EQ(driver.sync.format.sourceFormat, FormatID(0x2A10002u, 0x202u));
+    EXPECT_TRUE(buffersHold(0x96));
+    // 2 x (2822400 / (44100 x 64)) times the six buffers, and the spare slot.
+    EXPECT_EQ(driver.sync.slotCount(), 13u);
+    EXPECT_EQ(driver.sync.slotBytes, 1024u);
+    EXPECT_TRUE(driver.running) << "only stop clears it";
+    EXPECT_EQ(driver.start(), ASE_NotPresent) << "not again before stop";
+    driver.stop();
+    EXPECT_FALSE(driver.running);
+}
+
+TEST_F(Start, HostBufferFixesTheCycle) {
+    driver.settings.flexFixAsio = true;
+    makeBuffers(512);
+    LogCapture log;
+    EXPECT_EQ(driver.start(), ASE_NotPresent);
+    // 2048 bytes a buffer: two packets of 1024, 11.61 ms of audio.
+    EXPECT_TRUE(log.has("configTransfer VarASIO 1024x2"));
+    EXPECT_TRUE(log.has("start cycle=11610usec 86Hz size=1024 cycleMin=0usec 0Hz 1024x2ppc"));
+    EXPECT_TRUE(buffersHold(0));
+    EXPECT_EQ(driver.sync.profileCount, 1);
+    driver.stop();
+}
+
+TEST_F(Start, RandomCyclesNeedAShortestCycle) {
+    driver.settings.flexCycle = driver.settings.flexRandom = true;
+    makeBuffers(256);
+    LogCapture log;
+    EXPECT_EQ(driver.start(), ASE_NotPresent);
+    EXPECT_TRUE(log.has("configTransfer Random"));
+    EXPECT_TRUE(log.has("error configTransfer Var"));
+    EXPECT_FALSE(driver.running);
+
+    driver.settings.cycleMinTime = driver.settings.cycleTime;  // not shorter than the cycle
+    EXPECT_EQ(driver.start(), ASE_NotPresent);
+    EXPECT_FALSE(driver.running);
+    driver.settings.cycleMinTime = NORVA::TimeValue::fromUs(300);
+    EXPECT_EQ(driver.start(), ASE_NotPresent);
+    EXPECT_TRUE(log.has("connectPrepare error"));
+    EXPECT_EQ(driver.sync.profiles[0].mode, VELMORA::transferRandom);
+    driver.stop();
+}
+
+}  // namespace
