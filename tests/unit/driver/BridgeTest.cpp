@@ -29,12 +29,6 @@ TEST(Bridge, ChannelsAlternateFrameByFrame) {
     EXPECT_EQ(interleaved(BridgeForm::copy3, left, right, 2),
               std::vector<std::uint8_t>({1, 2, 3, 7, 8, 9, 4, 5, 6, 10, 11, 12}));
     EXPECT_EQ(interleaved(BridgeForm::copy1, left, right, 3), std::vector<std::uint8_t>({1, 7, 2, 8, 3, 9}));
-    std::vector<std::uint8_t> wideLeft(16), wideRight(16);
-    for (int i = 0; i < 16; ++i) wideLeft[i] = std::uint8_t(i), wideRight[i] = std::uint8_t(100 + i);
-    std::vector<std::uint8_t> slot = interleaved(BridgeForm::copy8, wideLeft, wideRight, 2);
-    EXPECT_EQ(std::vector<std::uint8_t>(slot.begin() + 8, slot.begin() + 16),
-              std::vector<std::uint8_t>(wideRight.begin(), wideRight.begin() + 8));
-    EXPECT_EQ(slot[16], 8);
 }
 
 TEST(Bridge, ThirtyTwoBitSamplesAreCutOrPaddedWithoutRounding) {
@@ -49,19 +43,6 @@ TEST(Bridge, ThirtyTwoBitSamplesAreCutOrPaddedWithoutRounding) {
     std::memcpy(&last, padded.data() + 24, 8);
     EXPECT_EQ(first, 0x1234567800000000u);
     EXPECT_EQ(last, 0x0000018000000000u);
-}
-
-TEST(Bridge, FormForEachRow) {
-    EXPECT_EQ(bridgeFormFor(true, 4, 2, true, 0x200), BridgeForm::copy4);
-    EXPECT_EQ(bridgeFormFor(true, 2, 4, false, 0x800), BridgeForm::copy1);
-    EXPECT_EQ(bridgeFormFor(false, 0, 8, false, 0x4000), BridgeForm::copy8);
-    EXPECT_EQ(bridgeFormFor(false, 0, 4, false, 0x2000), BridgeForm::copy4);
-    EXPECT_EQ(bridgeFormFor(false, 0, 4, true, 0x800), BridgeForm::copy4);
-    EXPECT_EQ(bridgeFormFor(false, 0, 4, true, 0x1000), BridgeForm::pad32to64);
-    EXPECT_EQ(bridgeFormFor(false, 0, 4, true, 0x400), BridgeForm::cut32to24);
-    EXPECT_EQ(bridgeFormFor(false, 0, 4, true, 0x200), BridgeForm::cut32to16);
-    EXPECT_EQ(bridgeFormFor(false, 0, 3, false, 0x400), BridgeForm::copy3);
-    EXPECT_EQ(bridgeFormFor(false, 0, 2, false, 0x200), BridgeForm::copy2);
 }
 
 }  // namespace
