@@ -55,8 +55,10 @@ wait_for() {
 pids+=($!)
 wait_for "$work/log.err" listening $! || fail "velmora-log didn't start: $(cat "$work/log.err")"
 
+# A 20 ms buffer, as a device gives: at the 5 ms default a loaded machine's
+# scheduling swings the sink's level from end to end.
 "$bin/velmora-target" --loopback --name Demo --sink "1,0,Demo out" --wav "$work/sink.wav" \
-  --stats-json "$work/stats.json" >"$work/target.out" 2>"$work/target.err" &
+  --latency 200 --stats-json "$work/stats.json" >"$work/target.out" 2>"$work/target.err" &
 target=$!
 pids+=($target)
 wait_for "$work/target.out" "^sink 1:" $target || fail "velmora-target didn't start: $(tail -3 "$work/target.err")"
