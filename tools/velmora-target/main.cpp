@@ -39,11 +39,14 @@ class RegisteredSink {
     RegisteredSink(const TestSink& sink, VELMORA::StreamSinkConfig stream, bool several)
         : sink(sink), stream(withPort(stream, sink.port, several ? sink.index : -1)) {}
 
-    bool start() {
+    // Registers at once: whoever reads the sink's line may ask the target
+    // for it straight away.
+    bool start(std::uint16_t registrationPort) {
         if (!stream.start() || !socket.openNonBlocking()) return false;
         registration.setHeader(VELMORA::MessageType::PORT_REGIST, 0, sink.index, 0, stream.port(), 0);
         registration.setBodyText(sink.name);
         registration.finish();
+        announce(registrationPort);
         std::printf("sink %u: port %u, %s\n", sink.index, stream.port(), sink.name.c_str());
         return true;
     }
@@ -58,7 +61,8 @@ class RegisteredSink {
 
   private:
     // Several sinks write files of their own, told apart by their index.
-    static VELMORA::StreamSinkConfig withPort(VELMORA::StreamSinkConfig config, std::uint16_t port, int index) {
+    static VELMORA::StreamSinkConfig withPort(VELMORA::StreamSinkConfig config, std::uint16_t port,
+                                              int index) {
         config.address.setPort(port);
         if (index >= 0) {
             std::string suffix = "." + std::to_string(index);
@@ -89,14 +93,14 @@ int run(const TargetOptions& options) {
     std::vector<std::unique_ptr<RegisteredSink>> sinks;
     for (const TestSink& sink : options.testSinks) {
         sinks.push_back(std::make_unique<RegisteredSink>(sink, options.stream, options.testSinks.size() > 1));
-        if (!sinks.back()->start()) {
+        if (!sinks.back()->start(target.boundPorts().registration)) {
             std::fprintf(stderr, "velmora-target: can't open sink %u on port %u\n", sink.index, sink.port);
             return 2;
         }
     }
     std::fflush(stdout);
 
-    std::uint32_t sinceRegistration = registerEveryMs;
+    std::uint32_t sinceRegistration = 0;
     while (signalled == 0 && target.loopResult() == VELMORA::Target::loopRunning) {
         if (sinceRegistration >= registerEveryMs) {
             for (auto& sink : sinks) sink->announce(target.boundPorts().registration);

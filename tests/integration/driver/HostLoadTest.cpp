@@ -14,57 +14,13 @@
 #include <string>
 #include <vector>
 
+#include "../TargetProcess.h"
 #include "DriverHost.h"
 
 namespace {
 
 std::string libraryPath;
 std::string targetPath;
-
-// velmora-target on its fixed control port, with one sink; returns when the
-// sink has said where it listens.
-class TargetProcess {
-  public:
-    TargetProcess() {
-        int out[2];
-        if (pipe(out) != 0) return;
-        std::vector<std::string> arguments = {targetPath, "--loopback", "--name",
-                                              "Desk",     "--sink",     "1,0,Main out"};
-        pid = fork();
-        if (pid == 0) {
-            dup2(out[1], STDOUT_FILENO);
-            close(out[0]);
-            std::vector<char*> argv;
-            for (std::string& argument : arguments) argv.push_back(argument.data());
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        close(out[1]);
-        output = fdopen(out[0], "r");
-        char line[256];
-        while (output != nullptr && fgets(line, sizeof line, output) != nullptr) {
-            if (std::string(line).starts_with("sink 1:")) {
-                ready = true;
-                break;
-            }
-        }
-    }
-    ~TargetProcess() {
-        if (pid > 0) {
-            kill(pid, SIGTERM);
-            int status = 0;
-            waitpid(pid, &status, 0);
-        }
-        if (output != nullptr) fclose(output);
-    }
-
-    bool ready = false;
-
-  private:
-    pid_t pid = -1;
-    FILE* output = nullptr;
-};
 
 // The per-user settings folder, pointed at a fresh directory for the test.
 class UserSettings {
@@ -87,8 +43,9 @@ class UserSettings {
 };
 
 TEST(HostLoad, InitReachesTheSinkOfATargetAskedDirectly) {
-    TargetProcess target;
-    ASSERT_TRUE(target.ready) << "velmora-target did not start";
+    // On its fixed control port, where the driver looks.
+    TargetProcess target(targetPath, {"--loopback", "--name", "Desk", "--sink", "1,0,Main out"});
+    ASSERT_TRUE(target.ready()) << "velmora-target did not start";
     UserSettings settings("TargetAddress=::1,19642\r\nInterLoopback=enable\r\n");
 
     DriverHost host(libraryPath);

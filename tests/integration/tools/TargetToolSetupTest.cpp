@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "../TargetProcess.h"
 #include "Stream/Sync.h"
 
 namespace {
@@ -19,58 +20,14 @@ using namespace VELMORA;
 
 std::string toolPath;
 
-// velmora-target in a child process, on ports of the system's choice, with
-// one sink; its port is read from what the program prints.
-class TargetProcess {
-  public:
-    explicit TargetProcess(const std::vector<std::string>& sinkOptions) {
-        int out[2];
-        if (pipe(out) != 0) return;
-        std::vector<std::string> arguments = {
-            toolPath, "--control-port", "0",           "--registration-port",
-            "0",      "--log-port",     "0",           "--syslog-port",
-            "0",      "--sink",         "1,0,Main out"};
-        arguments.insert(arguments.end(), sinkOptions.begin(), sinkOptions.end());
-        pid = fork();
-        if (pid == 0) {
-            dup2(out[1], STDOUT_FILENO);
-            close(out[0]);
-            std::vector<char*> argv;
-            for (std::string& argument : arguments) argv.push_back(argument.data());
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        close(out[1]);
-        output = fdopen(out[0], "r");
-        readSinkPort();
-    }
-    ~TargetProcess() {
-        if (pid > 0) {
-            kill(pid, SIGTERM);
-            int status = 0;
-            waitpid(pid, &status, 0);
-        }
-        if (output != nullptr) fclose(output);
-    }
-
-    std::uint16_t sinkPort = 0;
-
-  private:
-    void readSinkPort() {
-        char line[256];
-        while (output != nullptr && fgets(line, sizeof line, output) != nullptr) {
-            unsigned port = 0;
-            if (std::sscanf(line, "sink 1: port %u", &port) == 1) {
-                sinkPort = std::uint16_t(port);
-                return;
-            }
-        }
-    }
-
-    pid_t pid = -1;
-    FILE* output = nullptr;
-};
+// velmora-target on ports of the system's choice, with one sink and the
+// test's options.
+TargetProcess startTarget(const std::vector<std::string>& sinkOptions) {
+    std::vector<std::string> options = TargetProcess::anyPorts();
+    options.insert(options.end(), {"--sink", "1,0,Main out"});
+    options.insert(options.end(), sinkOptions.begin(), sinkOptions.end());
+    return TargetProcess(toolPath, options);
+}
 
 class NoRingSync : public Sync {
   public:
@@ -78,8 +35,8 @@ class NoRingSync : public Sync {
 };
 
 TEST(TargetToolSetup, GetInfoReadsWhatTheSinkWasStartedWith) {
-    TargetProcess target({"--pcm", "0x0C02:0x001E", "--latency", "45", "--data-req", "1400", "--sink-cycle",
-                          "500,2000,2", "--modes", "0"});
+    TargetProcess target = startTarget({"--pcm", "0x0C02:0x001E", "--latency", "45", "--data-req", "1400",
+                                        "--sink-cycle", "500,2000,2", "--modes", "0"});
     ASSERT_NE(target.sinkPort, 0) << "velmora-target did not start its sink";
 
     NoRingSync sync;
@@ -94,7 +51,7 @@ TEST(TargetToolSetup, GetInfoReadsWhatTheSinkWasStartedWith) {
 }
 
 TEST(TargetToolSetup, SilentSinkKeepsTheDefaults) {
-    TargetProcess target({"--silent-modes", "--silent-datasize"});
+    TargetProcess target = startTarget({"--silent-modes", "--silent-datasize"});
     ASSERT_NE(target.sinkPort, 0);
     NoRingSync sync;
     ASSERT_TRUE(sync.open(0, TimeValue::fromMs(100), 0, "studio", 0x4B45, -1, -1, 0));
