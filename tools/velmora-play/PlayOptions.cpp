@@ -25,13 +25,13 @@ bool whole(const std::string& text, int least, int greatest, int& out) {
 }
 
 // "sine", "sine:HZ" or "noise"
-bool signalKind(const std::string& text, SignalSpec& spec) {
+bool signalKind(const std::string& text, SignalSpec& signal) {
     if (text == "noise") {
-        spec.kind = SignalSpec::noise;
+        signal.kind = SignalSpec::noise;
         return true;
     }
     if (text == "sine") return true;
-    return text.starts_with("sine:") && real(text.substr(5), 1, 1e6, spec.frequency);
+    return text.starts_with("sine:") && real(text.substr(5), 1, 1e6, signal.frequency);
 }
 
 }  // namespace
