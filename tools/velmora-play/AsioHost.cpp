@@ -17,6 +17,8 @@ constexpr int exitRefused = 4;
 // connection is made meanwhile), and for the next one once they come.
 constexpr double firstCallbackLimitS = 10;
 constexpr double callbackGapLimitS = 2;
+// The timeline in the report keeps a callback per this much time.
+constexpr std::int64_t timelineStepNs = 10'000'000;
 
 std::int64_t nowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -249,7 +251,7 @@ bool AsioHost::makeBuffers(IASIO* driver, PlayReport& report) {
         return false;
     }
     unsigned bits = HostSource::sampleBits(type);
-    report.sourceFrames = bits == 1 ? source.bytesPerChannel() * 8 : source.bytesPerChannel() / (bits / 8);
+    report.sourceFrames = source.framesIn(source.bytesPerChannel());
     bufferBytes =
         bits == 1 ? std::uint32_t(report.bufferSize / 8) : std::uint32_t(report.bufferSize) * (bits / 8);
     return true;
@@ -306,6 +308,11 @@ void AsioHost::run(IASIO* hostDriver, PlayReport& report) {
 }
 
 void AsioHost::summarise(PlayReport& report) const {
+    if (!options.jsonPath.empty() && source.channelCount() != 0) {
+        source.digest(bytesGiven.load(), report.digest);
+        report.hasDigest = true;
+        report.digestLeadFrames = source.framesIn(report.digest.lead() / source.channelCount());
+    }
     PlayReport::Callbacks& out = report.callbacks;
     out.count = tickCount.load();
     out.timeInfo = options.timeInfo;
@@ -323,6 +330,10 @@ void AsioHost::summarise(PlayReport& report) const {
     out.firstAfterStartMs = double(ticks[0].ns - startNs) / 1e6;
     out.firstPosition = ticks[0].position;
     out.lastPosition = ticks[kept - 1].position;
+    for (std::size_t i = 0; i < kept; ++i) {
+        if (i == 0 || i + 1 == kept || ticks[i].ns - report.timeline.back().ns >= timelineStepNs)
+            report.timeline.push_back({ticks[i].position, ticks[i].ns});
+    }
     std::vector<double> intervals;
     for (std::size_t i = 1; i < kept; ++i) {
         intervals.push_back(double(ticks[i].ns - ticks[i - 1].ns) / 1e6);

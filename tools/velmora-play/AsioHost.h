@@ -36,6 +36,12 @@ struct PlayReport {
         std::uint64_t indexRepeats = 0;   // the same half twice in a row
         std::uint64_t rateChangedFlags = 0;
     };
+    // A callback's sample position and when it came, on the steady clock
+    // (CLOCK_MONOTONIC on Linux, as a sink's timeline).
+    struct Moment {
+        std::uint64_t position = 0;
+        std::int64_t ns = 0;
+    };
 
     std::string driverOrigin;
     std::string driverName;
@@ -50,9 +56,15 @@ struct PlayReport {
     AsioLong inputLatency = 0, outputLatency = 0;
     std::vector<std::string> clocks;
     Callbacks callbacks;
-    std::string source;  // what was played
+    std::vector<Moment> timeline;  // the callbacks, at most one per 10 ms, and the last
+    std::string source;            // what was played
     std::uint64_t sourceFrames = 0;
     std::uint64_t framesGiven = 0;
+    // What the driver was handed, as a sink fingerprints what it receives;
+    // made only for --json.
+    bool hasDigest = false;
+    VELMORA::StreamDigest digest;
+    std::uint64_t digestLeadFrames = 0;  // the digest's lead in samples per channel
     // Messages the driver sent through asioMessage and sampleRateDidChange.
     std::uint64_t resetRequests = 0, resyncRequests = 0, bufferSizeChanges = 0, latencyChanges = 0,
                   rateChanges = 0;

@@ -5,9 +5,13 @@
 
 namespace {
 
+// Silence is zeros in PCM; in 1-bit DSD it is the idle pattern of either
+// bit order, 0x69 least significant bit first or 0x96 most.
 bool silent(const WavData& wav, std::uint64_t frame) {
     const std::uint8_t* at = wav.data.data() + frame * wav.frameBytes();
-    return std::all_of(at, at + wav.frameBytes(), [](std::uint8_t b) { return b == 0; });
+    std::uint8_t first = at[0];
+    if (first != 0 && !(wav.bits == 1 && (first == 0x69 || first == 0x96))) return false;
+    return std::all_of(at, at + wav.frameBytes(), [first](std::uint8_t b) { return b == first; });
 }
 
 std::uint64_t lead(const WavData& wav) {

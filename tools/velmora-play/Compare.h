@@ -1,7 +1,7 @@
 // Whether a sink's WAV holds exactly what the player gave the driver. Both
 // begin with silence of their own length (the stream's ring starts silent);
 // the audio after it has to match byte for byte, up to the given file's
-// last sound.
+// last sound. A 1-bit file is DSD, whose silence is its idle pattern.
 #pragma once
 
 #include <cstdint>

@@ -3,13 +3,15 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <fstream>
 #include <numbers>
 
 namespace {
 
 // Beyond this the source would not fit a 32-bit host comfortably.
 constexpr std::uint64_t sourceLimitBytes = 1ull << 30;
+// A generated signal holds at most this much and repeats it: a minute of
+// 768 kHz x 8 channels x 32 bits would take 1.5 GB.
+constexpr std::uint64_t signalHeldBytes = 1ull << 28;
 
 std::uint32_t nextNoise(std::uint32_t& state) {
     state ^= state << 13;
@@ -60,7 +62,8 @@ const char* HostSource::typeName(ASIOSampleType type) {
     }
 }
 
-bool HostSource::prepare(ASIOSampleType type, unsigned channels, std::uint64_t frames, std::string& error) {
+bool HostSource::prepare(ASIOSampleType type, unsigned channels, std::uint64_t frames, bool mayRepeat,
+                         std::string& error) {
     unsigned bits = sampleBits(type);
     if (bits == 0) {
         error =
@@ -72,11 +75,16 @@ bool HostSource::prepare(ASIOSampleType type, unsigned channels, std::uint64_t f
     // DSD silence alternates its bits; the pattern depends on the bit order.
     silence = type == ASIOSTDSDInt8LSB1 ? 0x69 : type == ASIOSTDSDInt8MSB1 ? 0x96 : 0;
     length = bits == 1 ? frames / 8 : frames * width;
-    if (length * channels > sourceLimitBytes) {
-        error = "the source would take more than 1 GiB: play fewer seconds";
-        return false;
+    std::uint64_t held = length;
+    if (length * channels > (mayRepeat ? signalHeldBytes : sourceLimitBytes)) {
+        if (!mayRepeat) {
+            error = "the source would take more than 1 GiB: play fewer seconds";
+            return false;
+        }
+        // Whole samples and whole DSD words, so that the repeat splits neither.
+        held = signalHeldBytes / channels / (4 * width) * (4 * width);
     }
-    channelData.assign(channels, std::vector<std::uint8_t>(length, silence));
+    channelData.assign(channels, std::vector<std::uint8_t>(held, silence));
     return true;
 }
 
@@ -104,7 +112,7 @@ void HostSource::encode(double value, std::uint8_t* out) const {
 
 bool HostSource::makeSignal(const SignalSpec& signal, ASIOSampleType type, unsigned channels, double rate,
                             std::uint64_t frames, std::string& error) {
-    if (!prepare(type, channels, frames, error)) return false;
+    if (!prepare(type, channels, frames, true, error)) return false;
     std::uint32_t noise = 0x9E3779B9u;
     for (unsigned c = 0; c < channels; ++c) {
         std::uint8_t* out = channelData[c].data();
@@ -115,7 +123,7 @@ bool HostSource::makeSignal(const SignalSpec& signal, ASIOSampleType type, unsig
         if (isDsd(type)) {
             // First-order sigma-delta of the sine at half scale.
             double integrator = 0;
-            for (std::uint64_t byte = 0; byte < length; ++byte) {
+            for (std::uint64_t byte = 0; byte < channelData[c].size(); ++byte) {
                 std::uint8_t packed = 0;
                 for (int bit = 0; bit < 8; ++bit) {
                     std::uint64_t n = byte * 8 + std::uint64_t(bit);
@@ -129,7 +137,7 @@ bool HostSource::makeSignal(const SignalSpec& signal, ASIOSampleType type, unsig
             }
             continue;
         }
-        for (std::uint64_t n = 0; n < frames; ++n, out += width) {
+        for (std::uint64_t n = 0; n < channelData[c].size() / width; ++n, out += width) {
             if (signal.kind == SignalSpec::sine) {
                 encode(0.5 * std::sin(phase + step * double(n)), out);
             } else {
@@ -146,7 +154,7 @@ bool HostSource::fromWav(const WavData& wav, ASIOSampleType type, std::uint64_t 
         error = "a WAV file can't feed a DSD stream; use a generated signal";
         return false;
     }
-    if (!prepare(type, wav.channels, std::min(frames, wav.frames()), error)) return false;
+    if (!prepare(type, wav.channels, std::min(frames, wav.frames()), false, error)) return false;
     for (unsigned c = 0; c < wav.channels; ++c) {
         std::uint8_t* out = channelData[c].data();
         for (std::uint64_t n = 0; n < length / width; ++n, out += width) encode(wav.sample(n, c), out);
@@ -155,9 +163,23 @@ bool HostSource::fromWav(const WavData& wav, ASIOSampleType type, std::uint64_t 
 }
 
 void HostSource::fill(unsigned channel, std::uint64_t offset, std::uint8_t* out, std::uint32_t size) const {
-    std::uint32_t part = offset >= length ? 0 : std::uint32_t(std::min<std::uint64_t>(size, length - offset));
-    if (part != 0) std::memcpy(out, channelData[channel].data() + offset, part);
-    if (part < size) std::memset(out + part, silence, size - part);
+    const std::vector<std::uint8_t>& held = channelData[channel];
+    while (size != 0 && offset < length) {
+        std::uint64_t at = offset % held.size();
+        auto part = std::uint32_t(std::min({std::uint64_t(size), length - offset, held.size() - at}));
+        std::memcpy(out, held.data() + at, part);
+        out += part;
+        offset += part;
+        size -= part;
+    }
+    if (size != 0) std::memset(out, silence, size);
+}
+
+void HostSource::interleave(std::uint64_t offset, std::uint64_t size, std::uint8_t* out) const {
+    unsigned group = groupBytes();
+    for (std::uint64_t at = offset; at < offset + size; at += group) {
+        for (unsigned c = 0; c < channelCount(); ++c, out += group) fill(c, at, out, group);
+    }
 }
 
 bool HostSource::writeGiven(const std::string& path, std::uint64_t bytesGiven, double rate,
@@ -165,18 +187,24 @@ bool HostSource::writeGiven(const std::string& path, std::uint64_t bytesGiven, d
     WavData wav;
     wav.channels = std::uint16_t(channelData.size());
     wav.rate = std::uint32_t(rate);
-    wav.bits = std::uint16_t(width * 8);
+    wav.bits = std::uint16_t(isDsd(sampleType) ? 1 : width * 8);
     wav.formatTag =
         sampleType == ASIOSTFloat32LSB || sampleType == ASIOSTFloat64LSB ? WavData::ieeeFloat : WavData::pcm;
-    std::uint64_t samples = bytesGiven / width;
-    wav.data.resize(samples * width * wav.channels);
-    std::uint8_t* out = wav.data.data();
-    for (std::uint64_t n = 0; n < samples; ++n) {
-        for (unsigned c = 0; c < wav.channels; ++c, out += width) fill(c, n * width, out, width);
+    std::uint64_t perChannel = bytesGiven / groupBytes() * groupBytes();
+    wav.data.resize(perChannel * wav.channels);
+    interleave(0, perChannel, wav.data.data());
+    return writeWav(path, wav, error);
+}
+
+void HostSource::digest(std::uint64_t bytesGiven, VELMORA::StreamDigest& out) const {
+    unsigned group = groupBytes();
+    out.reset(group * channelCount(), silence);
+    std::uint64_t end = std::min(bytesGiven, length) / group * group;
+    std::uint64_t step = std::uint64_t(group) * 16384;
+    std::vector<std::uint8_t> chunk(step * channelCount());
+    for (std::uint64_t at = 0; at < end; at += step) {
+        std::uint64_t size = std::min(step, end - at);
+        interleave(at, size, chunk.data());
+        out.feed(chunk.data(), size * channelCount());
     }
-    if (!isDsd(sampleType)) return writeWav(path, wav, error);
-    std::ofstream file(path, std::ios::binary);
-    file.write(reinterpret_cast<const char*>(wav.data.data()), std::streamsize(wav.data.size()));
-    if (!file) error = "can't write " + path;
-    return bool(file);
 }

@@ -52,8 +52,9 @@ const char* PlayOptions::usage() {
            "  --signal KIND        sine (997 Hz), sine:HZ or noise (default sine)\n"
            "  --seconds S          how long to play (default: the whole file, or 3)\n"
            "  --plain-callbacks    say no to kAsioSupportsTimeInfo: bufferSwitch instead\n"
-           "  --given FILE         write the samples handed to the driver (WAV; raw bytes for DSD)\n"
-           "  --json FILE          write the report as JSON\n"
+           "  --given FILE         write the samples handed to the driver (WAV; 1 bit for DSD)\n"
+           "  --json FILE          write the report as JSON, with the callbacks' times and a\n"
+           "                       fingerprint of the stream handed over\n"
            "exit codes: 0 played, 1 the stream failed or the files differ, 2 bad arguments or\n"
            "input, 3 the driver can't be loaded, 4 the driver refused a call\n";
 }

@@ -120,7 +120,22 @@ std::string reportJson(const PlayReport& r) {
         out << (i == 0 ? "" : ",") << "{\"call\":" << quoted(r.calls[i].name)
             << ",\"result\":" << r.calls[i].result << "}";
     }
-    out << "],\"referencesLeft\":" << r.referencesLeft << ",\"failure\":" << quoted(r.failure)
+    out << "],\"timeline\":[";
+    for (std::size_t i = 0; i < r.timeline.size(); ++i)
+        out << (i == 0 ? "" : ",") << "[" << r.timeline[i].position << "," << r.timeline[i].ns << "]";
+    out << "]";
+    if (r.hasDigest) {
+        out << ",\"digest\":{\"leadFrames\":" << r.digestLeadFrames << ",\"lead\":" << r.digest.lead()
+            << ",\"length\":" << r.digest.length() << ",\"checkpoints\":[";
+        const auto& points = r.digest.checkpoints();
+        for (std::size_t i = 0; i < points.size(); ++i) {
+            char hash[24];
+            std::snprintf(hash, sizeof hash, "%016llx", static_cast<unsigned long long>(points[i].hash));
+            out << (i == 0 ? "" : ",") << "[" << points[i].bytes << ",\"" << hash << "\"]";
+        }
+        out << "]}";
+    }
+    out << ",\"referencesLeft\":" << r.referencesLeft << ",\"failure\":" << quoted(r.failure)
         << ",\"exitCode\":" << r.exitCode << "}\n";
     return out.str();
 }

@@ -103,8 +103,10 @@ bool writeWav(const std::string& path, const WavData& wav, std::string& error) {
     putLittle(header, wav.formatTag, 2);
     putLittle(header, wav.channels, 2);
     putLittle(header, wav.rate, 4);
-    putLittle(header, wav.rate * wav.frameBytes(), 4);
-    putLittle(header, wav.frameBytes(), 2);
+    // Whole bytes per frame only: 1-bit DSD has none, as a sink writes it.
+    std::uint32_t blockAlign = wav.channels * (wav.bits / 8u);
+    putLittle(header, wav.rate * blockAlign, 4);
+    putLittle(header, blockAlign, 2);
     putLittle(header, wav.bits, 2);
     header.insert(header.end(), {'d', 'a', 't', 'a'});
     putLittle(header, std::uint32_t(wav.data.size()), 4);

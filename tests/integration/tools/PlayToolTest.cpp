@@ -20,6 +20,8 @@
 #include "HostSource.h"
 #include "Network/Socket.h"
 #include "PlayOptions.h"
+#include "Sink/StreamDigest.h"
+#include "Sink/WavWriter.h"
 
 namespace {
 
@@ -159,6 +161,49 @@ TEST(PlayCompare, FindsADifferenceAShortSinkAndAnotherFormat) {
     EXPECT_FALSE(compareWav(stereo16({0, 0}), stereo16({0, 0})).exact) << "silence proves nothing";
 }
 
+// DSD goes out in 32-bit words per channel: the given file has them so, under
+// the header a sink writes, and matches the sink's file after its idle
+// pattern; the fingerprint of what was handed over is the sink's.
+TEST(PlayCompare, DsdGivenMatchesTheSinksFileAfterItsIdlePattern) {
+    TempDir dir;
+    HostSource source;
+    std::string error;
+    const std::uint64_t perChannel = VELMORA::StreamDigest::checkpointBytes / 2;
+    ASSERT_TRUE(
+        source.makeSignal({SignalSpec::noise, 0}, ASIOSTDSDInt8LSB1, 2, 2822400, perChannel * 8, error));
+    ASSERT_TRUE(source.writeGiven(dir.path + "/given.wav", perChannel + 8, 2822400, error)) << error;
+    WavData given, received;
+    ASSERT_TRUE(readWav(dir.path + "/given.wav", given, error)) << error;
+    std::vector<std::uint8_t> left = channelBytes(source, 0), right = channelBytes(source, 1);
+    EXPECT_EQ(std::memcmp(given.data.data(), left.data(), 4), 0);
+    EXPECT_EQ(std::memcmp(given.data.data() + 4, right.data(), 4), 0);
+    EXPECT_EQ(std::memcmp(given.data.data() + 8, left.data() + 4, 4), 0);
+
+    VELMORA::WavWriter sink;
+    std::vector<std::uint8_t> idle(24, 0x69);
+    ASSERT_TRUE(sink.open(dir.path + "/sink.wav", 2822400, 2, 1));
+    ASSERT_TRUE(sink.write(idle.data(), idle.size()) && sink.write(given.data.data(), given.data.size()));
+    ASSERT_TRUE(sink.close());
+    ASSERT_TRUE(readWav(dir.path + "/sink.wav", received, error)) << error;
+    Comparison result = compareWav(given, received);
+    EXPECT_TRUE(result.exact) << result.text();
+    EXPECT_EQ(result.sinkLead, 12u) << "frames of one byte per channel";
+
+    VELMORA::StreamDigest handed, arrived;
+    source.digest(perChannel + 8, handed);
+    arrived.reset(8, 0x69);
+    arrived.feed(received.data.data(), received.data.size());
+    EXPECT_EQ(handed.lead(), 0u);
+    EXPECT_EQ(arrived.lead(), 24u);
+    EXPECT_EQ(handed.length(), 2 * perChannel) << "the idle tail isn't the source's";
+    ASSERT_EQ(handed.checkpoints().size(), 1u);
+    ASSERT_EQ(arrived.checkpoints().size(), 1u);
+    EXPECT_EQ(handed.checkpoints()[0].hash, arrived.checkpoints()[0].hash);
+
+    received.data[100] ^= 1;
+    EXPECT_EQ(compareWav(given, received).firstDifference, 38u);
+}
+
 TEST(PlayOptionsTest, ContradictionsAreRefused) {
     auto refused = [](std::vector<std::string> words) {
         std::vector<char*> argv = {const_cast<char*>("velmora-play")};
@@ -288,6 +333,7 @@ TEST(PlayTool, PlaysToTheSinkBitForBit) {
     std::string json = readFile(dir.path + "/report.json");
     // Every callback moved the position by one buffer and switched halves.
     EXPECT_NE(json.find("\"positionJumps\":0,\"indexRepeats\":0"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"timeline\":[[0,"), std::string::npos) << json;
     Outcome compare =
         runProgram(playPath + " --compare " + dir.path + "/given.wav " + dir.path + "/sink.wav");
     EXPECT_EQ(compare.code, 0) << compare.output << play.output;
