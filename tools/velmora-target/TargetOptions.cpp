@@ -30,7 +30,8 @@ bool number(const std::string& text, Number& out) {
 bool real(const std::string& text, double least, double greatest, double& out) {
     char* end = nullptr;
     double value = std::strtod(text.c_str(), &end);
-    if (text.empty() || end != text.c_str() + text.size() || !(value >= least && value <= greatest)) return false;
+    if (text.empty() || end != text.c_str() + text.size() || !(value >= least && value <= greatest))
+        return false;
     out = value;
     return true;
 }
@@ -135,6 +136,13 @@ bool formatMask(const std::string& text, VELMORA::FormatID& mask) {
     return true;
 }
 
+// "PPM@SECONDS": the sink's clock moves by PPM after SECONDS of play.
+bool ppmStep(const std::string& text, VELMORA::SinkPlayConfig& play) {
+    std::vector<std::string> parts = split(text, '@');
+    return parts.size() == 2 && real(parts[0], -1e5, 1e5, play.stepPpm) &&
+           real(parts[1], 0, 1e6, play.stepAfterSeconds);
+}
+
 // "min,max,profile": SINKINFO's cycle limits (units of 10 us) and profile bits.
 bool sinkCycle(const std::string& text, VELMORA::StreamSinkConfig& stream) {
     std::vector<std::string> parts = split(text, ',');
@@ -188,6 +196,7 @@ const char* TargetOptions::usage() {
            "  --wav FILE                write each stream to FILE (FILE.N for the sink at index N\n"
            "                            when there are several); without it the audio is discarded\n"
            "  --ppm N                   the sinks' clock against the nominal rate, in ppm\n"
+           "  --ppm-step PPM@SECONDS    the clock moves by PPM more after SECONDS of play\n"
            "  --drop SHARE              drop this share of packets on arrival, 0 to 1 (0.01: 1 %)\n"
            "  --feedback N              feedback encoding: 1 centred (default), 2 signed, 3 level\n"
            "  --stats-json FILE         each stream's statistics as JSON, at its end\n"
@@ -262,8 +271,10 @@ bool TargetOptions::parse(int argc, char** argv, std::string& error) {
         {"--raw", text(stream.raw.interfaceName)},
         {"--wav", text(stream.play.wavPath)},
         {"--ppm", [&](const std::string& v) { return real(v, -1e5, 1e5, stream.play.ppm); }},
+        {"--ppm-step", [&](const std::string& v) { return ppmStep(v, stream.play); }},
         {"--drop", [&](const std::string& v) { return real(v, 0, 1, stream.play.dropShare); }},
-        {"--feedback", [&](const std::string& v) {
+        {"--feedback",
+         [&](const std::string& v) {
              return number(v, stream.play.feedbackEncoding) && stream.play.feedbackEncoding >= 1 &&
                     stream.play.feedbackEncoding <= 3;
          }},

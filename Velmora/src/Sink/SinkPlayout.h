@@ -22,10 +22,12 @@
 namespace VELMORA {
 
 struct SinkPlayConfig {
-    double ppm = 0;            // the sink's clock against the nominal rate
-    double dropShare = 0;      // of packets dropped on arrival, 0 to 1
-    int feedbackEncoding = 1;  // 1 centred, 2 signed, 3 level
-    std::string wavPath;       // empty: the audio is discarded
+    double ppm = 0;               // the sink's clock against the nominal rate
+    double stepPpm = 0;           // added to `ppm` once the clock has played
+    double stepAfterSeconds = 0;  // this long
+    double dropShare = 0;         // of packets dropped on arrival, 0 to 1
+    int feedbackEncoding = 1;     // 1 centred, 2 signed, 3 level
+    std::string wavPath;          // empty: the audio is discarded
     std::uint32_t dropSeed = 1;
 };
 
