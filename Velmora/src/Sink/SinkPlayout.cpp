@@ -17,6 +17,8 @@ constexpr double q14 = 16384;
 // A request not answered within this is made again.
 constexpr std::chrono::milliseconds resendRetry{20};
 constexpr std::chrono::milliseconds samplePeriod{100};
+// An hour of samples: kept without allocating while the stream runs.
+constexpr std::size_t samplesKept = 36000;
 
 double microseconds(SinkPlayout::Clock::duration span) {
     return std::chrono::duration<double, std::micro>(span).count();
@@ -28,17 +30,26 @@ bool SinkPlayout::start(FormatID streamFormat, std::uint32_t latencyUs) {
     std::lock_guard<std::mutex> lock(mutex);
     wav.close();
     format = streamFormat;
-    frameBytes = std::max<std::uint32_t>(1, format.frameBytes());
+    frameBytes = std::max(1.0, double(format.bitsPerSample())) * format.channelCount() / 8;
     rate = format.rate() * (1 + config.ppm / 1e6);
     capacity = std::max(1.0, format.rate() * latencyUs / 1e6);
     centre = capacity / 2;
     counts = SinkStats{};
-    counts.deviation.reserve(4096);
+    counts.deviation.reserve(samplesKept);
+    counts.timeline.reserve(samplesKept);
+    counts.rate = format.rate();
+    counts.playRate = rate;
+    counts.centre = centre;
+    counts.capacity = capacity;
+    counts.frameBytes = frameBytes;
+    std::uint8_t silence = !format.isDsd() ? 0 : (format.low() & FormatID::dsdMsbFirst) != 0 ? 0x96 : 0x69;
+    counts.digest.reset(format.isDsd() ? format.channelCount() : std::uint32_t(frameBytes), silence);
     streaming = true;
     started = false;
     awaitingResend = false;
     feedbackOwed = 0;
-    receivedFrames = silentFrames = level = 0;
+    receivedFrames = silentFrames = level = levelArea = areaSpan = 0;
+    lastReported = 0;
     inUnderrun = hasTransit = false;
     dropState = config.dropSeed != 0 ? config.dropSeed : 1;
     if (config.wavPath.empty()) return true;
@@ -87,7 +98,7 @@ int SinkPlayout::receive(const Packet& packet, Clock::time_point now, Answer (&a
     if (!started) {
         started = true;
         expected = fullSequence(packet);
-        firstArrival = nextSample = now;
+        firstArrival = nextSample = lastUpdate = lastReport = now;
     }
     int given = 0;
     std::uint16_t sequence = fullSequence(packet);
@@ -109,12 +120,13 @@ int SinkPlayout::receive(const Packet& packet, Clock::time_point now, Answer (&a
         ++counts.packets;
         counts.bytes += packet.size;
         if (wav.isOpen() && !wav.write(packet.body, packet.size)) LogLine(3) << "StreamSink WAV write failed";
+        counts.digest.feed(packet.body, packet.size);
         // Jitter: how the arrival moves against the audio's own time.
         double transit = microseconds(now - firstArrival) - receivedFrames / format.rate() * 1e6;
         if (hasTransit) counts.jitterUs += (std::fabs(transit - lastTransitUs) - counts.jitterUs) / 16;
         lastTransitUs = transit;
         hasTransit = true;
-        receivedFrames += double(packet.size / frameBytes);
+        receivedFrames += std::floor(packet.size / frameBytes);
     }
     if (packet.wantsFeedback) ++feedbackOwed;
     if (packet.queuedBehind) return given;
@@ -122,7 +134,7 @@ int SinkPlayout::receive(const Packet& packet, Clock::time_point now, Answer (&a
     if (feedbackOwed != 0) {
         feedbackOwed = 0;
         ++counts.feedbacks;
-        answers[given++] = feedbackAnswer();
+        answers[given++] = feedbackAnswer(reportedDeviation(now));
     }
     return given;
 }
@@ -135,17 +147,23 @@ void SinkPlayout::advance(Clock::time_point now) {
 // The clock starts once the buffer holds its centre; from then on it plays
 // whether audio is there or not, and what was missing is silence.
 void SinkPlayout::playUntil(Clock::time_point now) {
-    if (!counts.playing) {
-        if (receivedFrames < centre) {
-            level = receivedFrames;
-            return;
-        }
+    double before = level;
+    if (!counts.playing && receivedFrames >= centre) {
         counts.playing = true;
-        playStart = now;
-        nextSample = now;
+        playStart = nextSample = now;
     }
-    double played = microseconds(now - playStart) * rate / 1e6;
-    level = receivedFrames + silentFrames - played;
+    if (!counts.playing) {
+        level = receivedFrames;
+    } else {
+        level = receivedFrames + silentFrames - playedSince(playStart, now);
+    }
+    // Since the last update the level only fell, as the clock played: a
+    // straight line from where it stood, then whatever just arrived on top.
+    double span = std::chrono::duration<double>(now - lastUpdate).count();
+    double fallen = counts.playing ? std::max(0.0, before - span * rate) : before;
+    levelArea += (before + fallen) / 2 * span;
+    areaSpan += span;
+    lastUpdate = now;
     if (level < 0) {
         silentFrames -= level;
         level = 0;
@@ -156,14 +174,31 @@ void SinkPlayout::playUntil(Clock::time_point now) {
     }
     if (level > capacity) ++counts.overruns;
     while (now >= nextSample) {
-        std::int32_t d = deviationNow();
-        auto ms = std::uint32_t(
-            std::chrono::duration_cast<std::chrono::milliseconds>(nextSample - firstArrival).count());
-        counts.deviation.push_back({ms, d});
-        counts.deviationLeast = std::min(counts.deviationLeast, d);
-        counts.deviationGreatest = std::max(counts.deviationGreatest, d);
+        sample(nextSample);
         nextSample += samplePeriod;
     }
+}
+
+// Frames the clock has played from `start` to `now`, the step included.
+double SinkPlayout::playedSince(Clock::time_point start, Clock::time_point now) const {
+    double seconds = std::chrono::duration<double>(now - start).count();
+    if (config.stepPpm == 0 || seconds <= config.stepAfterSeconds) return seconds * rate;
+    double stepped = format.rate() * (1 + (config.ppm + config.stepPpm) / 1e6);
+    return config.stepAfterSeconds * rate + (seconds - config.stepAfterSeconds) * stepped;
+}
+
+void SinkPlayout::sample(Clock::time_point at) {
+    std::int32_t d = deviationNow();
+    auto ms = std::uint32_t(std::chrono::duration_cast<std::chrono::milliseconds>(at - firstArrival).count());
+    if (counts.deviation.size() < counts.deviation.capacity()) counts.deviation.push_back({ms, d});
+    auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(at.time_since_epoch()).count();
+    if (counts.timeline.size() < counts.timeline.capacity())
+        counts.timeline.push_back({ns, std::uint64_t(receivedFrames), level, lastReported});
+    counts.deviationLeast = std::min(counts.deviationLeast, d);
+    counts.deviationGreatest = std::max(counts.deviationGreatest, d);
+    if (config.stepPpm != 0 && counts.playing &&
+        std::chrono::duration<double>(at - playStart).count() > config.stepAfterSeconds)
+        counts.playRate = format.rate() * (1 + (config.ppm + config.stepPpm) / 1e6);
 }
 
 std::int32_t SinkPlayout::deviationNow() const {
@@ -176,20 +211,65 @@ std::int32_t SinkPlayout::deviation() const {
     return deviationNow();
 }
 
-SinkPlayout::Answer SinkPlayout::feedbackAnswer() const {
-    std::int32_t d = deviationNow();
+// The rate loop, as the host closes it through these reports.
+//
+// On each report d (Q14) the host moves its rate correction a:
+//   a -= kp d + kd (d - d_prev),   kp = 655/16384 (0.04), kd = 1638/16384 (0.1),
+// one report per interval T (its infoTime, 100 ms by default). Between
+// reports the level x (seconds of audio off the centre) integrates the rate
+// error, x' = a - p, p being this clock's offset. With d = x / S, S the
+// error that reads as 1.0, one report step is
+//   x[n+1] - 2 x[n] + x[n-1] = -g (kp e[n] + kd (e[n] - e[n-1])),   g = T / S,
+// where e is the error the report measured. Reporting the level of one
+// moment (e = x[n]) is stable for g < 4 / (kp + 2 kd), about 16.7. A span
+// tied to the centre therefore fails as the buffer shrinks: at T = 100 ms
+// and a 5 ms centre g is 20, and a flips between its clamps each report.
+//
+// So S follows the interval instead: S = T / 5 (20 ms at the default T),
+// with T measured as the time since the last report, which makes g = 5
+// whatever the buffer, the rate or the host's infoTime; a report the host
+// missed doubles T and S alike. And d is the mean level since the last
+// report, which keeps the sawtooth of bursts (a cycle's audio at a time)
+// out of it, for half an interval of delay: e[n] ~ (x[n] + x[n-1]) / 2.
+// The characteristic polynomial is then
+//   z^3 + (g (kp + kd) / 2 - 2) z^2 + (1 + g kp / 2) z - g kd / 2,
+// stable for g below about 13.5 and fastest near 5 to 6, where its largest
+// root is 0.75: an error shrinks tenfold in 8 reports, under a second at
+// 100 ms. g = 5 leaves a factor of 2.7 for delays the model leaves out.
+// The clamps of a (-10 %, +3 %) and of d (an error of S) only slow a start
+// far from the centre.
+constexpr double loopGain = 5;
+// Report intervals outside these are taken as the nearest.
+constexpr double shortestInterval = 0.001;
+constexpr double longestInterval = 2.0;
+
+std::int32_t SinkPlayout::reportedDeviation(Clock::time_point now) {
+    double interval = std::chrono::duration<double>(now - lastReport).count();
+    lastReport = now;
+    double mean = areaSpan > 0 ? levelArea / areaSpan : level;
+    levelArea = areaSpan = 0;
+    reportSpan = rate * std::clamp(interval, shortestInterval, longestInterval) / loopGain;
+    reportError = mean - centre;
+    lastReported = std::int32_t(std::clamp(std::round(reportError / reportSpan * q14), -q14, q14 - 1));
+    return lastReported;
+}
+
+SinkPlayout::Answer SinkPlayout::feedbackAnswer(std::int32_t d) const {
     Answer answer;
     answer.feedback = true;
     switch (config.feedbackEncoding) {
         case 2:
             // Signed 15 bits under bit 15.
-            answer.param0 = std::uint16_t(0x8000 | (std::min(d, 16383) & 0x7FFF));
+            answer.param0 = std::uint16_t(0x8000 | (d & 0x7FFF));
             break;
         case 3: {
-            // Level against the level wanted, in units of 10 us.
+            // The host divides the level's distance from the level wanted
+            // by the level wanted: the span takes the second's place, in
+            // units of 10 us.
             double unit = format.rate() / 1e5;
-            answer.param1 = std::uint16_t(std::min(65535.0, std::round(level / unit)));
-            answer.param2 = std::uint16_t(std::clamp(std::round(centre / unit), 1.0, 65535.0));
+            double span = std::clamp(std::round(reportSpan / unit), 1.0, 32767.0);
+            answer.param2 = std::uint16_t(span);
+            answer.param1 = std::uint16_t(std::clamp(std::round(span + reportError / unit), 0.0, 65535.0));
             break;
         }
         default:
@@ -226,7 +306,14 @@ std::string SinkStats::json() const {
     for (std::size_t i = 0; i < deviation.size(); ++i) {
         out << (i == 0 ? "" : ",") << "[" << deviation[i].ms << "," << deviation[i].q14 << "]";
     }
-    out << "]}";
+    out << "],\"rate\":" << rate << ",\"playRate\":" << playRate << ",\"centre\":" << centre
+        << ",\"capacity\":" << capacity << ",\"timeline\":[";
+    for (std::size_t i = 0; i < timeline.size(); ++i) {
+        const Moment& m = timeline[i];
+        out << (i == 0 ? "" : ",") << "[" << m.ns << "," << m.received << "," << m.level << "," << m.reported
+            << "]";
+    }
+    out << "],\"digest\":" << digest.json(frameBytes) << "}";
     return out.str();
 }
 

@@ -8,6 +8,9 @@
 // arrives in order, so only how much of it the clock hasn't played yet
 // matters. Packets past a gap are dropped: the host resends from the pool
 // from the packet asked for on, in order (go-back-N).
+//
+// Levels count frames at the format's rate, so a DSD frame is one one-bit
+// sample per channel, as the host's clock counts them.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +19,7 @@
 #include <vector>
 
 #include "Format/FormatID.h"
+#include "Sink/StreamDigest.h"
 #include "Sink/WavWriter.h"
 #include "System/Threads.h"
 
@@ -34,7 +38,15 @@ struct SinkPlayConfig {
 struct SinkStats {
     struct Deviation {
         std::uint32_t ms = 0;  // since the stream's first packet
-        std::int32_t q14 = 0;  // as the feedback would say it
+        std::int32_t q14 = 0;  // the level against the centre, 16384 a whole centre
+    };
+    // Where the stream stood at a moment: the frame with stream index
+    // `received` - 1 plays `level` frames after `ns`.
+    struct Moment {
+        std::int64_t ns = 0;  // the steady clock
+        std::uint64_t received = 0;
+        double level = 0;
+        std::int32_t reported = 0;  // the last deviation told the host, Q14
     };
     std::uint64_t packets = 0;  // accepted in sequence
     std::uint64_t bytes = 0;
@@ -51,6 +63,13 @@ struct SinkStats {
     std::int32_t deviationGreatest = 0;
     bool playing = false;              // the clock has started
     std::vector<Deviation> deviation;  // every 100 ms of play
+    std::vector<Moment> timeline;      // the same moments
+    double rate = 0;                   // nominal frames per second
+    double playRate = 0;               // of the sink's clock at the end
+    double centre = 0;                 // frames
+    double capacity = 0;
+    double frameBytes = 0;  // a fraction for DSD
+    StreamDigest digest;    // of the audio as it arrived in order
 
     std::string text() const;
     std::string json() const;
@@ -100,9 +119,12 @@ class SinkPlayout {
   private:
     std::uint16_t fullSequence(const Packet& packet) const;
     bool dropOnPurpose();
-    Answer feedbackAnswer() const;
+    Answer feedbackAnswer(std::int32_t d) const;
     std::int32_t deviationNow() const;
+    std::int32_t reportedDeviation(Clock::time_point now);
+    double playedSince(Clock::time_point start, Clock::time_point now) const;
     void playUntil(Clock::time_point now);
+    void sample(Clock::time_point at);
 
     const SinkPlayConfig config;
     mutable std::mutex mutex;  // the receive thread against readers of stats
@@ -110,9 +132,9 @@ class SinkPlayout {
     bool streaming = false;
     bool started = false;  // first packet seen
     FormatID format;
-    std::uint32_t frameBytes = 0;
-    double rate = 0;    // frames per second of the sink's clock
-    double centre = 0;  // frames
+    double frameBytes = 0;  // fractional for DSD packed in bytes
+    double rate = 0;        // frames per second of the sink's clock
+    double centre = 0;      // frames
     double capacity = 0;
     std::uint16_t expected = 0;
     bool awaitingResend = false;
@@ -123,6 +145,15 @@ class SinkPlayout {
     double receivedFrames = 0;
     double silentFrames = 0;  // played where nothing had come
     double level = 0;
+    // The level's integral over time since the last feedback, and its
+    // span: the host hears the mean, not a moment of a packet's sawtooth.
+    Clock::time_point lastUpdate;
+    Clock::time_point lastReport;
+    double levelArea = 0;  // frame seconds
+    double areaSpan = 0;   // seconds
+    std::int32_t lastReported = 0;
+    double reportSpan = 1;   // frames that read as 1.0
+    double reportError = 0;  // frames of the mean level off the centre
     bool inUnderrun = false;
     bool hasTransit = false;
     double lastTransitUs = 0;

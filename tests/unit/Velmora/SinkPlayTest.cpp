@@ -14,6 +14,7 @@
 #include "Protocol/Send.h"
 #include "ScratchFile.h"
 #include "Stream/StreamMessages.h"
+#include "Stream/SyncFeedback.h"
 
 namespace {
 
@@ -117,12 +118,21 @@ TEST(SinkPlay, FeedbackInEveryEncodingReadsAsTheSameDeviation) {
         SinkPlayout sink(settings);
         sink.start(stereoS32At48k, latencyUs);
         Feed feed{sink};
-        feed.stream(15, 0);  // 15 ms arrive at once: 5 ms above the centre
+        feed.stream(10 + 4, 0);  // the centre and 4 ms more at once: the clock starts
+        feed.stream(99);
+        // The level has stood 4 to 5 ms above the centre since (each packet
+        // lifts it by 1 ms, which then plays), 4.5 ms on the mean; over
+        // 99 ms between reports, 19.8 ms read as 1.0.
         ASSERT_EQ(feed.send(feed.next++, true), 1);
         StreamAnswer read = asHostReads(feed.answers[0]);
         EXPECT_FALSE(read.resend);
         EXPECT_EQ(read.encoding, encoding);
-        EXPECT_NEAR(read.deviation, 16384 * 6 / 10, 16) << encoding;
+        EXPECT_NEAR(read.deviation, 16384 * 4.5 / 19.8, 16) << encoding;
+        // Half the interval, half the span.
+        feed.now += milliseconds(1);
+        feed.stream(49);
+        ASSERT_EQ(feed.send(feed.next++, true), 1);
+        EXPECT_NEAR(asHostReads(feed.answers[0]).deviation, 16384 * 4.5 / 10, 40) << encoding;
         EXPECT_EQ(feed.send(feed.next++, false), 0) << "no feedback unasked";
     }
 }
@@ -219,5 +229,107 @@ TEST(SinkPlay, TheWavHoldsTheStreamInOrder) {
     EXPECT_EQ(file[34], 32);  // bits
     EXPECT_EQ(u32(40), expected.size());
 }
+
+}  // namespace
+
+namespace {
+
+// The rate loop closed on a simulated clock: the host's own filter, fed by
+// the sink's reports as the host reads them, sets how many frames each
+// cycle carries; the sink plays them on its clock.
+struct LoopCase {
+    const char* name;
+    std::uint32_t latencyUs;  // the centre is half
+    std::int64_t cycleUs;
+    double ppm;
+    double stepPpm;  // at 10 s
+};
+
+void PrintTo(const LoopCase& loop, std::ostream* out) {
+    *out << loop.name;
+}
+
+struct HostLoop {
+    SinkPlayout& sink;
+    std::int64_t cycleUs;
+    FeedbackFilter filter{1};
+    Clock::time_point now = Clock::now();
+    Clock::time_point lastRequest = now;
+    std::int64_t carry = 0;  // Q14 frames
+    std::uint16_t sequence = 0;
+    std::vector<std::uint8_t> body = std::vector<std::uint8_t>(4096 * frameBytes);
+    std::vector<std::pair<double, std::int16_t>> adjusts;  // seconds, Q14
+
+    HostLoop(SinkPlayout& target, std::int64_t cycle) : sink(target), cycleUs(cycle) {}
+
+    void run(double seconds) {
+        const auto sizeQ14 = std::uint32_t(48000 * cycleUs / 1000 * 16384 / 1000);
+        for (std::int64_t cycle = 0; cycle < std::int64_t(seconds * 1e6) / cycleUs; ++cycle) {
+            carry += correctedSize(sizeQ14, filter.adjust());
+            SinkPlayout::Packet packet;
+            packet.sequence = sequence++;
+            packet.wantsFeedback = now - lastRequest >= milliseconds(100);
+            if (packet.wantsFeedback) lastRequest = now;
+            packet.body = body.data();
+            packet.size = std::uint32_t(carry >> 14) * frameBytes;
+            carry &= 0x3FFF;
+            SinkPlayout::Answer answers[2];
+            for (int i = sink.receive(packet, now, answers); i-- > 0;) {
+                filter.add(asHostReads(answers[i]).deviation);
+                adjusts.emplace_back(double(cycle * cycleUs) / 1e6, filter.adjust());
+            }
+            now += microseconds(cycleUs);
+            sink.advance(now);
+        }
+    }
+};
+
+class SinkLoop : public ::testing::TestWithParam<LoopCase> {};
+
+TEST_P(SinkLoop, SettlesWithoutALimitCycle) {
+    const LoopCase& loop = GetParam();
+    SinkPlayConfig clock;
+    clock.ppm = loop.ppm;
+    clock.stepPpm = loop.stepPpm;
+    clock.stepAfterSeconds = 10;
+    SinkPlayout sink(clock);
+    sink.start(stereoS32At48k, loop.latencyUs);
+    HostLoop host(sink, loop.cycleUs);
+    host.run(20);
+
+    SinkStats stats = sink.stats();
+    EXPECT_EQ(stats.underruns, 0u);
+    EXPECT_EQ(stats.overruns, 0u);
+    // Settled 5 s after the start and after the step: the level within a
+    // cycle and a tenth of the centre from it, the correction still.
+    double cycleFrames = 48.0 * double(loop.cycleUs) / 1000;
+    double worst = 0;
+    for (const SinkStats::Moment& moment : stats.timeline) {
+        double at = double(moment.ns - stats.timeline[0].ns) / 1e9;
+        if ((at > 5 && at < 10) || at > 15) worst = std::max(worst, std::abs(moment.level - stats.centre));
+    }
+    EXPECT_LT(worst, cycleFrames + stats.centre / 10) << "frames from the centre";
+    std::int16_t least = FeedbackFilter::adjustMax, greatest = FeedbackFilter::adjustMin;
+    for (auto [at, adjust] : host.adjusts) {
+        if (at <= 15) continue;
+        least = std::min(least, adjust);
+        greatest = std::max(greatest, adjust);
+    }
+    double wanted = (loop.ppm + loop.stepPpm) * 16384 / 1e6;
+    EXPECT_LE(greatest - least, 4) << "a limit cycle of the correction";
+    EXPECT_NEAR((least + greatest) / 2.0, wanted, 4) << "the correction against the sink's clock";
+}
+
+INSTANTIATE_TEST_SUITE_P(BuffersAndClocks, SinkLoop,
+                         ::testing::Values(LoopCase{"buffer2msFast", 2000, 250, 1000, 0},
+                                           LoopCase{"buffer2msSlow", 2000, 250, -1000, 0},
+                                           LoopCase{"buffer5msSlow", 5000, 500, -1000, 0},
+                                           LoopCase{"buffer8msFast", 8000, 1000, 1000, 0},
+                                           LoopCase{"buffer20msSlow", 20000, 1000, -1000, 0},
+                                           LoopCase{"buffer2msStepUp", 2000, 250, 0, 1000},
+                                           LoopCase{"buffer10msStepDown", 10000, 1000, 0, -1000}),
+                         [](const ::testing::TestParamInfo<LoopCase>& info) {
+                             return std::string(info.param.name);
+                         });
 
 }  // namespace
