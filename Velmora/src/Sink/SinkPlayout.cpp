@@ -32,7 +32,7 @@ bool SinkPlayout::start(FormatID streamFormat, std::uint32_t latencyUs) {
     format = streamFormat;
     frameBytes = std::max(1.0, double(format.bitsPerSample())) * format.channelCount() / 8;
     rate = format.rate() * (1 + config.ppm / 1e6);
-    capacity = std::max(1.0, format.rate() * latencyUs / 1e6);
+    capacity = std::max(1.0, double(format.rate()) * latencyUs / 1e6);
     centre = capacity / 2;
     counts = SinkStats{};
     counts.deviation.reserve(samplesKept);
@@ -48,9 +48,9 @@ bool SinkPlayout::start(FormatID streamFormat, std::uint32_t latencyUs) {
     started = false;
     awaitingResend = false;
     feedbackOwed = 0;
-    receivedFrames = silentFrames = level = levelArea = areaSpan = 0;
+    receivedFrames = silentFrames = level = levelArea = areaSpan = sampleArea = sampleSpan = 0;
     lastReported = 0;
-    inUnderrun = hasTransit = false;
+    inUnderrun = inOverrun = hasTransit = false;
     dropState = config.dropSeed != 0 ? config.dropSeed : 1;
     if (config.wavPath.empty()) return true;
     bool opened = wav.open(config.wavPath, format.rate(), std::uint16_t(format.channelCount()),
@@ -163,6 +163,8 @@ void SinkPlayout::playUntil(Clock::time_point now) {
     double fallen = counts.playing ? std::max(0.0, before - span * rate) : before;
     levelArea += (before + fallen) / 2 * span;
     areaSpan += span;
+    sampleArea += (before + fallen) / 2 * span;
+    sampleSpan += span;
     lastUpdate = now;
     if (level < 0) {
         silentFrames -= level;
@@ -172,7 +174,8 @@ void SinkPlayout::playUntil(Clock::time_point now) {
     } else if (level > 0) {
         inUnderrun = false;
     }
-    if (level > capacity) ++counts.overruns;
+    if (level > capacity && !inOverrun) ++counts.overruns;
+    inOverrun = level > capacity;
     while (now >= nextSample) {
         sample(nextSample);
         nextSample += samplePeriod;
@@ -187,13 +190,17 @@ double SinkPlayout::playedSince(Clock::time_point start, Clock::time_point now) 
     return config.stepAfterSeconds * rate + (seconds - config.stepAfterSeconds) * stepped;
 }
 
+// The deviation kept is that of the mean level since the last sample, as
+// the host hears it; the timeline keeps the moment's level too.
 void SinkPlayout::sample(Clock::time_point at) {
-    std::int32_t d = deviationNow();
+    double mean = sampleSpan > 0 ? sampleArea / sampleSpan : level;
+    sampleArea = sampleSpan = 0;
+    auto d = std::int32_t(std::clamp(std::round((mean - centre) / centre * q14), -q14, q14));
     auto ms = std::uint32_t(std::chrono::duration_cast<std::chrono::milliseconds>(at - firstArrival).count());
     if (counts.deviation.size() < counts.deviation.capacity()) counts.deviation.push_back({ms, d});
     auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(at.time_since_epoch()).count();
     if (counts.timeline.size() < counts.timeline.capacity())
-        counts.timeline.push_back({ns, std::uint64_t(receivedFrames), level, lastReported});
+        counts.timeline.push_back({ns, std::uint64_t(receivedFrames), level, mean, lastReported});
     counts.deviationLeast = std::min(counts.deviationLeast, d);
     counts.deviationGreatest = std::max(counts.deviationGreatest, d);
     if (config.stepPpm != 0 && counts.playing &&
@@ -297,6 +304,7 @@ std::string SinkStats::text() const {
 
 std::string SinkStats::json() const {
     std::ostringstream out;
+    out.precision(12);
     out << "{\"packets\":" << packets << ",\"bytes\":" << bytes << ",\"gaps\":" << gaps
         << ",\"resends\":" << resends << ",\"duplicates\":" << duplicates << ",\"outOfOrder\":" << outOfOrder
         << ",\"dropped\":" << dropped << ",\"underruns\":" << underruns << ",\"overruns\":" << overruns
@@ -307,11 +315,11 @@ std::string SinkStats::json() const {
         out << (i == 0 ? "" : ",") << "[" << deviation[i].ms << "," << deviation[i].q14 << "]";
     }
     out << "],\"rate\":" << rate << ",\"playRate\":" << playRate << ",\"centre\":" << centre
-        << ",\"capacity\":" << capacity << ",\"timeline\":[";
+        << ",\"capacity\":" << capacity << ",\"frameBytes\":" << frameBytes << ",\"timeline\":[";
     for (std::size_t i = 0; i < timeline.size(); ++i) {
         const Moment& m = timeline[i];
         out << (i == 0 ? "" : ",") << "[" << m.ns << "," << m.received << "," << m.level << "," << m.reported
-            << "]";
+            << "," << m.mean << "]";
     }
     out << "],\"digest\":" << digest.json(frameBytes) << "}";
     return out.str();

@@ -38,7 +38,7 @@ struct SinkPlayConfig {
 struct SinkStats {
     struct Deviation {
         std::uint32_t ms = 0;  // since the stream's first packet
-        std::int32_t q14 = 0;  // the level against the centre, 16384 a whole centre
+        std::int32_t q14 = 0;  // the mean level against the centre, 16384 a whole centre
     };
     // Where the stream stood at a moment: the frame with stream index
     // `received` - 1 plays `level` frames after `ns`.
@@ -46,6 +46,7 @@ struct SinkStats {
         std::int64_t ns = 0;  // the steady clock
         std::uint64_t received = 0;
         double level = 0;
+        double mean = 0;            // the level's mean since the moment before
         std::int32_t reported = 0;  // the last deviation told the host, Q14
     };
     std::uint64_t packets = 0;  // accepted in sequence
@@ -149,12 +150,15 @@ class SinkPlayout {
     // span: the host hears the mean, not a moment of a packet's sawtooth.
     Clock::time_point lastUpdate;
     Clock::time_point lastReport;
-    double levelArea = 0;  // frame seconds
-    double areaSpan = 0;   // seconds
+    double levelArea = 0;   // frame seconds
+    double areaSpan = 0;    // seconds
+    double sampleArea = 0;  // the same since the last sample
+    double sampleSpan = 0;
     std::int32_t lastReported = 0;
     double reportSpan = 1;   // frames that read as 1.0
     double reportError = 0;  // frames of the mean level off the centre
     bool inUnderrun = false;
+    bool inOverrun = false;
     bool hasTransit = false;
     double lastTransitUs = 0;
     std::uint32_t dropState = 1;
