@@ -137,6 +137,38 @@ TEST(SinkPlay, FeedbackInEveryEncodingReadsAsTheSameDeviation) {
     }
 }
 
+// Levels count frames at the format's rate: one-bit samples for DSD, and no
+// 32-bit product of rate and latency in between.
+TEST(SinkPlay, TheBufferIsCountedInFramesOfTheFormatsRate) {
+    struct Row {
+        FormatID format;
+        std::uint32_t latencyUs;
+        double centre;  // frames
+        double framesPerByte;
+    } rows[] = {
+        {stereoS32At48k, 20000, 480, 1.0 / 8},
+        {FormatID(0x810u, 0x84u), 20000, 7680, 1.0 / 32},   // 768 kHz, 8 ch, 32 bit
+        {FormatID(0x2510002u, 0x202u), 20000, 28224, 4},    // DSD64 stereo
+        {FormatID(0x2510002u, 0x1002u), 20000, 225792, 4},  // DSD512 stereo
+    };
+    for (const Row& row : rows) {
+        SinkPlayout sink({});
+        ASSERT_TRUE(sink.start(row.format, row.latencyUs));
+        std::vector<std::uint8_t> body(1024, 1);
+        SinkPlayout::Packet packet;
+        packet.body = body.data();
+        packet.size = std::uint32_t(body.size());
+        SinkPlayout::Answer answers[2];
+        Clock::time_point now = Clock::now();
+        sink.receive(packet, now, answers);
+        sink.advance(now + milliseconds(100));
+        SinkStats stats = sink.stats();
+        EXPECT_EQ(stats.centre, row.centre) << row.format.value;
+        ASSERT_FALSE(stats.timeline.empty());
+        EXPECT_EQ(double(stats.timeline[0].received), 1024 * row.framesPerByte) << row.format.value;
+    }
+}
+
 TEST(SinkPlay, AGapIsAskedForOnceUntilTheRetryAndDuplicatesAreDropped) {
     SinkPlayout sink({});
     sink.start(stereoS32At48k, latencyUs);
