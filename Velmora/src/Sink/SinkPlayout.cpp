@@ -97,18 +97,22 @@ int SinkPlayout::receive(const Packet& packet, Clock::time_point now, Answer (&a
     }
     if (!started) {
         started = true;
-        expected = fullSequence(packet);
+        expected = lastSequence = fullSequence(packet);
         firstArrival = nextSample = lastUpdate = lastReport = now;
     }
     int given = 0;
     std::uint16_t sequence = fullSequence(packet);
     auto ahead = std::int16_t(sequence - expected);
+    // The host going back to resend, but not to the packet wanted: the
+    // head of its resend was lost too, so ask again now, not at the retry.
+    bool resentShort = awaitingResend && std::int16_t(sequence - lastSequence) < 0;
+    lastSequence = sequence;
     if (ahead < 0) {
         ++counts.duplicates;
     } else if (ahead > 0) {
         ++counts.outOfOrder;
         if (!awaitingResend) ++counts.gaps;
-        if (!awaitingResend || now - lastResend >= resendRetry) {
+        if (!awaitingResend || resentShort || now - lastResend >= resendRetry) {
             awaitingResend = true;
             lastResend = now;
             ++counts.resends;

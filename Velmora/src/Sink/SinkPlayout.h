@@ -138,6 +138,7 @@ class SinkPlayout {
     double centre = 0;      // frames
     double capacity = 0;
     std::uint16_t expected = 0;
+    std::uint16_t lastSequence = 0;  // of the last packet that arrived
     bool awaitingResend = false;
     Clock::time_point lastResend;
     Clock::time_point firstArrival;

@@ -7,6 +7,7 @@
 #include "Protocol/MessageTypes.h"
 #include "Protocol/Send.h"
 #include "System/Log.h"
+#include "System/Threads.h"
 
 using NORVA::IPAddress;
 using NORVA::LogLine;
@@ -93,7 +94,12 @@ void StreamSink::endStream() {
 // What has arrived counts before the clock is read: a sink thread that was
 // kept from running must not take its own delay for an underrun, nor tell
 // the host of a buffer lower than it holds.
+//
+// The thread asks for a high priority, as a device's own would: a sink
+// kept from running by the host's real-time threads would hold packets in
+// its socket while its clock played on. Refused, it runs as it is.
 void StreamSink::run() {
+    if (!NORVA::setCurrentThreadLevel(NORVA::levelHigh)) LogLine(7) << "StreamSink runs at normal priority";
     while (!stopping.load()) {
         int ready = sockets.wait(pollInterval);
         if (ready == 0) {
