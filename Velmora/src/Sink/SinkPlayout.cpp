@@ -17,6 +17,12 @@ constexpr double q14 = 16384;
 // A request not answered within this is made again.
 constexpr std::chrono::milliseconds resendRetry{20};
 constexpr std::chrono::milliseconds samplePeriod{100};
+// Where the level is held within the latency agreed. Above the centre the
+// level only rises by a cycle or two, when a late host catches up; below
+// it, a lost packet costs the three or four cycles its resend takes to come
+// round, and a stalled host as long as its stall. So most of the room lies
+// below.
+constexpr double centreShare = 0.75;
 // An hour of samples: kept without allocating while the stream runs.
 constexpr std::size_t samplesKept = 36000;
 
@@ -33,7 +39,7 @@ bool SinkPlayout::start(FormatID streamFormat, std::uint32_t latencyUs) {
     frameBytes = std::max(1.0, double(format.bitsPerSample())) * format.channelCount() / 8;
     rate = format.rate() * (1 + config.ppm / 1e6);
     capacity = std::max(1.0, double(format.rate()) * latencyUs / 1e6);
-    centre = capacity / 2;
+    centre = capacity * centreShare;
     counts = SinkStats{};
     counts.deviation.reserve(samplesKept);
     counts.timeline.reserve(samplesKept);
@@ -49,6 +55,7 @@ bool SinkPlayout::start(FormatID streamFormat, std::uint32_t latencyUs) {
     awaitingResend = false;
     feedbackOwed = 0;
     receivedFrames = silentFrames = level = levelArea = areaSpan = sampleArea = sampleSpan = 0;
+    packetFrames = onTheirWay = 0;
     lastReported = 0;
     inUnderrun = inOverrun = hasTransit = false;
     dropState = config.dropSeed != 0 ? config.dropSeed : 1;
@@ -98,6 +105,7 @@ int SinkPlayout::receive(const Packet& packet, Clock::time_point now, Answer (&a
     if (!started) {
         started = true;
         expected = lastSequence = fullSequence(packet);
+        newest = std::uint16_t(expected - 1);
         firstArrival = nextSample = lastUpdate = lastReport = now;
     }
     int given = 0;
@@ -107,6 +115,7 @@ int SinkPlayout::receive(const Packet& packet, Clock::time_point now, Answer (&a
     // head of its resend was lost too, so ask again now, not at the retry.
     bool resentShort = awaitingResend && std::int16_t(sequence - lastSequence) < 0;
     lastSequence = sequence;
+    if (std::int16_t(sequence - newest) > 0) newest = sequence;
     if (ahead < 0) {
         ++counts.duplicates;
     } else if (ahead > 0) {
@@ -122,6 +131,7 @@ int SinkPlayout::receive(const Packet& packet, Clock::time_point now, Answer (&a
         awaitingResend = false;
         ++expected;
         ++counts.packets;
+        packetFrames = std::floor(packet.size / frameBytes);
         counts.bytes += packet.size;
         if (wav.isOpen() && !wav.write(packet.body, packet.size)) LogLine(3) << "StreamSink WAV write failed";
         counts.digest.feed(packet.body, packet.size);
@@ -165,13 +175,15 @@ void SinkPlayout::playUntil(Clock::time_point now) {
     // straight line from where it stood, then whatever just arrived on top.
     double span = std::chrono::duration<double>(now - lastUpdate).count();
     double fallen = counts.playing ? std::max(0.0, before - span * rate) : before;
-    levelArea += (before + fallen) / 2 * span;
+    levelArea += ((before + fallen) / 2 + onTheirWay) * span;
     areaSpan += span;
     sampleArea += (before + fallen) / 2 * span;
     sampleSpan += span;
     lastUpdate = now;
+    onTheirWay = std::max(0, std::int16_t(newest - expected) + 1) * packetFrames;
     if (level < 0) {
         silentFrames -= level;
+        counts.silenceSeconds = silentFrames / rate;
         level = 0;
         if (!inUnderrun) ++counts.underruns;
         inUnderrun = true;
@@ -249,6 +261,12 @@ std::int32_t SinkPlayout::deviation() const {
 // 100 ms. g = 5 leaves a factor of 2.7 for delays the model leaves out.
 // The clamps of a (-10 %, +3 %) and of d (an error of S) only slow a start
 // far from the centre.
+//
+// The level in that mean counts the packets known to be on their way: after
+// a loss, those from the missing one to the newest seen, which the host has
+// made and sends again. The loop then hears the audio the host has produced,
+// not the dip of a resend's round trip, which heals by itself; chasing those
+// dips swung the level by more than the dips themselves.
 constexpr double loopGain = 5;
 // Report intervals outside these are taken as the nearest.
 constexpr double shortestInterval = 0.001;
@@ -312,9 +330,9 @@ std::string SinkStats::json() const {
     out << "{\"packets\":" << packets << ",\"bytes\":" << bytes << ",\"gaps\":" << gaps
         << ",\"resends\":" << resends << ",\"duplicates\":" << duplicates << ",\"outOfOrder\":" << outOfOrder
         << ",\"dropped\":" << dropped << ",\"underruns\":" << underruns << ",\"overruns\":" << overruns
-        << ",\"feedbacks\":" << feedbacks << ",\"jitterUs\":" << jitterUs
-        << ",\"deviationLeast\":" << deviationLeast << ",\"deviationGreatest\":" << deviationGreatest
-        << ",\"deviation\":[";
+        << ",\"silenceSeconds\":" << silenceSeconds << ",\"feedbacks\":" << feedbacks
+        << ",\"jitterUs\":" << jitterUs << ",\"deviationLeast\":" << deviationLeast
+        << ",\"deviationGreatest\":" << deviationGreatest << ",\"deviation\":[";
     for (std::size_t i = 0; i < deviation.size(); ++i) {
         out << (i == 0 ? "" : ",") << "[" << deviation[i].ms << "," << deviation[i].q14 << "]";
     }

@@ -58,6 +58,7 @@ struct SinkStats {
     std::uint64_t dropped = 0;     // on purpose
     std::uint64_t underruns = 0;
     std::uint64_t overruns = 0;
+    double silenceSeconds = 0;  // played in underruns
     std::uint64_t feedbacks = 0;
     double jitterUs = 0;  // smoothed arrival jitter against stream time
     std::int32_t deviationLeast = 0;
@@ -139,6 +140,9 @@ class SinkPlayout {
     double capacity = 0;
     std::uint16_t expected = 0;
     std::uint16_t lastSequence = 0;  // of the last packet that arrived
+    std::uint16_t newest = 0;        // the furthest sequence number seen
+    double packetFrames = 0;         // of the last packet taken
+    double onTheirWay = 0;           // frames from `expected` to `newest`
     bool awaitingResend = false;
     Clock::time_point lastResend;
     Clock::time_point firstArrival;
