@@ -34,9 +34,9 @@ int seconds = 4;
 const FormatID stereoS32At48k(0x802u, 0x000Cu);
 constexpr std::uint32_t frameBytes = 8;
 constexpr int latencyUnits = 400;  // 40 ms, in units of 100 us
-// The sink plays from its centre; a quarter of the latency either way is
-// half the centre, in Q14.
-constexpr std::int32_t quarterLatencyQ14 = 8192;
+// The sink plays from its centre, three quarters of the latency; a quarter
+// of the latency either way is a third of the centre, in Q14.
+constexpr std::int32_t quarterLatencyQ14 = 16384 / 3;
 constexpr std::uint32_t ringSlots = 8;
 constexpr std::uint32_t slotFrames = 192;  // 4 ms
 
