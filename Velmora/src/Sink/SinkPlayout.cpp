@@ -49,7 +49,7 @@ bool SinkPlayout::start(FormatID streamFormat, std::uint32_t latencyUs) {
     counts.capacity = capacity;
     counts.frameBytes = frameBytes;
     std::uint8_t silence = !format.isDsd() ? 0 : (format.low() & FormatID::dsdMsbFirst) != 0 ? 0x96 : 0x69;
-    counts.digest.reset(format.isDsd() ? format.channelCount() : std::uint32_t(frameBytes), silence);
+    counts.digest.reset(format.frameBytes(), silence);  // a DSD frame: a word per channel
     streaming = true;
     started = false;
     awaitingResend = false;
