@@ -35,7 +35,10 @@ SETTLE_S = 5.0  # the deviation counts as settled after this much play
 SECONDS = 20  # per case of the default matrix
 QUICK_SECONDS = 9
 HOLD_SECONDS = 60
-LOW_LATENCY = dict(buffer=64, cycle=500, latency=50)
+# The README's low-latency settings: 250 us cycles, four ring slots of 32
+# frames, a 3 ms sink buffer and a feedback report every 20 ms.
+LOW_LATENCY = dict(buffer=32, cycle=250, sync=4, latency=30, settings={"InfoCycle": 20000})
+SETTLE_BAND = 0.10  # settled: the mean level within this share of the centre
 
 # One row per case. Keys (all optional):
 #   rate, channels, bits (PCM), dsd (True: DSD at `rate`, one-bit samples)
@@ -71,6 +74,13 @@ CASES = [
     dict(name="step-1000", step="-1000@4", sets="quick"),
     dict(name="drop1", drop=0.01, sets="matrix quick"),
     dict(name="drop5", drop=0.05, sets="matrix"),
+    dict(name="drop1-sink10", drop=0.01, latency=100, sets="matrix"),
+    dict(name="low", **LOW_LATENCY, sets="matrix quick"),
+    dict(name="low+1000", **LOW_LATENCY, ppm=1000, sets="matrix"),
+    dict(name="low-1000", **LOW_LATENCY, ppm=-1000, sets="matrix"),
+    dict(name="low-step+1000", **LOW_LATENCY, step="1000@8", sets="matrix"),
+    dict(name="low-sync3", **{**LOW_LATENCY, "sync": 3}, sets="matrix"),
+    dict(name="low-sink2", **{**LOW_LATENCY, "latency": 20}, sets="matrix"),
     # The long goals: a minute each.
     dict(name="hold-48k-low", **LOW_LATENCY, sets="hold"),
     dict(name="hold-48k-low+1000", **LOW_LATENCY, ppm=1000, sets="hold"),
@@ -400,17 +410,40 @@ def latency(p, play, stats, agreed):
 
 
 def deviation_series(stats, play):
-    """(seconds of play, q14) while the host was streaming."""
+    """(seconds of play, q14) while the host was streaming: the sink's mean
+    level over each 100 ms against its centre, 16384 a whole centre."""
     moments = stats.get("timeline")
     if moments:
         t0 = moments[0][0]
         last = play["timeline"][-1][1] if play.get("timeline") else float("inf")
-        return [((m[0] - t0) / 1e9, m[3]) for m in moments if m[0] <= last]
+        centre = stats.get("centre") or 1
+        def q14(m):
+            return (m[4] - centre) / centre * Q14 if len(m) > 4 else m[3]
+        return [((m[0] - t0) / 1e9, q14(m)) for m in moments if m[0] <= last]
     # Older sinks: [ms since the first packet, q14].
     span_ms = float("inf")
     if play.get("timeline"):
         span_ms = (play["timeline"][-1][1] - play["timeline"][0][1]) / 1e6
     return [(ms / 1000.0, q) for ms, q in stats.get("deviation", []) if ms <= span_ms]
+
+
+def settle_seconds(series, since, until):
+    """Seconds from `since` after which the mean level stays within the band
+    up to `until`; None if it never does."""
+    inside = [(t, abs(q) <= SETTLE_BAND * Q14) for t, q in series if since <= t < until]
+    if not inside:
+        return None
+    settled_from = None
+    for t, ok in inside:
+        if not ok:
+            settled_from = None
+        elif settled_from is None:
+            settled_from = t
+    return None if settled_from is None else settled_from - since
+
+
+def step_seconds(p):
+    return float(p["step"].split("@")[1]) if p.get("step") else None
 
 
 def interval_ppm(play):
@@ -449,9 +482,16 @@ def analyse(p, play, stats, samples):
     for key in ("underruns", "overruns", "resends", "gaps", "dropped", "duplicates", "packets"):
         if key in stats:
             figures[key] = stats[key]
-    settled = [abs(q) * 100.0 / Q14 for t, q in deviation_series(stats, play) if t >= SETTLE_S]
+    series = deviation_series(stats, play)
+    settled = [abs(q) * 100.0 / Q14 for t, q in series if t >= SETTLE_S]
     if settled:
         figures["settledDeviationPct"] = {"p50": quantile(settled, 0.5), "p99": quantile(settled, 0.99)}
+    step = step_seconds(p)
+    figures["settleS"] = settle_seconds(series, 0, step or float("inf"))
+    if step is not None:
+        figures["settleAfterStepS"] = settle_seconds(series, step, float("inf"))
+    if series and "silenceSeconds" in stats:
+        figures["underrunPct"] = 100.0 * stats["silenceSeconds"] / max(series[-1][0], 1e-9)
     cb = play.get("callbacks", {})
     if cb.get("expectedMs") and cb.get("meanMs"):
         figures["callbackMeanMs"] = cb["meanMs"]
@@ -480,8 +520,10 @@ def plot(name, stats, out, work):
     with open(data, "w") as f:
         if moments and rate:
             t0 = moments[0][0]
-            for ns, _, level, q in (m[:4] for m in moments):
-                f.write(f"{(ns - t0) / 1e9:.3f} {level / rate * 1e3:.4f} {q * 100.0 / Q14:.3f}\n")
+            for m in moments:
+                mean = m[4] if len(m) > 4 else m[2]
+                f.write(f"{(m[0] - t0) / 1e9:.3f} {m[2] / rate * 1e3:.4f} {m[3] * 100.0 / Q14:.3f} "
+                        f"{mean / rate * 1e3:.4f}\n")
         else:
             for ms, q in stats.get("deviation", []):
                 f.write(f"{ms / 1000:.3f} NaN {q * 100.0 / Q14:.3f}\n")
@@ -491,7 +533,8 @@ def plot(name, stats, out, work):
     centre = stats.get("centre", 0) / rate * 1e3 if rate else None
     curves = "'{data}' using 1:3 axes x1y2 with lines lc rgb '#c03030' title 'deviation (%)'"
     if moments and rate:
-        curves = ("'{data}' using 1:2 with lines lw 1.5 title 'level (ms)', "
+        curves = ("'{data}' using 1:2 with lines lc rgb '#a0b0d0' title 'level (ms)', "
+                  "'{data}' using 1:4 with lines lw 1.5 lc rgb '#2040a0' title 'mean level per 100 ms', "
                   + (f"{centre:.4f} with lines dt 2 lc rgb 'gray40' title 'centre', " if centre else "")
                   + curves)
     script = "\n".join([
@@ -499,7 +542,7 @@ def plot(name, stats, out, work):
         f"set output '{png}'",
         f'set title "{name}: the sink\'s level and the deviation it reported"',
         "set xlabel 'seconds since play began'",
-        "set ylabel 'level (ms)'", "set y2label 'deviation (% of the centre)'",
+        "set ylabel 'level (ms)'", "set y2label 'deviation reported (% of full scale)'",
         "set ytics nomirror", "set y2tics", "set y2range [-105:105]", "set grid",
         "set key outside bottom center horizontal",
         "plot " + curves,
@@ -519,7 +562,8 @@ def fmt(value, digits=1):
 
 
 COLUMNS = ["case", "format", "ASIO", "cycle µs", "sync", "sink ms asked (held)", "sink ppm", "loss %",
-           "latency ms p50 / p99 / max", "under / over", "deviation % p50 / p99", "resends",
+           "latency ms p50 / p99 / max", "under / over", "in underrun %", "deviation % p50 / p99",
+           "settle s (step)", "resends",
            "bit-exact", "callbacks ppm", "CPU % host / target"]
 
 
@@ -539,7 +583,9 @@ def table_row(r):
         f"{p.get('drop', 0) * 100:g}",
         " / ".join(fmt(lat[k], 2) for k in ("p50", "p99", "max")) if lat else "–",
         f"{r.get('underruns', '–')} / {r.get('overruns', '–')}",
+        fmt(r.get("underrunPct"), 2),
         f"{fmt(dev['p50'])} / {fmt(dev['p99'])}" if dev else "–",
+        fmt(r.get("settleS")) + (f" ({fmt(r.get('settleAfterStepS'))})" if "settleAfterStepS" in r else ""),
         str(r.get("resends", "–")),
         "–" if exact is None else "yes" if exact else "no",
         fmt(r.get("callbackPpm"), 0),
