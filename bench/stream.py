@@ -35,14 +35,15 @@ SETTLE_S = 5.0  # the deviation counts as settled after this much play
 SECONDS = 20  # per case of the default matrix
 QUICK_SECONDS = 9
 HOLD_SECONDS = 60
-# The README's low-latency settings: 250 us cycles, four ring slots of 32
+# The README's low-latency settings: 250 us cycles, three ring slots of 32
 # frames, a 3 ms sink buffer and a feedback report every 20 ms.
-LOW_LATENCY = dict(buffer=32, cycle=250, sync=4, latency=30, settings={"InfoCycle": 20000})
+LOW_LATENCY = dict(buffer=32, cycle=250, sync=3, latency=30, settings={"InfoCycle": 20000})
 SETTLE_BAND = 0.10  # settled: the mean level within this share of the centre
 
 # One row per case. Keys (all optional):
 #   rate, channels, bits (PCM), dsd (True: DSD at `rate`, one-bit samples)
-#   buffer   ASIO buffer size (the driver's ASIOBufferSize and the host's choice)
+#   buffer   ASIO buffer size (the driver's ASIOBufferSize and the host's choice;
+#            for DSD in units of 32 one-bit samples, as ASIOBufferSize counts)
 #   cycle    the driver's CycleTime, us; sync: SyncBufferCount
 #   latency  the sink's buffer, velmora-target --latency (units of 100 us)
 #   ppm, step ("PPM@SECONDS"), drop: the sink's clock, a jump in it, loss
@@ -53,9 +54,9 @@ CASES = [
     dict(name="pcm48-24", bits=24, sets="matrix quick"),
     dict(name="pcm48-32", sets="matrix"),
     dict(name="pcm192", rate=192000, sets="matrix"),
-    dict(name="pcm768x8", rate=768000, channels=8, sets="matrix quick"),
+    dict(name="pcm768x8", rate=768000, channels=8, buffer=2048, sets="matrix quick"),
     dict(name="dsd64", rate=2822400, dsd=True, sets="matrix quick"),
-    dict(name="dsd512", rate=22579200, dsd=True, sets="matrix"),
+    dict(name="dsd512", rate=22579200, dsd=True, buffer=2048, sets="matrix"),
     dict(name="asio64-sink5", buffer=64, latency=50, sets="matrix quick"),
     dict(name="asio256", buffer=256, sets="matrix"),
     dict(name="asio2048", buffer=2048, sets="matrix"),
@@ -79,14 +80,15 @@ CASES = [
     dict(name="low+1000", **LOW_LATENCY, ppm=1000, sets="matrix"),
     dict(name="low-1000", **LOW_LATENCY, ppm=-1000, sets="matrix"),
     dict(name="low-step+1000", **LOW_LATENCY, step="1000@8", sets="matrix"),
-    dict(name="low-sync3", **{**LOW_LATENCY, "sync": 3}, sets="matrix"),
+    dict(name="low-sync4", **{**LOW_LATENCY, "sync": 4}, sets="matrix"),
+    dict(name="low-asio16", **{**LOW_LATENCY, "buffer": 16, "sync": 6}, sets="matrix"),
     dict(name="low-sink2", **{**LOW_LATENCY, "latency": 20}, sets="matrix"),
     # The long goals: a minute each.
     dict(name="hold-48k-low", **LOW_LATENCY, sets="hold"),
     dict(name="hold-48k-low+1000", **LOW_LATENCY, ppm=1000, sets="hold"),
     dict(name="hold-48k-low-1000", **LOW_LATENCY, ppm=-1000, sets="hold"),
-    dict(name="hold-768x8", rate=768000, channels=8, latency=200, sets="hold"),
-    dict(name="hold-dsd512", rate=22579200, dsd=True, latency=200, sets="hold"),
+    dict(name="hold-768x8", rate=768000, channels=8, buffer=2048, latency=200, sets="hold"),
+    dict(name="hold-dsd512", rate=22579200, dsd=True, buffer=2048, latency=200, sets="hold"),
 ]
 
 CHANNEL_BITS = {1: 0x01, 2: 0x02, 4: 0x04, 6: 0x08, 8: 0x10}
@@ -188,6 +190,17 @@ def cpu_ticks(pid):
         return None
 
 
+def steal_ticks():
+    """Time the hypervisor gave this machine's CPUs to others, in clock ticks:
+    moments in which no thread of ours could run, however urgent."""
+    try:
+        with open("/proc/stat") as f:
+            fields = f.readline().split()
+        return int(fields[8]) if fields[0] == "cpu" and len(fields) > 8 else None
+    except (OSError, ValueError):
+        return None
+
+
 def wait_for_text(path, text, process, seconds=5.0):
     end = time.monotonic() + seconds
     while time.monotonic() < end:
@@ -221,7 +234,7 @@ def commands(p, args, ns, work, seconds):
     if p.get("dsd"):
         play += ["--dsd"]
     if "buffer" in p:
-        play += ["--buffer", str(p["buffer"])]
+        play += ["--buffer", str(p["buffer"] * (32 if p.get("dsd") else 1))]
     if args.wav:
         target += ["--wav", os.path.join(work, "sink.wav")]
         play += ["--given", os.path.join(work, "given.wav")]
@@ -241,7 +254,7 @@ def stop(process):
 def run_processes(target_cmd, play_cmd, work, seconds, result):
     """Runs the target, then the host to its end, sampling both processes'
     CPU time; the samples by role."""
-    samples = {"host": [], "target": []}
+    samples = {"host": [], "target": [], "steal": []}
     with open(os.path.join(work, "target.out"), "w") as target_out, \
             open(os.path.join(work, "play.out"), "w") as play_out:
         target = subprocess.Popen(target_cmd, stdout=target_out, stderr=subprocess.STDOUT)
@@ -257,6 +270,9 @@ def run_processes(target_cmd, play_cmd, work, seconds, result):
                     ticks = cpu_ticks(pid)
                     if ticks is not None:
                         samples[role].append((now, ticks))
+                steal = steal_ticks()
+                if steal is not None:
+                    samples["steal"].append((now, steal))
                 ended, status, _ = os.wait4(play.pid, os.WNOHANG)
                 if ended == play.pid:
                     play.returncode = result["playExit"] = os.waitstatus_to_exitcode(status)
@@ -497,6 +513,8 @@ def analyse(p, play, stats, samples):
         figures["callbackMeanMs"] = cb["meanMs"]
         figures["callbackExpectedMs"] = cb["expectedMs"]
         figures["callbackPpm"] = interval_ppm(play) or (cb["meanMs"] / cb["expectedMs"] - 1) * 1e6
+    if cb.get("maxMs") is not None:
+        figures["callbackMaxMs"] = cb["maxMs"]
     if play.get("timeline"):
         # Away from start and stop: the source is made before, the digest after.
         start = play["timeline"][0][1] + 1_000_000_000
@@ -564,7 +582,7 @@ def fmt(value, digits=1):
 COLUMNS = ["case", "format", "ASIO", "cycle µs", "sync", "sink ms asked (held)", "sink ppm", "loss %",
            "latency ms p50 / p99 / max", "under / over", "in underrun %", "deviation % p50 / p99",
            "settle s (step)", "resends",
-           "bit-exact", "callbacks ppm", "CPU % host / target"]
+           "bit-exact", "callbacks ppm", "longest callback gap ms", "CPU % host / target / steal"]
 
 
 def table_row(r):
@@ -589,7 +607,8 @@ def table_row(r):
         str(r.get("resends", "–")),
         "–" if exact is None else "yes" if exact else "no",
         fmt(r.get("callbackPpm"), 0),
-        f"{fmt(cpu.get('host'))} / {fmt(cpu.get('target'))}",
+        fmt(r.get("callbackMaxMs")),
+        f"{fmt(cpu.get('host'))} / {fmt(cpu.get('target'))} / {fmt(cpu.get('steal'))}",
     ]
     if r.get("error"):
         cells[0] += f" ({r['error']})"
