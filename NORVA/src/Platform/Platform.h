@@ -7,6 +7,7 @@
 // above can be tested on either system with the same expectations.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -55,6 +56,13 @@ ThreadId currentThreadId();
 // SCHED_IDLE. A refusal by the system is a failure.
 bool setThreadPriorityValue(ThreadId thread, int value);
 bool setThreadAffinity(ThreadId thread, std::uint32_t mask);
+
+// Sleeps while `word` still holds `seen`, at most `timeoutUs`; wakeWord ends
+// the sleeps on it. A change between the caller's look and the sleep isn't
+// lost: the sleep doesn't begin (futex; WaitOnAddress where Windows has it,
+// otherwise short sleeps). May return early, as a condition variable may.
+void waitOnWord(std::atomic<std::uint32_t>& word, std::uint32_t seen, std::uint64_t timeoutUs);
+void wakeWord(std::atomic<std::uint32_t>& word);
 
 std::uint16_t processorCount();
 // The processor the calling thread runs on (GetCurrentProcessorNumber /
@@ -114,18 +122,18 @@ void socketClose(SocketHandle handle, bool shutdownFirst);
 bool socketSetNonBlocking(SocketHandle handle, bool nonBlocking);
 
 enum class SocketOption {
-    broadcast,            // SO_BROADCAST
-    noDelay,              // TCP_NODELAY
-    reuseAddress,         // SO_REUSEADDR
-    dontFragment,         // IPv4: no fragmentation by this host
-    pathMtuDiscovery,     // IPv4: MTU discovery on the path
-    v6Only,               // IPV6_V6ONLY
-    multicastInterface,   // IPV6_MULTICAST_IF
-    unicastInterface,     // IPV6_UNICAST_IF, where the system has it
-    multicastLoop,        // IPV6_MULTICAST_LOOP
-    multicastHops,        // IPV6_MULTICAST_HOPS
-    receiveBufferSize,    // SO_RCVBUF
-    sendBufferSize        // SO_SNDBUF
+    broadcast,           // SO_BROADCAST
+    noDelay,             // TCP_NODELAY
+    reuseAddress,        // SO_REUSEADDR
+    dontFragment,        // IPv4: no fragmentation by this host
+    pathMtuDiscovery,    // IPv4: MTU discovery on the path
+    v6Only,              // IPV6_V6ONLY
+    multicastInterface,  // IPV6_MULTICAST_IF
+    unicastInterface,    // IPV6_UNICAST_IF, where the system has it
+    multicastLoop,       // IPV6_MULTICAST_LOOP
+    multicastHops,       // IPV6_MULTICAST_HOPS
+    receiveBufferSize,   // SO_RCVBUF
+    sendBufferSize       // SO_SNDBUF
 };
 bool socketSetOption(SocketHandle handle, SocketOption option, int value);
 
@@ -146,8 +154,7 @@ bool socketJoinGroup6(SocketHandle handle, const std::uint8_t group[16], std::ui
 std::int64_t socketSendTo6(SocketHandle handle, const void* data, std::size_t length,
                            const SocketAddress6& peer);
 // Bytes received (0 for an empty datagram), or -1 on failure. peer may be null.
-std::int64_t socketReceiveFrom6(SocketHandle handle, void* data, std::size_t size,
-                                SocketAddress6* peer);
+std::int64_t socketReceiveFrom6(SocketHandle handle, void* data, std::size_t size, SocketAddress6* peer);
 
 // select() on one socket for reading: 0 error, 1 timed out, 2 readable.
 int socketWaitReadable(SocketHandle handle, std::uint64_t timeoutMicroseconds);

@@ -5,6 +5,7 @@
 // waitUntil()/waitFor(), so that a lost wake-up costs time, never a hang.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -128,6 +129,30 @@ void sleepMicroseconds(std::uint64_t us);
 void sleepUntil(SteadyClock::time_point point);
 
 // ---- Bounded waits --------------------------------------------------------
+
+// A counter to sleep on, for a thread that waits for another's progress
+// without either taking a lock: the waiter reads the count, looks at what it
+// waits for, and sleeps only while the count is still the one it read, so a
+// step made in between is never missed. Bumping costs no system call; wake()
+// does, so the one that bumps can save it when nobody could be waiting.
+class WakeWord {
+  public:
+    std::uint32_t count() const { return word.load(std::memory_order_acquire); }
+    void bump() { word.fetch_add(1, std::memory_order_acq_rel); }
+    void wake() { Platform::wakeWord(word); }
+    void bumpAndWake() {
+        bump();
+        wake();
+    }
+    // Returns on a wake, a bump since `seen`, or after `limit`; maybe early.
+    void waitWhile(std::uint32_t seen, SteadyClock::duration limit) {
+        auto us = std::chrono::duration_cast<std::chrono::microseconds>(limit).count();
+        Platform::waitOnWord(word, seen, us > 0 ? std::uint64_t(us) : 0);
+    }
+
+  private:
+    std::atomic<std::uint32_t> word{0};
+};
 
 // Waits with lock held (as condition_variable::wait) until ready() holds or
 // the deadline passes; returns ready()'s last result. The caller then looks

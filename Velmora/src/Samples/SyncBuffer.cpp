@@ -41,7 +41,9 @@ void StreamBuffer::fill(std::uint64_t n, std::uint8_t value) {
 
 // ---- The ring -------------------------------------------------------------------
 
-SyncBuffer::~SyncBuffer() { shutdown(); }
+SyncBuffer::~SyncBuffer() {
+    shutdown();
+}
 
 StreamBuffer* SyncBuffer::next(StreamBuffer* slot) {
     return slot + 1 == ring.data() + ring.size() ? ring.data() : slot + 1;
@@ -85,6 +87,7 @@ bool SyncBuffer::getBuffer(StreamChunk& chunk) {
         chunk.data = read->data;
         chunk.size = static_cast<std::uint32_t>(read->size);
         readPos.store(next(read), std::memory_order_release);
+        ringProgress.bump();
         return true;
     }
     if (stopRequested) {
@@ -98,7 +101,8 @@ bool SyncBuffer::getBuffer(StreamChunk& chunk) {
     } else {
         // The buffer worker is behind: ten milliseconds of silence.
         wakeRing();
-        std::uint64_t rate = std::uint64_t{source.bitsPerSample()} * source.channelCount() * source.rate() / 8;
+        std::uint64_t rate =
+            std::uint64_t{source.bitsPerSample()} * source.channelCount() * source.rate() / 8;
         muteBuffer.fill(rate / 100, source.muteByte());
         LogLine(4) << "SyncBuffer not enough mute data return " << muteBuffer.size;
     }
@@ -109,11 +113,21 @@ bool SyncBuffer::getBuffer(StreamChunk& chunk) {
 
 bool SyncBuffer::onCycle() {
     cycleFlag.exchange(1);
-    wakeRing();
+    // The buffer worker sleeps on ringProgress while the ring is full. Most
+    // cycles take no slot, and a wake then would only cost it two context
+    // switches to find nothing to do; the system call is saved with them.
+    std::uint32_t progress = ringProgress.count();
+    if (progress != progressWoken) {
+        progressWoken = progress;
+        ringProgress.wake();
+    }
+    ringChanged.notify_all();
     return true;
 }
 
-void SyncBuffer::onStateChange() { wakeRing(); }
+void SyncBuffer::onStateChange() {
+    wakeRing();
+}
 
 void SyncBuffer::fillBuffer(StreamBuffer&, bool) {}
 
@@ -250,11 +264,10 @@ void SyncBuffer::seek(std::int32_t slots) {
 bool SyncBuffer::waitFreeSlot() {
     StreamBuffer* free = next(writePos.load(std::memory_order_relaxed));
     while (free == readPos.load(std::memory_order_acquire)) {
-        {
-            std::unique_lock<std::mutex> lock(ringMutex);
-            NORVA::waitFor(ringChanged, lock, slotWait,
-                           [&] { return free != readPos.load(std::memory_order_acquire); });
-        }
+        // A slot taken after this look bumps the word, and the sleep then
+        // doesn't begin: no wake can be lost in between.
+        std::uint32_t seen = ringProgress.count();
+        if (free == readPos.load(std::memory_order_acquire)) ringProgress.waitWhile(seen, slotWait);
         if (!streamLive() || stopRequested || muteRequested) return false;
     }
     return true;
@@ -263,8 +276,8 @@ bool SyncBuffer::waitFreeSlot() {
 void SyncBuffer::bufferWorker() {
     if (pinBufferThread) {
         bool pinned = NORVA::setCurrentThreadProcessors(cpuOther, cpuOtherCount);
-        LogLine(pinned ? 6 : 4) << (pinned ? "Buffer Thread CPU set " : "Buffer Thread CPU set error ") << cpuOther
-                                << "," << cpuOtherCount;
+        LogLine(pinned ? 6 : 4) << (pinned ? "Buffer Thread CPU set " : "Buffer Thread CPU set error ")
+                                << cpuOther << "," << cpuOtherCount;
     }
     if (NORVA::setCurrentThreadLevel(NORVA::levelHigh)) {
         LogLine(6) << "Buffer Thread Priority set HIGH";

@@ -18,6 +18,7 @@
 
 #include "Format/FormatID.h"
 #include "Stream/Sync.h"
+#include "System/Threads.h"
 
 namespace VELMORA {
 
@@ -88,11 +89,19 @@ class SyncBuffer : public Sync {
     std::thread bufferThread;
     std::mutex ringMutex;
     std::condition_variable ringChanged;
-    StreamBuffer muteBuffer;  // the stream worker's alone
-    bool pinBufferThread = false;  // to cpuOther, as connect found the flags
+    StreamBuffer muteBuffer;          // the stream worker's alone
+    std::uint32_t progressWoken = 0;  // the stream worker's alone: ringProgress at its last wake
+    bool pinBufferThread = false;     // to cpuOther, as connect found the flags
+
+    // Counts the slots the stream worker has taken, and every other change
+    // the buffer worker must see; it sleeps on this word while the ring is full.
+    NORVA::WakeWord ringProgress;
 
     void bufferWorker();
-    void wakeRing() { ringChanged.notify_all(); }
+    void wakeRing() {
+        ringProgress.bumpAndWake();
+        ringChanged.notify_all();
+    }
 
   private:
     StreamBuffer* next(StreamBuffer* slot);

@@ -6,8 +6,10 @@
 // process stays lowered, as on Windows), idle onto SCHED_IDLE. Calls act on a
 // kernel task id, so they reach one thread, not the whole process.
 #include <errno.h>
+#include <linux/futex.h>
 #include <sched.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -79,6 +81,19 @@ bool setThreadAffinity(ThreadId thread, std::uint32_t mask) {
         if (mask & (std::uint32_t(1) << i)) CPU_SET(i, &set);
     }
     return sched_setaffinity(pid_t(thread), sizeof set, &set) == 0;
+}
+
+static_assert(sizeof(std::atomic<std::uint32_t>) == 4 && std::atomic<std::uint32_t>::is_always_lock_free,
+              "a futex needs the atomic's bare word");
+
+void waitOnWord(std::atomic<std::uint32_t>& word, std::uint32_t seen, std::uint64_t timeoutUs) {
+    timespec limit{time_t(timeoutUs / 1'000'000), long(timeoutUs % 1'000'000 * 1000)};
+    syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), FUTEX_WAIT_PRIVATE, seen, &limit, nullptr, 0);
+}
+
+void wakeWord(std::atomic<std::uint32_t>& word) {
+    syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), FUTEX_WAKE_PRIVATE, 0x7fffffff, nullptr,
+            nullptr, 0);
 }
 
 std::uint16_t processorCount() {
