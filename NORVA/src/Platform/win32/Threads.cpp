@@ -30,6 +30,11 @@ bool setThreadAffinity(ThreadId thread, std::uint32_t mask) {
     return done;
 }
 
+// Windows doesn't throttle a thread that never sleeps.
+bool keepSpinnerRunnable(ThreadId) {
+    return false;
+}
+
 namespace {
 
 // WaitOnAddress came with Windows 8; looked up at run time so that the driver
@@ -45,8 +50,12 @@ struct AddressWaits {
             HMODULE module = GetModuleHandleA(name);
             if (module == nullptr) module = LoadLibraryA(name);
             if (module == nullptr) continue;
-            wait = reinterpret_cast<WaitOnAddressCall>(GetProcAddress(module, "WaitOnAddress"));
-            wakeAll = reinterpret_cast<WakeByAddressCall>(GetProcAddress(module, "WakeByAddressAll"));
+            // Through void(*)(), the one cast between function types that
+            // the compiler takes without a warning.
+            auto waitEntry = reinterpret_cast<void (*)()>(GetProcAddress(module, "WaitOnAddress"));
+            auto wakeEntry = reinterpret_cast<void (*)()>(GetProcAddress(module, "WakeByAddressAll"));
+            wait = reinterpret_cast<WaitOnAddressCall>(waitEntry);
+            wakeAll = reinterpret_cast<WakeByAddressCall>(wakeEntry);
             if (wait != nullptr && wakeAll != nullptr) return;
         }
         wait = nullptr;
