@@ -103,9 +103,8 @@ bool AsioHost::prepareInput(PlayReport& report) {
     return true;
 }
 
-bool AsioHost::refused(IASIO* driver, PlayReport& report, const std::string& call, ASIOError result,
-                       const std::string& why) {
-    report.calls.push_back({call, result});
+bool AsioHost::failed(IASIO* driver, PlayReport& report, const std::string& call, ASIOError result,
+                      const std::string& why) {
     if (result == ASE_OK || result == ASE_SUCCESS) return false;
     char text[128] = {};
     driver->getErrorMessage(text);
@@ -116,8 +115,7 @@ bool AsioHost::refused(IASIO* driver, PlayReport& report, const std::string& cal
 }
 
 bool AsioHost::negotiate(IASIO* driver, PlayReport& report) {
-    ASIOBool initialised = driver->init(nullptr);
-    report.calls.push_back({"init", initialised});
+    ASIOBool initialised = record(report, "init", [&] { return driver->init(nullptr); });
     if (initialised != ASIOTrue) {
         char text[128] = {};
         driver->getErrorMessage(text);
@@ -131,7 +129,8 @@ bool AsioHost::negotiate(IASIO* driver, PlayReport& report) {
     report.driverName.assign(name, strnlen(name, sizeof name));
     report.driverVersion = driver->getDriverVersion();
 
-    if (refused(driver, report, "getChannels", driver->getChannels(&report.inputs, &report.outputs)))
+    if (refused(driver, report, "getChannels",
+                [&] { return driver->getChannels(&report.inputs, &report.outputs); }))
         return false;
     int wanted = options.channels != 0 ? options.channels : wav.channels != 0 ? wav.channels : report.outputs;
     if (wanted == 0 || wanted > report.outputs) {
@@ -145,18 +144,20 @@ bool AsioHost::negotiate(IASIO* driver, PlayReport& report) {
     if (options.dsd) {
         ASIOIoFormat format{};
         format.FormatType = kASIODSDFormat;
-        if (refused(driver, report, "future(kAsioCanDoIoFormat, DSD)",
-                    driver->future(kAsioCanDoIoFormat, &format), "the sink takes no DSD") ||
+        if (refused(
+                driver, report, "future(kAsioCanDoIoFormat, DSD)",
+                [&] { return driver->future(kAsioCanDoIoFormat, &format); }, "the sink takes no DSD") ||
             refused(driver, report, "future(kAsioSetIoFormat, DSD)",
-                    driver->future(kAsioSetIoFormat, &format))) {
+                    [&] { return driver->future(kAsioSetIoFormat, &format); })) {
             return false;
         }
         report.dsd = true;
     }
 
-    if (refused(driver, report, "getBufferSize",
-                driver->getBufferSize(&report.minSize, &report.maxSize, &report.preferredSize,
-                                      &report.granularity))) {
+    if (refused(driver, report, "getBufferSize", [&] {
+            return driver->getBufferSize(&report.minSize, &report.maxSize, &report.preferredSize,
+                                         &report.granularity);
+        })) {
         return false;
     }
     report.bufferSize = options.bufferSize != 0 ? options.bufferSize : report.preferredSize;
@@ -171,13 +172,16 @@ bool AsioHost::negotiate(IASIO* driver, PlayReport& report) {
 
     report.rate = options.rate != 0 ? options.rate : wav.rate != 0 ? wav.rate : options.dsd ? 2822400 : 48000;
     std::string rate = rateText(report.rate);
-    if (refused(driver, report, "canSampleRate(" + rate + ")", driver->canSampleRate(report.rate),
-                "the driver can't run at " + rate + " Hz") ||
-        refused(driver, report, "setSampleRate(" + rate + ")", driver->setSampleRate(report.rate))) {
+    if (refused(
+            driver, report, "canSampleRate(" + rate + ")", [&] { return driver->canSampleRate(report.rate); },
+            "the driver can't run at " + rate + " Hz") ||
+        refused(driver, report, "setSampleRate(" + rate + ")",
+                [&] { return driver->setSampleRate(report.rate); })) {
         return false;
     }
     ASIOSampleRate current = 0;
-    if (refused(driver, report, "getSampleRate", driver->getSampleRate(&current))) return false;
+    if (refused(driver, report, "getSampleRate", [&] { return driver->getSampleRate(&current); }))
+        return false;
     if (current != report.rate) {
         report.failure = "getSampleRate answers " + rateText(current) + " after setSampleRate(" + rate + ")";
         report.exitCode = exitRefused;
@@ -186,7 +190,8 @@ bool AsioHost::negotiate(IASIO* driver, PlayReport& report) {
 
     ASIOClockSource clocks[8] = {};
     AsioLong clockCount = 8;
-    if (refused(driver, report, "getClockSources", driver->getClockSources(clocks, &clockCount)))
+    if (refused(driver, report, "getClockSources",
+                [&] { return driver->getClockSources(clocks, &clockCount); }))
         return false;
     for (AsioLong i = 0; i < std::min<AsioLong>(clockCount, 8); ++i)
         report.clocks.emplace_back(clocks[i].name, strnlen(clocks[i].name, sizeof clocks[i].name));
@@ -202,9 +207,10 @@ bool AsioHost::makeBuffers(IASIO* driver, PlayReport& report) {
     callbacks = {&bufferSwitch, &sampleRateDidChange, &asioMessage, &bufferSwitchTimeInfo};
     current.store(this);
     buffersCreated = true;
-    if (refused(
-            driver, report, "createBuffers",
-            driver->createBuffers(buffers.data(), AsioLong(buffers.size()), report.bufferSize, &callbacks))) {
+    if (refused(driver, report, "createBuffers", [&] {
+            return driver->createBuffers(buffers.data(), AsioLong(buffers.size()), report.bufferSize,
+                                         &callbacks);
+        })) {
         return false;
     }
     for (std::size_t c = 0; c < report.channels.size(); ++c) {
@@ -212,7 +218,7 @@ bool AsioHost::makeBuffers(IASIO* driver, PlayReport& report) {
         info.channel = AsioLong(c);
         info.isInput = ASIOFalse;
         if (refused(driver, report, "getChannelInfo(" + std::to_string(c) + ")",
-                    driver->getChannelInfo(&info)))
+                    [&] { return driver->getChannelInfo(&info); }))
             return false;
         report.channels[c] = {int(c), std::string(info.name, strnlen(info.name, sizeof info.name)), info.type,
                               info.isActive == ASIOTrue};
@@ -223,7 +229,7 @@ bool AsioHost::makeBuffers(IASIO* driver, PlayReport& report) {
         }
     }
     if (refused(driver, report, "getLatencies",
-                driver->getLatencies(&report.inputLatency, &report.outputLatency)))
+                [&] { return driver->getLatencies(&report.inputLatency, &report.outputLatency); }))
         return false;
 
     ASIOSampleType type = report.channels[0].type;
@@ -264,7 +270,9 @@ bool AsioHost::stream(IASIO* driver, PlayReport& report) {
     ticks.assign(std::size_t(wantedBytes / bufferBytes) * 2 + 256, Tick{});
     startNs = nowNs();
     started = true;
-    if (refused(driver, report, "start", driver->start(), "the driver's log says why")) return false;
+    if (refused(
+            driver, report, "start", [&] { return driver->start(); }, "the driver's log says why"))
+        return false;
 
     double limitS = double(wantedBytes / bufferBytes) * report.bufferSize / report.rate * 2 + 15;
     std::uint64_t seen = 0;
@@ -299,10 +307,13 @@ void AsioHost::run(IASIO* hostDriver, PlayReport& report) {
     if (negotiate(driver, report) && makeBuffers(driver, report)) stream(driver, report);
     // A host ends every start, good or not, with stop, and gives the
     // buffers back before it lets go of the driver.
-    if (started) report.calls.push_back({"stop", driver->stop()});
-    if (buffersCreated) report.calls.push_back({"disposeBuffers", driver->disposeBuffers()});
+    if (started) record(report, "stop", [&] { return driver->stop(); });
+    if (buffersCreated) record(report, "disposeBuffers", [&] { return driver->disposeBuffers(); });
     current.store(nullptr);
-    report.referencesLeft = driver->Release();
+    record(report, "release", [&] {
+        report.referencesLeft = driver->Release();
+        return ASIOError(ASE_OK);
+    });
     driver = nullptr;
     summarise(report);
 }

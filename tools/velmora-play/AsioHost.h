@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -17,6 +18,7 @@ struct PlayReport {
     struct Call {
         std::string name;
         ASIOError result = ASE_OK;
+        double ms = 0;  // how long the driver took to answer
     };
     struct Channel {
         int index = 0;
@@ -90,8 +92,24 @@ class AsioHost {
     bool makeBuffers(IASIO* driver, PlayReport& report);
     bool stream(IASIO* driver, PlayReport& report);
     void summarise(PlayReport& report) const;
-    bool refused(IASIO* driver, PlayReport& report, const std::string& call, ASIOError result,
-                 const std::string& why = "");
+    // Makes one IASIO call and records it with its result and duration.
+    template <typename Call>
+    static ASIOError record(PlayReport& report, const std::string& name, Call call) {
+        auto start = std::chrono::steady_clock::now();
+        ASIOError result = call();
+        double ms =
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+        report.calls.push_back({name, result, ms});
+        return result;
+    }
+    // Records the call; true, with the failure filled in, if it failed.
+    template <typename Call>
+    bool refused(IASIO* driver, PlayReport& report, const std::string& name, Call call,
+                 const std::string& why = "") {
+        return failed(driver, report, name, record(report, name, call), why);
+    }
+    bool failed(IASIO* driver, PlayReport& report, const std::string& call, ASIOError result,
+                const std::string& why);
 
     // The callbacks: plain functions, as ASIO wants, reaching the one
     // running host through `current`.

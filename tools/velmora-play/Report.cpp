@@ -77,7 +77,8 @@ std::string reportText(const PlayReport& r) {
     for (const PlayReport::Call& call : r.calls) {
         out << " " << call.name << "="
             << (call.name == "init" ? (call.result == ASIOTrue ? "true" : "false")
-                                    : asioErrorName(call.result));
+                                    : asioErrorName(call.result))
+            << " (" << fixed(call.ms, call.ms < 10 ? 2 : 0) << " ms)";
     }
     out << "\n";
     if (r.referencesLeft != 0) out << "release      " << r.referencesLeft << " references left\n";
@@ -118,7 +119,7 @@ std::string reportJson(const PlayReport& r) {
         << ",\"rate\":" << r.rateChanges << "},\"calls\":[";
     for (std::size_t i = 0; i < r.calls.size(); ++i) {
         out << (i == 0 ? "" : ",") << "{\"call\":" << quoted(r.calls[i].name)
-            << ",\"result\":" << r.calls[i].result << "}";
+            << ",\"result\":" << r.calls[i].result << ",\"ms\":" << fixed(r.calls[i].ms, 3) << "}";
     }
     out << "],\"timeline\":[";
     for (std::size_t i = 0; i < r.timeline.size(); ++i)

@@ -94,6 +94,7 @@ class EthernetSocket {
     // 4 to 6 spin all the way and receive only after the send. Modes 2 and 5
     // yield the processor on every pass, 3 and 6 once on entry.
     std::int32_t waitMode = 0;
+    static constexpr bool neverSleeps(std::int32_t mode) { return mode >= 4 && mode <= 6; }
 
     EthernetSocket() = default;
     virtual ~EthernetSocket() = default;

@@ -56,6 +56,11 @@ ThreadId currentThreadId();
 // SCHED_IDLE. A refusal by the system is a failure.
 bool setThreadPriorityValue(ThreadId thread, int value);
 bool setThreadAffinity(ThreadId thread, std::uint32_t mask);
+// For a thread that will wait by spinning, never sleeping: where the system
+// throttles real-time threads that never sleep (Linux takes the CPU from
+// them for 50 ms in each second), it moves to the strongest normal priority
+// instead. False where it stays as it is.
+bool keepSpinnerRunnable(ThreadId thread);
 
 // Sleeps while `word` still holds `seen`, at most `timeoutUs`; wakeWord ends
 // the sleeps on it. A change between the caller's look and the sleep isn't

@@ -16,6 +16,10 @@ bool setThreadLevel(int level, ThreadId threadId) {
     return Platform::setThreadPriorityValue(threadId, priorityValue(level));
 }
 
+bool keepCurrentSpinnerRunnable() {
+    return Platform::keepSpinnerRunnable(Platform::currentThreadId());
+}
+
 int processLevel() {
     return classLevel(Platform::processPriorityClass());
 }

@@ -67,6 +67,9 @@ bool setCurrentThreadLevel(int level);
 bool setThreadLevel(int level, ThreadId threadId);
 // The level of the process's priority class.
 int processLevel();
+// The calling thread will spin through its waits from now on: see
+// Platform::keepSpinnerRunnable. True if its priority changed for it.
+bool keepCurrentSpinnerRunnable();
 
 // ---- Processors -----------------------------------------------------------
 

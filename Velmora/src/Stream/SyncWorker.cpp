@@ -6,6 +6,7 @@
 
 #include "Protocol/MessageTypes.h"
 #include "System/Log.h"
+#include "System/Threads.h"
 
 using NORVA::LogLine;
 using NORVA::TimeValue;
@@ -103,6 +104,9 @@ bool SyncWorker::setUp() {
     lastRequest = lastReceived = start;
     LogLine(6) << "redy to play loop start" << std::int32_t(sync.playing.load());
     socket.waitMode = waitModeFor(flags);
+    if (NORVA::EthernetSocket::neverSleeps(socket.waitMode) && NORVA::keepCurrentSpinnerRunnable()) {
+        LogLine(6) << "wth spins: normal class at its highest priority";
+    }
     return true;
 }
 

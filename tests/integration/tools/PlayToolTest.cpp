@@ -300,7 +300,10 @@ TEST(PlayTool, WithoutATargetTheDriversErrorTextIsReported) {
     EXPECT_EQ(outcome.code, 4) << outcome.output;
     EXPECT_NE(outcome.output.find("error text   Velmora"), std::string::npos) << outcome.output;
     std::string json = readFile(dir.path + "/report.json");
-    EXPECT_NE(json.find("\"calls\":[{\"call\":\"init\",\"result\":0}]"), std::string::npos) << json;
+    // Every call with its duration, the release too.
+    EXPECT_NE(json.find("\"calls\":[{\"call\":\"init\",\"result\":0,\"ms\":"), std::string::npos) << json;
+    EXPECT_NE(json.find("{\"call\":\"release\",\"result\":0,\"ms\":"), std::string::npos) << json;
+    EXPECT_NE(outcome.output.find("init=false ("), std::string::npos) << outcome.output;
     EXPECT_NE(json.find("\"exitCode\":4"), std::string::npos) << json;
 }
 

@@ -70,6 +70,27 @@ TEST(CopyKernels, OneGroupOfEachKernel) {
     EXPECT_EQ(run(copyReverseInvert, Bytes{0, 0, 0, 0}), (Bytes{0xFF, 0xFF, 0xFF, 0xFF}));
 }
 
+// Every kernel against the rule byte by byte, at lengths on both sides of
+// the 64-byte vector steps, so that the vector path and the tail both count.
+TEST(CopyKernels, EveryLengthFollowsTheByteRule) {
+    for (std::size_t length : {4u, 60u, 64u, 68u, 131u, 1440u}) {
+        const Bytes source = randomBytes(length, std::uint32_t(length));
+        for (KernelForm form :
+             {KernelForm::plain, KernelForm::swap, KernelForm::reverse, KernelForm::reverseSwap}) {
+            bool swapped = form == KernelForm::swap || form == KernelForm::reverseSwap;
+            bool reversed = form == KernelForm::reverse || form == KernelForm::reverseSwap;
+            for (bool invert : {false, true}) {
+                Bytes out = run(kernelFor(form, invert), source);
+                for (std::size_t i = 0; i < length / 4 * 4; ++i) {
+                    std::uint8_t in = source[swapped ? i / 4 * 4 + 3 - i % 4 : i];
+                    std::uint8_t want = (reversed ? bitReverse[in] : in) ^ (invert ? 0xFF : 0);
+                    ASSERT_EQ(out[i], want) << int(form) << invert << " length " << length << " at " << i;
+                }
+            }
+        }
+    }
+}
+
 TEST(CopyKernels, EachInvertedKernelIsTheNotOfItsPartner) {
     const Bytes source = randomBytes(1024 + 4, 7);
     for (KernelForm form :

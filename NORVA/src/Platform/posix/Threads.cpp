@@ -72,6 +72,14 @@ bool setThreadPriorityValue(ThreadId thread, int value) {
     return setOther(tid, nice - 5 * value);
 }
 
+bool keepSpinnerRunnable(ThreadId thread) {
+    auto tid = pid_t(thread);
+    int policy = sched_getscheduler(tid);
+    if (policy != SCHED_FIFO && policy != SCHED_RR) return false;
+    // nice -20 needs the same right as SCHED_FIFO had; the caller held it.
+    return setOther(tid, -20);
+}
+
 bool setThreadAffinity(ThreadId thread, std::uint32_t mask) {
     // An empty set selects no processor; the kernel refuses it too.
     if (mask == 0) return false;
