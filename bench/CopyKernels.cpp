@@ -18,7 +18,7 @@ using Clock = std::chrono::steady_clock;
 
 struct Kernel {
     const char* name;
-    const char* kind;  // what its goal is measured as: "copy" or "reversal"
+    const char* kind;  // "copy" (with or without inversion) or "reversal" of bits or bytes
     CopyKernel run;
 };
 
@@ -29,8 +29,8 @@ void memcpyKernel(std::uint8_t* destination, const std::uint8_t* source, std::si
 const Kernel kernels[] = {
     {"plain", "copy", VELMORA::copyPlain},
     {"invert", "copy", VELMORA::copyInvert},
-    {"swap", "copy", VELMORA::copySwap},
-    {"swap+invert", "copy", VELMORA::copySwapInvert},
+    {"swap", "reversal", VELMORA::copySwap},
+    {"swap+invert", "reversal", VELMORA::copySwapInvert},
     {"reverse", "reversal", VELMORA::copyReverse},
     {"reverse+invert", "reversal", VELMORA::copyReverseInvert},
     {"reverse+swap", "reversal", VELMORA::copyReverseSwap},

@@ -8,9 +8,11 @@
 //
 //     transfer_accuracy [--cycles N] [--json FILE]
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,6 +34,7 @@ struct Series {
     std::string priority;  // "normal" or "realtime"
     std::string wait;      // "sleep" (the floor) or "mode N"
     std::vector<double> latenessUs;
+    double cpuPct = 0;  // of one core, while the series ran
 };
 
 double percentile(std::vector<double> values, double share) {
@@ -108,13 +111,26 @@ class Bench {
     std::unique_ptr<EthernetBuffer> buffer;
 };
 
+// The series and the share of a core the process took meanwhile (the
+// benchmark's only thread that works).
+template <typename Run>
+Series timed(const std::string& priority, const std::string& wait, Run run) {
+    std::clock_t cpuStart = std::clock();
+    auto wallStart = std::chrono::steady_clock::now();
+    Series series{priority, wait, run(), 0};
+    double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
+    series.cpuPct = 100.0 * double(std::clock() - cpuStart) / CLOCKS_PER_SEC / wall;
+    return series;
+}
+
 void runAt(const std::string& priority, Bench& bench, int cycles, std::vector<Series>& out) {
-    out.push_back({priority, "sleep", bench.floor(cycles)});
+    out.push_back(timed(priority, "sleep", [&] { return bench.floor(cycles); }));
     for (int mode = 0; mode <= 6; ++mode) {
         bool realtime = priority == "realtime";
         if (realtime) NORVA::setCurrentThreadLevel(NORVA::levelCritical);
         if (realtime && EthernetSocket::neverSleeps(mode)) NORVA::keepCurrentSpinnerRunnable();
-        out.push_back({priority, "mode " + std::to_string(mode), bench.mode(mode, cycles)});
+        out.push_back(
+            timed(priority, "mode " + std::to_string(mode), [&] { return bench.mode(mode, cycles); }));
     }
 }
 
@@ -122,8 +138,8 @@ void writeJson(std::FILE* file, const std::vector<Series>& all, int cycles) {
     std::fprintf(file, "{\"cycleUs\": 1000, \"cycles\": %d, \"series\": [\n", cycles);
     for (std::size_t i = 0; i < all.size(); ++i) {
         const Series& s = all[i];
-        std::fprintf(file, "{\"priority\": \"%s\", \"wait\": \"%s\", \"latenessUs\": [", s.priority.c_str(),
-                     s.wait.c_str());
+        std::fprintf(file, "{\"priority\": \"%s\", \"wait\": \"%s\", \"cpuPct\": %.1f, \"latenessUs\": [",
+                     s.priority.c_str(), s.wait.c_str(), s.cpuPct);
         for (std::size_t j = 0; j < s.latenessUs.size(); ++j) {
             std::fprintf(file, "%s%.1f", j == 0 ? "" : ",", s.latenessUs[j]);
         }
@@ -162,12 +178,13 @@ int main(int argc, char** argv) {
     }
 
     std::printf(
-        "priority  wait     median_us   p99_us    max_us  (lateness after the deadline, %d cycles of 1 ms)\n",
+        "priority  wait     median_us   p99_us    max_us  cpu_%%  (lateness after the deadline, %d cycles of "
+        "1 ms)\n",
         cycles);
     for (const Series& s : all) {
-        std::printf("%-9s %-7s %10.1f %8.1f %9.1f\n", s.priority.c_str(), s.wait.c_str(),
+        std::printf("%-9s %-7s %10.1f %8.1f %9.1f %6.1f\n", s.priority.c_str(), s.wait.c_str(),
                     percentile(s.latenessUs, 0.5), percentile(s.latenessUs, 0.99),
-                    *std::max_element(s.latenessUs.begin(), s.latenessUs.end()));
+                    *std::max_element(s.latenessUs.begin(), s.latenessUs.end()), s.cpuPct);
     }
     if (jsonPath != nullptr) {
         std::FILE* file = std::fopen(jsonPath, "w");

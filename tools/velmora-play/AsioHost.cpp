@@ -278,7 +278,7 @@ bool AsioHost::stream(IASIO* driver, PlayReport& report) {
     std::uint64_t seen = 0;
     std::int64_t lastChange = startNs;
     while (bytesGiven.load() < wantedBytes) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
         std::int64_t now = nowNs();
         std::uint64_t count = tickCount.load();
         if (count != seen) {
