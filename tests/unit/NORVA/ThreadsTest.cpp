@@ -249,6 +249,29 @@ TEST(ThreadLevelsLinux, LevelsReachTheScheduler) {
     EXPECT_GT(high, 0);
 }
 
+// A thread that will never sleep leaves SCHED_FIFO, which the kernel
+// throttles, for the strongest normal priority; a normal one stays as it is.
+TEST(ThreadLevelsLinux, ASpinnerLeavesTheRealTimeClass) {
+    struct Outcome {
+        bool realTime = false, moved = false, movedNormal = true;
+        int policy = -1, nice = 0;
+    } out;
+    std::thread([&] {
+        NORVA::ThreadId self = NORVA::currentThreadId();
+        out.movedNormal = NORVA::keepCurrentSpinnerRunnable();
+        out.realTime = NORVA::setCurrentThreadLevel(NORVA::levelCritical);
+        out.moved = NORVA::keepCurrentSpinnerRunnable();
+        int unused = 0;
+        out.policy = policyOf(self, unused);
+        out.nice = getpriority(PRIO_PROCESS, id_t(self));
+    }).join();
+    EXPECT_FALSE(out.movedNormal);
+    if (!out.realTime) GTEST_SKIP() << "real-time scheduling refused here";
+    EXPECT_TRUE(out.moved);
+    EXPECT_EQ(out.policy, SCHED_OTHER);
+    EXPECT_EQ(out.nice, -20);
+}
+
 TEST(ThreadLevelsLinux, RefusedRealTimeIsReported) {
     enum {
         ok = 0,
