@@ -40,50 +40,75 @@ void copyGroupsPortable(std::uint8_t* destination, const std::uint8_t* source, s
 
 #ifdef VELMORA_AVX2_KERNELS
 // 32 bytes a step where the processor has AVX2: the byte swap is one
-// shuffle, the bit reversal two table lookups of a nibble each.
-template <bool swapped, bool reversed, std::uint32_t flip>
-__attribute__((target("avx2"), always_inline)) inline __m256i convertAvx2(__m256i v) {
+// shuffle. Where it also has GFNI, one affine step reverses the bits of every
+// byte (its matrix is the identity mirrored); without GFNI the reversing
+// kernels stay with the portable loop.
+template <bool swapped, std::uint32_t flip>
+__attribute__((target("avx2"), always_inline)) inline __m256i swapAndFlip(__m256i v) {
     if constexpr (swapped) {
         const __m256i order = _mm256_setr_epi8(3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12, 3, 2, 1,
                                                0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12);
         v = _mm256_shuffle_epi8(v, order);
     }
-    if constexpr (reversed) {
-        // Nibble n reversed, placed in the high nibble and in the low one.
-        const __m256i toHigh =
-            _mm256_setr_epi8(0x00, char(0x80), 0x40, char(0xC0), 0x20, char(0xA0), 0x60, char(0xE0), 0x10,
-                             char(0x90), 0x50, char(0xD0), 0x30, char(0xB0), 0x70, char(0xF0), 0x00,
-                             char(0x80), 0x40, char(0xC0), 0x20, char(0xA0), 0x60, char(0xE0), 0x10,
-                             char(0x90), 0x50, char(0xD0), 0x30, char(0xB0), 0x70, char(0xF0));
-        const __m256i toLow =
-            _mm256_setr_epi8(0x0, 0x8, 0x4, 0xC, 0x2, 0xA, 0x6, 0xE, 0x1, 0x9, 0x5, 0xD, 0x3, 0xB, 0x7, 0xF,
-                             0x0, 0x8, 0x4, 0xC, 0x2, 0xA, 0x6, 0xE, 0x1, 0x9, 0x5, 0xD, 0x3, 0xB, 0x7, 0xF);
-        const __m256i nibble = _mm256_set1_epi8(0x0F);
-        __m256i low = _mm256_and_si256(v, nibble);
-        __m256i high = _mm256_and_si256(_mm256_srli_epi16(v, 4), nibble);
-        v = _mm256_or_si256(_mm256_shuffle_epi8(toHigh, low), _mm256_shuffle_epi8(toLow, high));
-    }
     return _mm256_xor_si256(v, _mm256_set1_epi32(int(flip)));
 }
 
-// Two vectors a step, so that one's lookups overlap the other's.
-template <bool swapped, bool reversed, std::uint32_t flip>
-__attribute__((target("avx2"))) std::size_t copyGroupsAvx2(std::uint8_t* destination,
-                                                           const std::uint8_t* source, std::size_t groups) {
-    constexpr std::size_t step = 64 / groupBytes;
-    std::size_t done = 0;
-    for (; done + step <= groups; done += step) {
-        const auto* in = reinterpret_cast<const __m256i*>(source + done * groupBytes);
-        auto* out = reinterpret_cast<__m256i*>(destination + done * groupBytes);
-        __m256i first = convertAvx2<swapped, reversed, flip>(_mm256_loadu_si256(in));
-        __m256i second = convertAvx2<swapped, reversed, flip>(_mm256_loadu_si256(in + 1));
-        _mm256_storeu_si256(out, first);
-        _mm256_storeu_si256(out + 1, second);
-    }
-    return done;
+__attribute__((target("avx2,gfni"), always_inline)) inline __m256i reverseBits(__m256i v) {
+    return _mm256_gf2p8affine_epi64_epi8(v, _mm256_set1_epi64x(0x8040201008040201), 0);
 }
 
-const bool haveAvx2 = __builtin_cpu_supports("avx2");
+// Each loop takes two vectors a step, then one, and leaves the rest to the
+// portable loop; it returns the groups done.
+template <bool swapped, std::uint32_t flip>
+__attribute__((target("avx2"))) std::size_t copyGroupsAvx2(std::uint8_t* destination,
+                                                           const std::uint8_t* source, std::size_t groups) {
+    const auto* in = reinterpret_cast<const __m256i*>(source);
+    auto* out = reinterpret_cast<__m256i*>(destination);
+    std::size_t vectors = groups * groupBytes / 32;
+    std::size_t i = 0;
+    for (; i + 2 <= vectors; i += 2) {
+        __m256i first = swapAndFlip<swapped, flip>(_mm256_loadu_si256(in + i));
+        __m256i second = swapAndFlip<swapped, flip>(_mm256_loadu_si256(in + i + 1));
+        _mm256_storeu_si256(out + i, first);
+        _mm256_storeu_si256(out + i + 1, second);
+    }
+    if (i < vectors) _mm256_storeu_si256(out + i, swapAndFlip<swapped, flip>(_mm256_loadu_si256(in + i)));
+    return vectors * 32 / groupBytes;
+}
+
+template <bool swapped, std::uint32_t flip>
+__attribute__((target("avx2,gfni"))) std::size_t copyReversedGfni(std::uint8_t* destination,
+                                                                  const std::uint8_t* source,
+                                                                  std::size_t groups) {
+    const auto* in = reinterpret_cast<const __m256i*>(source);
+    auto* out = reinterpret_cast<__m256i*>(destination);
+    std::size_t vectors = groups * groupBytes / 32;
+    std::size_t i = 0;
+    for (; i + 2 <= vectors; i += 2) {
+        __m256i first = swapAndFlip<swapped, flip>(reverseBits(_mm256_loadu_si256(in + i)));
+        __m256i second = swapAndFlip<swapped, flip>(reverseBits(_mm256_loadu_si256(in + i + 1)));
+        _mm256_storeu_si256(out + i, first);
+        _mm256_storeu_si256(out + i + 1, second);
+    }
+    if (i < vectors) {
+        _mm256_storeu_si256(out + i, swapAndFlip<swapped, flip>(reverseBits(_mm256_loadu_si256(in + i))));
+    }
+    return vectors * 32 / groupBytes;
+}
+
+// The inverting copy as a plain loop, which the compiler turns into 64-byte
+// steps where AVX-512 is there: as wide as the library's memcpy.
+__attribute__((target("avx512f,avx512bw"))) void invertAvx512(std::uint8_t* destination,
+                                                              const std::uint8_t* source,
+                                                              std::size_t byteCount) {
+    for (std::size_t i = 0; i < byteCount; ++i) destination[i] = static_cast<std::uint8_t>(~source[i]);
+}
+
+// Read while statics are made, which may come before the run-time library's
+// own look at the processor: hence the explicit init.
+const bool haveAvx2 = (__builtin_cpu_init(), __builtin_cpu_supports("avx2"));
+const bool haveGfni = haveAvx2 && __builtin_cpu_supports("gfni");
+const bool haveAvx512 = __builtin_cpu_supports("avx512bw");
 #endif
 
 template <bool swapped, bool reversed, std::uint32_t flip>
@@ -91,7 +116,11 @@ void copyGroups(std::uint8_t* destination, const std::uint8_t* source, std::size
     std::size_t groups = byteCount / groupBytes;
     std::size_t done = 0;
 #ifdef VELMORA_AVX2_KERNELS
-    if (haveAvx2) done = copyGroupsAvx2<swapped, reversed, flip>(destination, source, groups);
+    if constexpr (reversed) {
+        if (haveGfni) done = copyReversedGfni<swapped, flip>(destination, source, groups);
+    } else {
+        if (haveAvx2) done = copyGroupsAvx2<swapped, flip>(destination, source, groups);
+    }
 #endif
     copyGroupsPortable<swapped, reversed, flip>(destination + done * groupBytes, source + done * groupBytes,
                                                 groups - done);
@@ -116,6 +145,9 @@ void copyPlain(std::uint8_t* destination, const std::uint8_t* source, std::size_
 }
 
 void copyInvert(std::uint8_t* destination, const std::uint8_t* source, std::size_t byteCount) {
+#ifdef VELMORA_AVX2_KERNELS
+    if (haveAvx512) return invertAvx512(destination, source, byteCount);
+#endif
     copyGroups<false, false, ~0u>(destination, source, byteCount);
     for (std::size_t i = byteCount / groupBytes * groupBytes; i < byteCount; ++i) {
         destination[i] = static_cast<std::uint8_t>(~source[i]);
