@@ -7,30 +7,12 @@
 // byteCount % 4 bytes of the destination untouched.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 
 namespace VELMORA {
 
 using CopyKernel = void (*)(std::uint8_t* destination, const std::uint8_t* source, std::size_t byteCount);
-
-using ByteTable = std::array<std::uint8_t, 256>;
-
-constexpr ByteTable makeBitReverse(std::uint8_t invert) {
-    ByteTable table{};
-    for (unsigned value = 0; value < 256; ++value) {
-        unsigned reversed = 0;
-        for (unsigned bit = 0; bit < 8; ++bit) reversed |= ((value >> bit) & 1u) << (7 - bit);
-        table[value] = static_cast<std::uint8_t>(reversed ^ invert);
-    }
-    return table;
-}
-
-// Entry i is i with its bits in reverse order.
-inline constexpr ByteTable bitReverse = makeBitReverse(0x00);
-// Entry i is the bitwise NOT of bitReverse[i].
-inline constexpr ByteTable bitReverseNot = makeBitReverse(0xFF);
 
 void copyPlain(std::uint8_t* destination, const std::uint8_t* source, std::size_t byteCount);
 void copyInvert(std::uint8_t* destination, const std::uint8_t* source, std::size_t byteCount);
