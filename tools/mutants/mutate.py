@@ -62,7 +62,7 @@ def try_mutant(m, build):
         if code is None:
             return "killed", "the tests timed out"
         if code != 0:
-            failed = [line.split("]", 1)[1].strip() for line in output.splitlines()
+            failed = [line.split("]", 1)[1].strip().split(" (")[0] for line in output.splitlines()
                       if line.startswith("[  FAILED  ]") and "," not in line and "listed below" not in line]
             return "killed", ", ".join(sorted(set(failed))[:3]) or f"exit {code}"
         return "survived", ""
