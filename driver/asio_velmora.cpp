@@ -268,7 +268,7 @@ AsioLong ASIO_METHOD AsioVelmora::getDriverVersion() {
 }
 
 void ASIO_METHOD AsioVelmora::getErrorMessage(char* text) {
-    if (text != nullptr) std::memcpy(text, errorText, std::strlen(errorText) + 1);
+    if (text != nullptr) copyText(text, errorText, hostErrorTextSize - 1);
 }
 
 ASIOBool AsioVelmora::fail(const std::string& logged, const char* shown) {
