@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <limits>
-#include <optional>
 
 #include "System/InfFile.h"
 #include "System/Log.h"
@@ -14,13 +13,13 @@ namespace {
 constexpr std::uint16_t targetControlPort = 19642;
 
 // The leading decimal number of a text (optional sign, then digits up to the
-// first other character), saturated to 32 bits; none if there are no digits.
-std::optional<std::int32_t> leadingNumber(const std::string& text) {
+// first other character), saturated to 32 bits; 0 if there are no digits, as
+// a plain text-to-integer conversion reads it.
+std::int32_t leadingNumber(const std::string& text) {
     std::size_t i = text.find_first_not_of(" \t");
-    if (i == std::string::npos) return std::nullopt;
+    if (i == std::string::npos) return 0;
     bool negative = text[i] == '-';
     if (text[i] == '-' || text[i] == '+') ++i;
-    if (i >= text.size() || text[i] < '0' || text[i] > '9') return std::nullopt;
     std::int64_t magnitude = 0;
     for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
         magnitude = std::min<std::int64_t>(magnitude * 10 + (text[i] - '0'), std::int64_t(1) << 31);
@@ -44,9 +43,9 @@ class KeyReader {
     bool number(const char* key, std::int32_t& value, Test accept) const {
         std::string found = text(key);
         if (found.empty()) return false;
-        std::optional<std::int32_t> read = leadingNumber(found);
-        if (!read || !accept(*read)) return refuse(key, found);
-        value = *read;
+        std::int32_t read = leadingNumber(found);
+        if (!accept(read)) return refuse(key, found);
+        value = read;
         return true;
     }
 
@@ -78,20 +77,24 @@ auto atLeast(std::int32_t least) {
 // A CPU number: the literal "0", or a number 1 or more; -1 for anything else.
 std::int32_t cpuNumber(const std::string& text) {
     if (text == "0") return 0;
-    std::optional<std::int32_t> value = leadingNumber(text);
-    return value && *value >= 1 ? *value : -1;
+    std::int32_t value = leadingNumber(text);
+    return value >= 1 ? value : -1;
 }
 
-// "first-last" or a single CPU, as the first CPU and a count. Both stay -1
-// unless the whole value makes sense.
+// "first-last" or a single CPU, as the first CPU and a count. The two sides
+// of a range are read on their own: a side that isn't a CPU number reads as
+// -1 (the count then stays -1 if it is the last), and the count is not
+// checked, so that "5-4" gives 5 with a count of 0. False if nothing was read.
 bool readCpuRange(const std::string& text, std::int32_t& first, std::int32_t& count) {
     std::size_t dash = text.find('-');
-    std::int32_t low = cpuNumber(text.substr(0, dash));
-    std::int32_t high = dash == std::string::npos ? low : cpuNumber(text.substr(dash + 1));
-    if (low < 0 || high < low) return false;
-    first = low;
-    count = high - low + 1;
-    return true;
+    first = cpuNumber(text.substr(0, dash));
+    if (dash == std::string::npos) {
+        count = first < 0 ? -1 : 1;
+        return first >= 0;
+    }
+    std::int32_t last = cpuNumber(text.substr(dash + 1));
+    count = last < 0 ? -1 : std::int32_t(std::int64_t(last) - first + 1);
+    return first >= 0 && last >= 0;
 }
 
 NORVA::TimeValue microseconds(std::int32_t value) {
@@ -181,9 +184,10 @@ void DriverSettings::readKeys(NORVA::InfFile& file, std::uint16_t processors) {
         NORVA::LogLine(6) << "Change Low Profile : " << processors;
     }
 
-    // Times can't be negative: a negative value is refused like any other.
-    if (keys.number("CycleTime", n, [](std::int32_t v) { return v > 0; })) cycleTime = microseconds(n);
-    if (keys.number("CycleMinTime", n, atLeast(0))) cycleMinTime = microseconds(n);
+    // Only a CycleTime of 0 is refused; a negative time wraps to a span far
+    // beyond any limit, which the planner's bounded searches then refuse.
+    if (keys.number("CycleTime", n, [](std::int32_t v) { return v != 0; })) cycleTime = microseconds(n);
+    if (keys.number("CycleMinTime", n, any)) cycleMinTime = microseconds(n);
     if (keys.number("TargetProfileLimitTime", n, atLeast(101))) targetProfileLimitTime = microseconds(n);
 
     std::string fragmentText = keys.text("Fragment");
@@ -198,7 +202,7 @@ void DriverSettings::readKeys(NORVA::InfFile& file, std::uint16_t processors) {
     }
 
     if (keys.number("ThredMode", n, atLeast(0))) thredMode = std::uint32_t(n);
-    if (keys.number("InfoCycle", n, atLeast(0))) infoCycle = microseconds(n);
+    if (keys.number("InfoCycle", n, any)) infoCycle = microseconds(n);
 
     std::string flex = keys.text("FlexCycle");
     if (flex == "enable") {

@@ -109,7 +109,12 @@ ASIOBool ASIO_METHOD AsioVelmora::init(void* handle) {
     find.targetPort = targetControlPort;
     if (!find.open(std::uint16_t(settings.interfaceNumber)))
         return fail("Velmora Find open err", "Velmora Find open err!");
+    // FindIP gives bare addresses; a target answers discovery only on its
+    // control port, so that is where the probe goes.
     find.extraTargets = settings.findAddresses;
+    for (NORVA::IPAddress& extra : find.extraTargets) {
+        if (extra.port() == 0) extra.setPort(targetControlPort);
+    }
 
     NORVA::IPAddress sink;
     VELMORA::TargetRecord record;
@@ -263,7 +268,7 @@ AsioLong ASIO_METHOD AsioVelmora::getDriverVersion() {
 }
 
 void ASIO_METHOD AsioVelmora::getErrorMessage(char* text) {
-    if (text != nullptr) std::memcpy(text, errorText, std::strlen(errorText) + 1);
+    if (text != nullptr) copyText(text, errorText, hostErrorTextSize - 1);
 }
 
 ASIOBool AsioVelmora::fail(const std::string& logged, const char* shown) {

@@ -75,8 +75,10 @@ class AsioVelmora : public IASIO, public CUnknown {
     static constexpr const char* productName = "KESTRANE Velmora";
     static constexpr const char* versionText = "3_148_9";
     static constexpr const char* configToolName = "velmora_asio_configura.exe";
-    // The host's ASIODriverInfo::errorMessage holds 124 bytes.
-    static constexpr std::size_t errorTextSize = 124;
+    static constexpr std::size_t errorTextSize = 128;
+    // A host hands getErrorMessage a buffer the size of its
+    // ASIODriverInfo::errorMessage, 124 bytes; the text is cut to fit.
+    static constexpr std::size_t hostErrorTextSize = 124;
     // Above this rate a stream is DSD, whatever the host chose.
     static constexpr std::uint32_t pcmRateLimit = 1536000;
     static constexpr AsioLong maxOutputs = 8;

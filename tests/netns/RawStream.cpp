@@ -91,9 +91,7 @@ int play(const char* address, std::uint32_t flags, std::uint32_t seconds) {
         return 1;
     }
     PatternSync sync;
-    // The host's thread priority is the machine's business, not this test's.
-    if (!sync.open(flags | ThreadFlag::keepPriority, TimeValue::fromMs(50), std::uint16_t(sink.scope()),
-                   "netns host", 0, -1, -1, 0) ||
+    if (!sync.open(flags, TimeValue::fromMs(50), std::uint16_t(sink.scope()), "netns host", 0, -1, -1, 0) ||
         !sync.getInfo(sink, TimeValue(), false, mtu) || !sync.format.setFormat(stereoS16At48k)) {
         std::puts("the sink's set-up failed");
         return 1;

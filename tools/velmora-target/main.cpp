@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Network/Socket.h"
+#include "Protocol/Connection.h"
 #include "Protocol/MessageTypes.h"
 #include "Protocol/Send.h"
 #include "Sink/StreamSink.h"
@@ -32,6 +33,7 @@ void printLine(const char* line) {
 // Sinks register again well within the target's 10 seconds.
 constexpr std::uint32_t registerEveryMs = 3000;
 constexpr std::uint32_t pollMs = 50;
+constexpr std::uint32_t listWaitMs = 5000;
 
 // A stream sink and the registration that tells the target of it.
 class RegisteredSink {
@@ -39,16 +41,27 @@ class RegisteredSink {
     RegisteredSink(const TestSink& sink, VELMORA::StreamSinkConfig stream, bool several)
         : sink(sink), stream(withPort(stream, sink.port, several ? sink.index : -1)) {}
 
-    // Registers at once: whoever reads the sink's line may ask the target
-    // for it straight away.
     bool start(std::uint16_t registrationPort) {
         if (!stream.start() || !socket.openNonBlocking()) return false;
         registration.setHeader(VELMORA::MessageType::PORT_REGIST, 0, sink.index, 0, stream.port(), 0);
         registration.setBodyText(sink.name);
         registration.finish();
         announce(registrationPort);
-        std::printf("sink %u: port %u, %s\n", sink.index, stream.port(), sink.name.c_str());
         return true;
+    }
+    // Whether the target answers for this sink as a host would ask for it.
+    bool isListed(VELMORA::Connection& asker, std::uint16_t controlPort) {
+        const NORVA::IPAddress control = NORVA::IPAddress::loopback(controlPort);
+        VELMORA::ConnectionBuffer request(*asker.socket, control, VELMORA::MessageType::PORT_REQ, sink.index,
+                                          0, 1, 1);
+        VELMORA::ConnectionBuffer answer(*asker.socket);
+        return asker.sendAck(request, control, VELMORA::MessageType::PORT_ANS, answer,
+                             VELMORA::Connection::ackTimeout) &&
+               !answer.isEmpty() && answer.param2() == stream.port();
+    }
+    // The line that tells whoever started this program that the sink is there.
+    void printReady() const {
+        std::printf("sink %u: port %u, %s\n", sink.index, stream.port(), sink.name.c_str());
     }
     void printStats() {
         VELMORA::SinkStats stats = stream.playStats();
@@ -80,6 +93,27 @@ class RegisteredSink {
     VELMORA::SendBuffer registration;
 };
 
+// A host that reads a sink's line asks the target for that sink at once; the
+// target takes registrations in its own time, so the lines wait until it
+// lists every sink.
+bool waitUntilListed(ToolTarget& target, std::vector<std::unique_ptr<RegisteredSink>>& sinks) {
+    VELMORA::Connection asker;
+    NORVA::IPAddress local = NORVA::IPAddress::loopback(0);
+    if (sinks.empty()) return true;
+    if (!asker.open(local)) return false;
+    for (std::uint32_t waited = 0; waited < listWaitMs; waited += pollMs) {
+        bool all = true;
+        for (auto& sink : sinks) {
+            if (sink->isListed(asker, target.boundPorts().control)) continue;
+            all = false;
+            sink->announce(target.boundPorts().registration);
+        }
+        if (all) return true;
+        NORVA::sleepMilliseconds(pollMs);
+    }
+    return false;
+}
+
 int run(const TargetOptions& options) {
     ToolTarget target(options.config, options.slotDirectory);
     if (!target.open(options.scope, options.withLog)) {
@@ -98,6 +132,11 @@ int run(const TargetOptions& options) {
             return 2;
         }
     }
+    if (!waitUntilListed(target, sinks)) {
+        std::fprintf(stderr, "velmora-target: the target does not list its sinks\n");
+        return 2;
+    }
+    for (auto& sink : sinks) sink->printReady();
     std::fflush(stdout);
 
     std::uint32_t sinceRegistration = 0;

@@ -186,6 +186,10 @@ std::string IPAddress::toStringScopePort() const {
     return text;
 }
 
+// Every ":" that doesn't open a gap ends a group, also a leading one, which
+// so stands for a zero group: ":1:2:3:4:5:6:7" has eight groups, and
+// "::1:2:3:4:5:6:7" eight and a gap, which is one too many. A trailing ":"
+// leaves a last group of 0.
 bool IPAddress::parseV6(const std::string& text) {
     std::uint16_t groups[8] = {};
     int index = 0;
@@ -200,7 +204,7 @@ bool IPAddress::parseV6(const std::string& text) {
             if (previous == ':') {
                 if (gapAt >= 0) return false;
                 gapAt = index;
-            } else if (previous != '\0') {
+            } else {
                 groups[index++] = value;
                 value = 0;
                 if (index == 8) return false;
@@ -212,16 +216,14 @@ bool IPAddress::parseV6(const std::string& text) {
         }
         previous = c;
     }
-    // A trailing "::" leaves no last group to store.
-    bool lastGroup = previous != ':';
-    if (lastGroup) groups[index] = value;
-    int count = index + (lastGroup ? 1 : 0);
+    groups[index] = value;
+    const int count = index + 1;
 
     if (gapAt < 0) {
-        if (index != 7 || !lastGroup) return false;
+        if (count != 8) return false;
     } else {
-        int behind = count - gapAt;
         if (count >= 8) return false;  // a gap must stand for at least one zero group
+        int behind = count - gapAt;
         std::uint16_t moved[8] = {};
         for (int i = 0; i < gapAt; ++i) moved[i] = groups[i];
         for (int i = 0; i < behind; ++i) moved[8 - behind + i] = groups[gapAt + i];

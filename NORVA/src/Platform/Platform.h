@@ -105,7 +105,10 @@ bool listAdapterAddresses(bool ipv6, std::vector<AdapterAddress>& out);
 using SocketHandle = std::intptr_t;
 inline constexpr SocketHandle noSocket = -1;
 
-// Error codes are reported in Winsock numbering, whatever the system.
+// Error codes are reported in Winsock numbering, whatever the system, but
+// for "address not available": 99 on every system, the code by which a
+// target keeps quiet about answering a host that has gone.
+inline constexpr int errorAddressNotAvailable = 99;   // not WSAEADDRNOTAVAIL (10049)
 inline constexpr int errorInterrupted = 10004;        // WSAEINTR
 inline constexpr int errorWouldBlock = 10035;         // WSAEWOULDBLOCK
 inline constexpr int errorConnectionReset = 10054;    // WSAECONNRESET

@@ -232,18 +232,14 @@ std::uint32_t Target::loop() {
         }
         if (waited == 1) continue;
 
-        // Registrations first, each taken in a round of its own: a port
-        // registered before a host's question is in the answer, and the
-        // next round's expiry has counted it.
-        if (sockets.isReady(registrationSocket)) {
-            if (!receiveRegistration()) return loopFailed;
-            continue;
-        }
-        if (logSocket.isOpen() && sockets.isReady(logSocket) && !receiveLog()) return loopFailed;
+        // Hosts first, then the local programs, one datagram of each per
+        // pass: a stream of local registrations can't hold up an answer.
         if (sockets.isReady(controlSocket)) {
             if (!receiveControl()) return loopFailed;
             if (state.end) return loopEndedByMessage;
         }
+        if (logSocket.isOpen() && sockets.isReady(logSocket) && !receiveLog()) return loopFailed;
+        if (sockets.isReady(registrationSocket) && !receiveRegistration()) return loopFailed;
     }
 }
 

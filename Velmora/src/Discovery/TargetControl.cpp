@@ -21,10 +21,8 @@ constexpr std::uint16_t tableEntries = 512;
 constexpr std::uint16_t all = 0xFFFF;
 // A body must leave room for the header in the largest frame.
 constexpr std::uint32_t largestBody = 65528 - headerSize - 8;
-// Of the send error that DISCOVER keeps quiet about: an address that is no
-// longer there (WSAEADDRNOTAVAIL).
-constexpr std::int32_t addressNotAvailable = 10049;
 constexpr std::uint32_t addressListLimit = 1000;
+constexpr std::uint32_t addressBytes = 16;
 
 NORVA::IPAddress hostOf(const NORVA::IPAddress& source) {
     NORVA::IPAddress host = source;
@@ -65,7 +63,8 @@ void Target::discover(const Receive&, const NORVA::IPAddress& source) {
     answer.setBodyText(config.name);
     answer.finish();
     if (controlSocket.sendTo(source, false, answer.bytes.data, answer.bytes.size)) return;
-    if (controlSocket.lastError != addressNotAvailable) {
+    // A host whose address has gone since it asked is no error of ours.
+    if (controlSocket.lastError != NORVA::Platform::errorAddressNotAvailable) {
         NORVA::LogLine(3) << "UDP send error " << MessageType::DISCOVER_ANS << ":" << controlSocket.lastError;
     }
 }
@@ -217,10 +216,12 @@ void Target::targetInfo(const Receive& request, const NORVA::IPAddress& source) 
             NORVA::InterfaceMap map;
             NORVA::getMyLocalAddresV6(map, config.allowLoopback);
             std::vector<std::uint8_t> bytes;
-            for (auto entry = map.begin(); entry != map.end() && bytes.size() < addressListLimit; ++entry) {
-                std::uint8_t address[16];
+            // The list stops before it would cross the limit.
+            for (auto entry = map.begin();
+                 entry != map.end() && bytes.size() + addressBytes <= addressListLimit; ++entry) {
+                std::uint8_t address[addressBytes];
                 entry->first.copyBytes(address);
-                bytes.insert(bytes.end(), address, address + 16);
+                bytes.insert(bytes.end(), address, address + addressBytes);
             }
             answer.setBodySize(static_cast<std::uint16_t>(bytes.size()));
             if (!bytes.empty()) std::memcpy(answer.body(), bytes.data(), bytes.size());

@@ -168,13 +168,10 @@ void Sync::stop() {
 // ---- The worker ---------------------------------------------------------------
 
 void Sync::workerMain() {
-    // The worker changes only its own copy: the caller's threadFlags stay as
-    // they were set, for the next connect and for other readers.
-    std::uint32_t flags = threadFlags;
-    bool started = startOnProcessor(flags);
+    bool started = startOnProcessor();
     if (started) {
         announceToTarget(true);
-        SyncWorker(*this, flags).run();
+        SyncWorker(*this, threadFlags).run();
         announceToTarget(false);
     }
     setConnectState(idle);
@@ -191,15 +188,16 @@ WorkerPlacement placementFor(std::uint32_t threadFlags, std::uint16_t cpus, Time
     return placement;
 }
 
-bool Sync::startOnProcessor(std::uint32_t& flags) {
+// The worker owns threadFlags while it runs: what it clears for this
+// machine stays cleared for the next connect too.
+bool Sync::startOnProcessor() {
     std::uint16_t cpus = NORVA::processorCount();
-    WorkerPlacement placement = placementFor(flags, cpus, profiles[0].cycle);
-    flags = placement.flags;
+    WorkerPlacement placement = placementFor(threadFlags, cpus, profiles[0].cycle);
+    threadFlags = placement.flags;
     lowCpu = placement.lowCpu;
+    const std::uint32_t flags = threadFlags;
     logWorkerStart(flags, cpus, infoRequestTime);
-    if ((flags & ThreadFlag::keepPriority) != 0) {
-        LogLine(6) << "wth priority kept";
-    } else if (NORVA::processLevel() == NORVA::levelCritical) {
+    if (NORVA::processLevel() == NORVA::levelCritical) {
         LogLine(6) << "wth Realtime Class not change priority";
     } else {
         bool critical = (flags & ThreadFlag::critical) != 0;
@@ -241,6 +239,9 @@ void Sync::announceToTarget(bool starting) {
 }
 
 bool Sync::connectExchange() {
+    // Each connection names its own interface; a MAC of an earlier one would
+    // send raw frames from an address that may no longer be ours.
+    std::memset(hostMac, 0, sizeof hostMac);
     const std::uint8_t* mac = nullptr;
     std::vector<LocalAddressEntry> locals;
     if (msMode == msModeRawFrames && getMyLocalAddresV6(locals, false, false)) {

@@ -49,14 +49,10 @@ inline constexpr std::uint32_t shortPool = 0x1000;     // keep 100 ms of packets
 inline constexpr std::uint32_t noProbe = 0x2000;       // keep 1500-byte packets
 inline constexpr std::uint32_t noStatusRequest = 0x4000;
 inline constexpr std::uint32_t noRawFrames = 0x8000;  // never take the raw frame mode
-// The worker leaves its thread's priority as it was: for hosts that place
-// their threads themselves, and for systems that refuse real-time priority.
-inline constexpr std::uint32_t keepPriority = 0x10000;
 }  // namespace ThreadFlag
 
-// How the worker runs on this machine: its own copy of threadFlags, without
-// the spin of NOSLEEP4CORE on 2 processors or fewer (unless forced), and
-// whether a cycle under 1 ms must start on the last, slowest profile.
+// How the worker runs on this machine: threadFlags without the spin of NOSLEEP4CORE on 2 processors or fewer
+// (unless forced), and whether a cycle under 1 ms must start on the last, slowest profile.
 struct WorkerPlacement {
     std::uint32_t flags = 0;
     bool lowCpu = false;
@@ -186,8 +182,7 @@ class Sync : public Connection {
   private:
     friend class SyncWorker;
 
-    // `flags`: the worker's copy of threadFlags, which it may change.
-    bool startOnProcessor(std::uint32_t& flags);
+    bool startOnProcessor();
     bool bindToProcessor();
     void announceToTarget(bool starting);
     bool exchange(ConnectionBuffer& request, const NORVA::IPAddress& peer, ConnectionBuffer& answer,

@@ -199,13 +199,13 @@ void Sync::setPayloadSize() {
 
 // ---- connectPrepare ---------------------------------------------------------
 
-// The latency to ask for: at least eight cycles of the first profile, within
-// what the sink offers (a greatest latency of 0 states no limit).
+// The latency to ask for: at least eight cycles of the first profile, but
+// never more than the greatest latency the sink offers, even if that is 0.
 std::uint16_t Sync::connectLatency() const {
     std::uint64_t cycleUs = profiles[0].cycle.toUs();
     if (std::uint64_t(latency) * 100 / cycleUs >= leastLatencyCycles) return latency;
     std::uint64_t wanted = std::min<std::uint64_t>(leastLatencyCycles * cycleUs / 100, 0xFFFF);
-    if (latencyMax != 0) wanted = std::min<std::uint64_t>(wanted, latencyMax);
+    wanted = std::min<std::uint64_t>(wanted, latencyMax);
     LogLine(6) << "latency change " << latency * 100 << "us to " << wanted * 100 << "us";
     return std::uint16_t(wanted);
 }

@@ -170,18 +170,18 @@ bool TransferConfig::planVar(std::int32_t count, TimeValue wanted) {
 // Stops when one more packet gains nothing, and then takes the plan with
 // the fewer packets. No packet is gained past the worker's limit either, so
 // there the last plan stands.
+// A failed plan leaves its cycle as far as it got, and that too is the cycle
+// the next count is compared with.
 bool TransferConfig::searchPacketCounts(Plan plan, TimeValue wanted) {
     TimeValue previous;
+    bool planned = false;
     for (std::int32_t packets = 1; packets <= static_cast<std::int32_t>(maxPackets); ++packets) {
-        if (!(this->*plan)(packets, wanted)) {
-            previous = TimeValue();
-            continue;
-        }
-        if (cycle == wanted) return true;
-        if (cycle == previous) return (this->*plan)(packets - 1, wanted);
+        planned = (this->*plan)(packets, wanted);
+        if (planned && cycle == wanted) return true;
+        if (planned && cycle == previous) return (this->*plan)(packets - 1, wanted);
         previous = cycle;
     }
-    return previous.isSet();
+    return planned;
 }
 
 bool TransferConfig::planFixAuto(TimeValue wanted) {

@@ -120,6 +120,17 @@ TEST(Socket, ASecondBindFailsWithTheError) {
     EXPECT_NE(first.port(), 0);
 }
 
+// The one code that differs from Winsock's numbers on every system: the
+// target keeps quiet about it.
+TEST(Socket, AnAddressThatIsNotOursIsNotAvailable) {
+    UDPV6 socket;
+    ASSERT_TRUE(socket.open(Socket::udp6));
+    IPAddress foreign;
+    ASSERT_TRUE(foreign.parseV6("2001:db8::7"));
+    EXPECT_FALSE(socket.bind(foreign));
+    EXPECT_EQ(socket.lastError, 99);
+}
+
 TEST(Socket, WaitReadableTimesOutOrSeesADatagram) {
     UDPV6 receiver;
     UDPV6 sender;

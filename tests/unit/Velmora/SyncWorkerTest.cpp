@@ -9,6 +9,7 @@
 #include "Protocol/MessageTypes.h"
 #include "SyncWorkerPeer.h"
 #include "System/Threads.h"
+#include "WorkerPriority.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ class PatternSync : public Sync {
     std::atomic<std::uint32_t> loadUs{0};  // work that onCycle pretends to do
 
     PatternSync() {
-        EXPECT_TRUE(open(ThreadFlag::keepPriority, TimeValue::fromMs(100), 0, "worker test", 1, -1, -1, 0));
+        EXPECT_TRUE(open(0, TimeValue::fromMs(100), 0, "worker test", 1, -1, -1, 0));
         format.sink.pcm = FormatID(0xE06u, 0x003Eu);
         EXPECT_TRUE(format.setFormat(stereoS32At48k));
         profiles[0].cycle = TimeValue::fromUs(1000);
@@ -95,6 +96,7 @@ class SyncWorkerStream : public ::testing::Test {
         // built around. The worker is the same code; it is tested natively.
         GTEST_SKIP() << "millisecond cycles need a native timer";
 #endif
+        if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
     }
 
     void connectTo(ScriptedSink& sink) {
@@ -267,14 +269,16 @@ TEST_F(SyncWorkerStream, DisconnectGivesUpOnATargetThatDoesNotAnswer) {
 
 TEST_F(SyncWorkerStream, OccupiedBindsTheWorkerToItsProcessorOrEndsBeforeConnecting) {
     ScriptedSink sink(script);
-    const std::uint32_t flags = ThreadFlag::keepPriority | ThreadFlag::occupied | ThreadFlag::noSleep4Core;
+    const std::uint32_t flags = ThreadFlag::occupied | ThreadFlag::noSleep4Core;
     sync.threadFlags = flags;
     {
         LogCapture log;
         sync.cpuSend = 0;
         playAndEnd(sink, 2000);
         EXPECT_TRUE(log.has("Worker Thread CPU change 0"));
-        EXPECT_EQ(sync.threadFlags, flags) << "the worker changes its own copy only";
+        // A small machine doesn't spin whole cycles, and the field says so.
+        const bool small = NORVA::processorCount() <= 2;
+        EXPECT_EQ(sync.threadFlags, small ? ThreadFlag::occupied : flags);
     }
     {
         LogCapture log;

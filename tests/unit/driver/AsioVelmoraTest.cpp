@@ -67,7 +67,7 @@ TEST_F(Driver, InitOnAnInitialisedObjectOnlyStoresTheHandle) {
     EXPECT_STREQ(text, "");
 }
 
-TEST_F(Driver, DriverNameIsCutTo31Characters) {
+TEST_F(Driver, TextsAreCutToTheHostsBuffers) {
     AsioVelmora driver(nullptr, nullptr);
     char name[32];
     std::memset(name, 'x', sizeof(name));
@@ -79,6 +79,15 @@ TEST_F(Driver, DriverNameIsCutTo31Characters) {
     driver.getDriverName(name);
     EXPECT_EQ(std::string(name), driver.driverName.substr(0, 31));
     EXPECT_EQ(driver.getDriverVersion(), 1);
+
+    // The error text holds 127 characters; the host's buffer takes 123.
+    std::memset(driver.errorText, 'e', sizeof(driver.errorText) - 1);
+    static_assert(sizeof(driver.errorText) == 128);
+    char text[AsioVelmora::errorTextSize];
+    std::memset(text, 'x', sizeof(text));
+    driver.getErrorMessage(text);
+    EXPECT_EQ(std::string(text), std::string(123, 'e'));
+    EXPECT_EQ(std::string(text + 124, 4), "xxxx");
 }
 
 #if !(defined(_WIN32) && defined(__i386__))

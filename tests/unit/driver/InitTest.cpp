@@ -2,6 +2,7 @@
 // choice: success, and each stage that can fail with its own text.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -126,6 +127,43 @@ TEST_F(Init, DiscoveryPassesOverThisMachinesLoopbackAddress) {
         EXPECT_EQ(driver->sync.targetAddress.port(), peer.sink.port());
         EXPECT_EQ(driver->driverName, "Studio(Out A)");
     }
+}
+
+// FindIP addresses are bare; the probe must reach them on the control port.
+// Probes go out once per link address of the machine, so without one there
+// is nothing to see. InterLoopback is off: only FindIP can reach ::1 (the
+// target also hears the multicast probe on the link, and whatever init
+// then takes, a target on ::1 is passed over).
+TEST_F(Init, FindIPAddressesAreProbedOnTheControlPort) {
+    StreamSinkConfig everywhere = sinkOffering(sinkPcm);
+    everywhere.address = NORVA::IPAddress();
+    LoopbackTarget peer(everywhere);
+    ASSERT_TRUE(peer.opened);
+    NORVA::InterfaceMap links;
+    NORVA::InterfaceMap all;
+    ASSERT_TRUE(NORVA::getMyLocalAddresV6(links, false));
+    ASSERT_TRUE(NORVA::enumerateV6(all));
+    if (links.empty()) GTEST_SKIP() << "no link address: discovery sends no probe at all";
+
+    auto driver = driverWith("FindIP=::1\n");
+    driver->targetControlPort = peer.control();
+    driver->init(nullptr);
+    auto names = peer.target->syncNames();
+    EXPECT_TRUE(std::any_of(names.begin(), names.end(), [](const auto& name) {
+        return name.first.isLoopback();
+    })) << "the FindIP probe found no target on ::1";
+    EXPECT_FALSE(driver->sync.targetAddress.isLoopback());
+
+    // An address of this machine that isn't ::1 is a target to take.
+    auto global = std::find_if(all.begin(), all.end(), [](const auto& entry) {
+        return !entry.first.isLoopback() && !entry.first.isLinkLocal();
+    });
+    if (global == all.end()) return;
+    auto other = driverWith("FindIP=nonsense;" + global->first.toString() + "\n");
+    other->targetControlPort = peer.control();
+    ASSERT_EQ(other->init(nullptr), ASIOTrue) << other->errorText;
+    EXPECT_EQ(other->sync.targetAddress.toString(), global->first.toString());
+    EXPECT_EQ(other->sync.targetAddress.port(), peer.sink.port());
 }
 
 TEST_F(Init, AnInterfaceWithoutAddressesFailsTheOpen) {

@@ -64,7 +64,7 @@ int toWinsockCode(int code) {
         case EADDRINUSE:
             return 10048;
         case EADDRNOTAVAIL:
-            return 10049;
+            return errorAddressNotAvailable;
         case ENETDOWN:
             return 10050;
         case ENETUNREACH:

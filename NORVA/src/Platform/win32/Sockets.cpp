@@ -42,7 +42,8 @@ int startSocketLibrary() {
 }
 
 int lastSocketError() {
-    return WSAGetLastError();
+    int code = WSAGetLastError();
+    return code == WSAEADDRNOTAVAIL ? errorAddressNotAvailable : code;
 }
 
 namespace {
