@@ -227,7 +227,7 @@ def init_calls(args, out):
             for name, ms in calls.items()]
     init = next((r for r in rows if r["call"] == "init"), None)
     return {"runs": runs, "calls": rows, "failures": failures, "goalMs": 250,
-            "met": init is not None and init["max"] <= 250}
+            "met": init is not None and init["median"] <= 250}
 
 
 # --- CPU beside JackTrip -------------------------------------------------------
@@ -385,7 +385,7 @@ def markdown(report):
         if "skipped" in i:
             lines += [f"Skipped: {i['skipped']}.", ""]
         else:
-            lines += [f"{i['runs']} runs; init's goal ≤ {i['goalMs']} ms: {goal_text(i['met'])}.", "",
+            lines += [f"{i['runs']} runs; init's goal ≤ {i['goalMs']} ms at the median: {goal_text(i['met'])}.", "",
                       "| call | median ms | max ms |", "|---|---|---|"]
             lines += [f"| {r['call']} | {fmt(r['median'], 2)} | {fmt(r['max'], 2)} |" for r in i["calls"]]
             lines += [f"\nFailures: {'; '.join(i['failures'])}" if i["failures"] else "", ""]
