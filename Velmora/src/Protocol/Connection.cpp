@@ -27,6 +27,10 @@ void Connection::close() {
     if (ownsSocket()) socket->close();
 }
 
+void Connection::interrupt() {
+    if (ownsSocket()) socket->interrupt();
+}
+
 bool Connection::getMyLocalAddresV6(std::vector<LocalAddressEntry>& out, bool withLoopback, bool refresh) {
     if (!refresh && !localAddresses.empty() && localWithLoopback == withLoopback) {
         out = localAddresses;

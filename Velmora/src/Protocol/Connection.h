@@ -49,6 +49,9 @@ class Connection {
     // to `bindAddress`; a port of 0 there is replaced by the one assigned.
     bool open(NORVA::IPAddress& bindAddress);
     void close();
+    // What close does for a thread still inside an exchange on the socket:
+    // its wait ends at once and it fails, but the handle stays until close.
+    void interrupt();
 
     // The host's link-local addresses, and ::1 (with scope 0) if
     // `withLoopback`. `refresh` asks the system even if the kept list would
