@@ -45,8 +45,11 @@ struct AddressWaits {
             HMODULE module = GetModuleHandleA(name);
             if (module == nullptr) module = LoadLibraryA(name);
             if (module == nullptr) continue;
-            wait = reinterpret_cast<WaitOnAddressCall>(GetProcAddress(module, "WaitOnAddress"));
-            wakeAll = reinterpret_cast<WakeByAddressCall>(GetProcAddress(module, "WakeByAddressAll"));
+            // Through void(*)(), which any function pointer casts to without a warning.
+            wait = reinterpret_cast<WaitOnAddressCall>(
+                reinterpret_cast<void (*)()>(GetProcAddress(module, "WaitOnAddress")));
+            wakeAll = reinterpret_cast<WakeByAddressCall>(
+                reinterpret_cast<void (*)()>(GetProcAddress(module, "WakeByAddressAll")));
             if (wait != nullptr && wakeAll != nullptr) return;
         }
         wait = nullptr;
