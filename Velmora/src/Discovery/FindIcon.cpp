@@ -15,7 +15,7 @@ constexpr std::uint16_t iconCount = 8;
 // An icon is a picture for a list: 1024 x 1024 is far beyond any, and
 // keeps what a target's answer can make us allocate at 4 MB.
 constexpr std::uint32_t maxIconPixels = 1024 * 1024;
-constexpr std::uint16_t pixelsOf32Bits = 1;
+// Pixel forms: 1 is 32-bit pixels, 2 alpha values only.
 constexpr std::uint16_t pixelsOfAlpha = 2;
 // A request for several rows aims at an answer of this many bytes or more,
 // and never above the upper bound.

@@ -65,6 +65,11 @@ class Target {
     std::vector<NORVA::IPAddress> joinedAddresses() const;
     std::map<NORVA::IPAddress, SyncName> syncNames() const;
 
+    // What the loop does with one datagram from the port it came in on;
+    // callable without sockets, on the loop's thread or with no loop at all.
+    enum class Port { control, registration, log };
+    void takeDatagram(Port port, const NORVA::ByteArray& datagram, const NORVA::IPAddress& source);
+
   protected:
     // The data of one TRANSFERDATA_SET that came in sequence. The plain sink
     // starts over at packet 0 of block 0 and appends.
