@@ -1,6 +1,18 @@
 # Warnings, sanitizers and Windows link options for our own targets.
 
 set(VELMORA_SANITIZE "" CACHE STRING "Sanitizer build: '', 'address' (with undefined) or 'thread'")
+option(VELMORA_FUZZ "libFuzzer harnesses only, with ASan and UBSan (clang)" OFF)
+
+if(VELMORA_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "VELMORA_FUZZ needs clang (-DCMAKE_CXX_COMPILER=clang++)")
+  endif()
+  # The libraries are instrumented for coverage; only a harness links the
+  # fuzzer's main.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
+                      -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=address,undefined)
+endif()
 
 if(VELMORA_SANITIZE STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all)

@@ -37,6 +37,7 @@ Socket::~Socket() {
 
 bool Socket::open(Kind newKind) {
     close();
+    interrupted.store(false, std::memory_order_release);
     kind = newKind;
     if (kind == raw) return true;
 
@@ -77,6 +78,16 @@ void Socket::close() {
     // The raw kind has no platform socket behind its handle.
     if (kind != raw) Platform::socketClose(handle, isStream());
     handle = Platform::noSocket;
+}
+
+void Socket::interrupt() {
+    interrupted.store(true, std::memory_order_release);
+    if (handle != Platform::noSocket && kind != raw) Platform::socketInterrupt(handle);
+}
+
+bool Socket::failInterrupted() {
+    lastError = Platform::errorShutdown;
+    return false;
 }
 
 bool Socket::bind(IPAddress& address) {
@@ -127,6 +138,7 @@ bool Socket::sendRecord(const void* data, std::size_t length, bool retry,
                         const Platform::SocketAddress6& record) {
     bool switched = false;
     for (;;) {
+        if (isInterrupted()) return failInterrupted();
         std::int64_t sent = Platform::socketSendTo6(handle, data, length, record);
         if (sent < 0) {
             lastError = Platform::lastSocketError();
@@ -153,6 +165,7 @@ bool Socket::joinV6(const IPAddress& group) {
 
 bool Socket::receiveDatagram(void* data, std::size_t size, std::size_t& received, IPAddress* peer) {
     received = 0;
+    if (isInterrupted()) return failInterrupted();
     Platform::SocketAddress6 from{};
     std::int64_t result = Platform::socketReceiveFrom6(handle, data, size, peer != nullptr ? &from : nullptr);
     if (result < 0) return isNothingReceived(Platform::lastSocketError());
@@ -188,7 +201,13 @@ bool Socket::receive(ByteArray& array) {
 }
 
 int Socket::waitReadable(TimeValue timeout) {
-    return Platform::socketWaitReadable(handle, timeout.toUs());
+    int ready = isInterrupted() ? 0 : Platform::socketWaitReadable(handle, timeout.toUs());
+    // Looked at again after the wait: the wake of interrupt may have ended it.
+    if (isInterrupted()) {
+        failInterrupted();
+        return 0;
+    }
+    return ready;
 }
 
 }  // namespace NORVA

@@ -8,6 +8,7 @@
 // the socket library can't be started.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -55,6 +56,11 @@ class Socket {
     // options this system always wants. A socket starts in blocking mode.
     bool open(Kind newKind);
     void close();
+    // Safe from another thread while this one waits or receives: that wait
+    // ends, and every later wait, receive or send fails with errorShutdown
+    // until the next open. The owner closes once the other thread is gone.
+    void interrupt();
+    bool isInterrupted() const { return interrupted.load(std::memory_order_acquire); }
 
     // `address` is in-out: a port of 0 is replaced by the one assigned.
     bool bind(IPAddress& address);
@@ -82,6 +88,9 @@ class Socket {
     int waitReadable(TimeValue timeout);
 
   private:
+    std::atomic<bool> interrupted{false};
+
+    bool failInterrupted();
     bool receiveDatagram(void* data, std::size_t size, std::size_t& received, IPAddress* peer);
     bool receiveIntoArray(ByteArray& array, IPAddress* peer);
 };

@@ -112,6 +112,7 @@ inline constexpr int errorAddressNotAvailable = 99;   // not WSAEADDRNOTAVAIL (1
 inline constexpr int errorInterrupted = 10004;        // WSAEINTR
 inline constexpr int errorWouldBlock = 10035;         // WSAEWOULDBLOCK
 inline constexpr int errorConnectionReset = 10054;    // WSAECONNRESET
+inline constexpr int errorShutdown = 10058;           // WSAESHUTDOWN
 inline constexpr int errorNoBuffers = 10055;          // WSAENOBUFS
 inline constexpr int errorConnectionRefused = 10061;  // WSAECONNREFUSED
 
@@ -127,6 +128,11 @@ enum class SocketFamily { v4, v6 };
 enum class SocketType { stream, datagram };
 SocketHandle socketCreate(SocketFamily family, SocketType type);
 void socketClose(SocketHandle handle, bool shutdownFirst);
+// Ends, for good, any wait or receive on the socket in another thread, and
+// makes later ones return at once; the handle stays valid until closed, so
+// that the other thread never meets a handle that was reused meanwhile.
+// Closing alone doesn't wake a thread in poll on Linux.
+void socketInterrupt(SocketHandle handle);
 bool socketSetNonBlocking(SocketHandle handle, bool nonBlocking);
 
 enum class SocketOption {

@@ -120,8 +120,10 @@ void Find::traceChain(std::uint16_t port, bool first, const NORVA::IPAddress& ad
         for (const auto& [key, status] : statuses) {
             if (status.kind != statusKindControl || status.peer.isLoopback()) continue;
             if (!address.isLoopback() && !key.isLoopback() && key.scope() != address.scope()) continue;
+            // A named reference: clang 14 can't capture a structured binding.
+            const NORVA::IPAddress& entry = key;
             bool known = std::any_of(chain.begin(), chain.end(),
-                                     [&key](const StatusLink& link) { return link.entryAddress == key; });
+                                     [&entry](const StatusLink& link) { return link.entryAddress == entry; });
             if (!known && attachFeeder(key, status, chain)) grown = true;
         }
     }

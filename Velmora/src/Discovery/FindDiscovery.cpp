@@ -9,6 +9,8 @@ namespace VELMORA {
 namespace {
 
 constexpr int searchRounds = 3;
+// Far more targets than one link holds; beyond it, answers are a flood.
+constexpr std::size_t maxAnswers = 256;
 constexpr std::uint16_t portMapBytes = 512;
 // Above this index a port is asked for without looking at the map.
 constexpr std::uint16_t portMapLimit = 4095;
@@ -34,6 +36,7 @@ void fillInMyAddress(std::string& text, const NORVA::IPAddress& address) {
 }  // namespace
 
 bool Find::FindMulti(ConnectionBuffer& probe, AnswerMap& answers, bool loopback) {
+    bool capLogged = false;
     std::vector<LocalAddressEntry> locals;
     getMyLocalAddresV6(locals, loopback, true);
     for (const LocalAddressEntry& local : locals) {
@@ -52,17 +55,23 @@ bool Find::FindMulti(ConnectionBuffer& probe, AnswerMap& answers, bool loopback)
             socket->send(*probe.frame);
         }
 
-        NORVA::TimeValue deadline = NORVA::TimeValue::now() + ackTimeout;
-        for (;;) {
+        // The wait ends at its deadline however much arrives, and the list
+        // stops growing at its cap: a flood can't stall or swell a search.
+        const NORVA::TimeValue deadline = NORVA::TimeValue::now() + ackTimeout;
+        for (NORVA::TimeValue now = NORVA::TimeValue::now(); now < deadline; now = NORVA::TimeValue::now()) {
             auto frame = std::make_unique<ConnectionBuffer>(*socket);
-            NORVA::TimeValue now = NORVA::TimeValue::now();
-            NORVA::TimeValue wait = deadline > now ? deadline - now : NORVA::TimeValue();
             NORVA::IPAddress source;
-            if (!receive(*frame, &source, wait)) return false;
+            if (!receive(*frame, &source, deadline - now)) return false;
             if (frame->isEmpty()) break;
             NORVA::LogLine(7) << "Find Multi Ack Rcv";
             if (!isDiscoverAnswer(*frame)) continue;
             NORVA::LogLine(7) << "FindMultiAck[" << source.scope() << "]Valid : " << source;
+            if (answers.size() >= maxAnswers && answers.find(source) == answers.end()) {
+                if (!capLogged)
+                    NORVA::LogLine(4) << "Find Multi more than " << maxAnswers << " targets, ignored";
+                capLogged = true;
+                continue;
+            }
             answers[source] = std::move(frame);
         }
     }

@@ -5,13 +5,17 @@
 
 #include "Discovery/Find.h"
 #include "Protocol/MessageTypes.h"
+#include "System/Log.h"
 
 namespace VELMORA {
 
 namespace {
 
 constexpr std::uint16_t iconCount = 8;
-constexpr std::uint16_t pixelsOf32Bits = 1;
+// An icon is a picture for a list: 1024 x 1024 is far beyond any, and
+// keeps what a target's answer can make us allocate at 4 MB.
+constexpr std::uint32_t maxIconPixels = 1024 * 1024;
+// Pixel forms: 1 is 32-bit pixels, 2 alpha values only.
 constexpr std::uint16_t pixelsOfAlpha = 2;
 // A request for several rows aims at an answer of this many bytes or more,
 // and never above the upper bound.
@@ -75,7 +79,7 @@ bool Find::readIconByOrder(const NORVA::IPAddress& address, std::uint16_t set, s
 }
 
 bool Find::readIconNumber(const NORVA::IPAddress& address, std::uint16_t set, std::uint16_t number,
-                       TargetIcon& icon) {
+                          TargetIcon& icon) {
     icon = TargetIcon();
     std::uint16_t type = 0;
     if (!iconRequestType(set, type)) return false;
@@ -85,6 +89,10 @@ bool Find::readIconNumber(const NORVA::IPAddress& address, std::uint16_t set, st
     std::uint16_t height = answer.param2();
     std::uint16_t form = answer.param3();
     if (answer.isEmpty() || width == 0 || height == 0 || form > pixelsOfAlpha) return true;
+    if (std::uint32_t{width} * height > maxIconPixels) {
+        NORVA::LogLine(3) << "Find icon " << number << " too large: " << width << "x" << height;
+        return true;
+    }
 
     bool alphaOnly = form == pixelsOfAlpha;
     std::uint32_t pixelBytes = alphaOnly ? 1 : 4;

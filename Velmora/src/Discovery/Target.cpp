@@ -316,11 +316,37 @@ bool Target::isOwnAddress(const NORVA::IPAddress& source) const {
 bool Target::receiveControl() {
     NORVA::IPAddress source;
     if (!controlSocket.receiveFrom(controlDatagram, source)) return false;
-    if (controlDatagram.empty()) return true;
-    Receive request(controlDatagram.data(), static_cast<std::uint32_t>(controlDatagram.size()));
+    takeDatagram(Port::control, controlDatagram, source);
+    return true;
+}
+
+bool Target::receiveLog() {
+    NORVA::IPAddress source;
+    if (!logSocket.receiveFrom(localDatagram, source)) return false;
+    takeDatagram(Port::log, localDatagram, source);
+    return true;
+}
+
+bool Target::receiveRegistration() {
+    NORVA::IPAddress source;
+    if (!registrationSocket.receiveFrom(localDatagram, source)) return false;
+    takeDatagram(Port::registration, localDatagram, source);
+    return true;
+}
+
+void Target::takeDatagram(Port port, const NORVA::ByteArray& datagram, const NORVA::IPAddress& source) {
+    if (datagram.empty()) return;
+    if (port == Port::log) return logDatagram(datagram);
+    Receive request(datagram.data(), static_cast<std::uint32_t>(datagram.size()));
+    if (port == Port::registration) {
+        if (!request.isValid() || !source.isLoopback()) return;
+        if (request.type() == MessageType::PORT_REGIST) portRegistration(request, source);
+        if (request.type() == MessageType::STATUS_REGIST) statusRegistration(request, source);
+        return;
+    }
     if (!request.isValid()) {
         NORVA::LogLine(6) << source << " Receive Data Err:" << request.size;
-        return true;
+        return;
     }
     if (NORVA::logThreshold.load() > 6) {
         if (request.size <= 400) NORVA::LogLine(7) << hexOf(request);
@@ -328,27 +354,9 @@ bool Target::receiveControl() {
     }
     if (!isRequest(request.type()) && request.type() != MessageType::STATUS_REGIST) {
         NORVA::LogLine(7) << "drop message :" << request.type();
-        return true;
+        return;
     }
     handleControl(request, source);
-    return true;
-}
-
-bool Target::receiveLog() {
-    NORVA::IPAddress source;
-    if (!logSocket.receiveFrom(localDatagram, source)) return false;
-    if (!localDatagram.empty()) logDatagram(localDatagram);
-    return true;
-}
-
-bool Target::receiveRegistration() {
-    NORVA::IPAddress source;
-    if (!registrationSocket.receiveFrom(localDatagram, source)) return false;
-    Receive request(localDatagram.data(), static_cast<std::uint32_t>(localDatagram.size()));
-    if (localDatagram.empty() || !request.isValid() || !source.isLoopback()) return true;
-    if (request.type() == MessageType::PORT_REGIST) portRegistration(request, source);
-    if (request.type() == MessageType::STATUS_REGIST) statusRegistration(request, source);
-    return true;
 }
 
 // ---- dispatch -------------------------------------------------------------

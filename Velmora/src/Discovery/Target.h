@@ -65,6 +65,11 @@ class Target {
     std::vector<NORVA::IPAddress> joinedAddresses() const;
     std::map<NORVA::IPAddress, SyncName> syncNames() const;
 
+    // What the loop does with one datagram from the port it came in on;
+    // callable without sockets, on the loop's thread or with no loop at all.
+    enum class Port { control, registration, log };
+    void takeDatagram(Port port, const NORVA::ByteArray& datagram, const NORVA::IPAddress& source);
+
   protected:
     // The data of one TRANSFERDATA_SET that came in sequence. The plain sink
     // starts over at packet 0 of block 0 and appends.
@@ -82,9 +87,14 @@ class Target {
     virtual bool commit(bool keep);
 
     const TargetConfig config;
-    // The plain sink's data and CRC of the last transfer.
+    // The plain sink's data and CRC of the last transfer, kept up to the
+    // slot's geometry (packet size x packets per block x blocks), and never
+    // beyond maxSlotBytes.
+    static constexpr std::size_t maxSlotBytes = std::size_t{64} << 20;
+    std::size_t slotBytes() const;
     NORVA::ByteArray transferData;
     std::uint16_t transferCrc = 0;
+    bool transferOverrun = false;
 
   private:
     struct HoldOff {
@@ -189,6 +199,7 @@ class Target {
     void forwardClock(const NORVA::IPAddress& reporter, const HostClock& clock);
     void forwardAllClocks(std::uint16_t port);
     void logDatagram(const NORVA::ByteArray& datagram);
+    void logHostCap(const char* what);
 
     // Sends a finished answer; a failure is logged with `place`.
     bool reply(Send& message, const NORVA::IPAddress& to, int place);
@@ -215,8 +226,12 @@ class Target {
     mutable std::mutex sharedLock;  // for joined and names, which others read
     std::vector<NORVA::IPAddress> joined;
     std::vector<NORVA::IPAddress> failedJoin;
+    // Both per host that sent: a host beyond the caps is not recorded.
+    static constexpr std::size_t maxHosts = 256;
+    static constexpr std::size_t maxClockSources = 16;
     std::map<NORVA::IPAddress, SyncName> names;
     std::map<NORVA::IPAddress, HostClock> hostClocks;
+    bool hostCapLogged = false;
 
     LoopState state;
     NORVA::ByteArray controlDatagram;

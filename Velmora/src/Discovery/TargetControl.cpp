@@ -141,7 +141,12 @@ void Target::syncName(const Receive& request, const NORVA::IPAddress& source) {
     NORVA::LogLine(7) << "SYNCNAME_SET : " << source << " " << entry.name;
     {
         std::lock_guard<std::mutex> guard(sharedLock);
-        names[hostOf(source)] = entry;
+        NORVA::IPAddress host = hostOf(source);
+        if (names.size() < maxHosts || names.count(host) != 0) {
+            names[host] = std::move(entry);
+        } else {
+            logHostCap("SYNCNAME_SET");
+        }
     }
     Send answer(MessageType::SYNCNAME_ANS, flagYes);
     reply(answer, source, MessageType::SYNCNAME_ANS);

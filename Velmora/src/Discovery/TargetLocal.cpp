@@ -106,6 +106,14 @@ void Target::nopTargetSet(const Receive& request) {
     NORVA::LogLine(6) << "Nop TA add:" << entry.port << " " << host;
 }
 
+// Once per target's life: a flood would otherwise flood the log too.
+void Target::logHostCap(const char* what) {
+    if (hostCapLogged) return;
+    hostCapLogged = true;
+    NORVA::LogLine(4) << what << " from more than " << maxHosts << " hosts, or " << maxClockSources
+                      << " ports of one, ignored";
+}
+
 // Keeps, for each reporter, the offset of the smallest size seen in a window
 // of reports, and passes a new one on to the local programs.
 void Target::synchro(const Receive& request, const NORVA::IPAddress& source) {
@@ -118,7 +126,12 @@ void Target::synchro(const Receive& request, const NORVA::IPAddress& source) {
 
     NORVA::IPAddress reporter = source;
     reporter.setPort(0);
+    auto known = hostClocks.find(reporter);
+    if (known == hostClocks.end() && hostClocks.size() >= maxHosts) return logHostCap("SYNCHRO");
     HostClock& clock = hostClocks[reporter];
+    if (clock.sources.size() >= maxClockSources && clock.sources.count(source.port()) == 0) {
+        return logHostCap("SYNCHRO source");
+    }
     SourceReport& report = clock.sources[source.port()];
     const int jump = static_cast<std::int16_t>(static_cast<std::uint16_t>(number - report.lastParam0));
     if (number == 0 || jump > runningNumberJump) {

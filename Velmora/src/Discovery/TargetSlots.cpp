@@ -1,5 +1,7 @@
 // The target's end of a slot transfer: the slots' geometry, the data frames
 // in sequence, the final check, and the slot description list.
+#include <algorithm>
+
 #include "Discovery/Target.h"
 #include "Protocol/Crc16.h"
 #include "Protocol/MessageTypes.h"
@@ -84,11 +86,26 @@ void Target::dataReceived(NORVA::BufferCS_const data, std::uint16_t, std::uint16
     if (packetIndex == 0 && block == 0) {
         transferData.clear();
         transferCrc = crc16(nullptr, 0);
+        transferOverrun = false;
+    }
+    // The sequence number wraps, so frames in sequence alone don't end a
+    // transfer: what is kept stops at the slot's size.
+    std::size_t start = transferData.size();
+    if (data.size > slotBytes() - std::min(start, slotBytes())) {
+        if (!transferOverrun)
+            NORVA::LogLine(3) << "TRANSFERDATA_SET beyond the slot's " << slotBytes() << " bytes";
+        transferOverrun = true;
+        return;
     }
     transferCrc = crc16(data.data, data.size, transferCrc);
-    std::size_t start = transferData.size();
     transferData.resize(start + data.size);
     if (data.size != 0) std::copy(data.data, data.data + data.size, transferData.data() + start);
+}
+
+std::size_t Target::slotBytes() const {
+    std::uint64_t bytes =
+        std::uint64_t{config.slots[0] + 1u} * (config.slots[1] + 1u) * (config.slots[2] + 1u);
+    return static_cast<std::size_t>(std::min<std::uint64_t>(bytes, maxSlotBytes));
 }
 
 bool Target::transferCheck(std::uint16_t, std::uint16_t& crc, std::uint16_t& checkState) {

@@ -27,6 +27,10 @@ void Connection::close() {
     if (ownsSocket()) socket->close();
 }
 
+void Connection::interrupt() {
+    if (ownsSocket()) socket->interrupt();
+}
+
 bool Connection::getMyLocalAddresV6(std::vector<LocalAddressEntry>& out, bool withLoopback, bool refresh) {
     if (!refresh && !localAddresses.empty() && localWithLoopback == withLoopback) {
         out = localAddresses;
@@ -80,10 +84,14 @@ bool Connection::sendAck(ConnectionBuffer& request, const NORVA::IPAddress& peer
     answer.clear();
     for (int tries = 0; tries < ackTries; ++tries) {
         if (!socket->send(*request.frame)) return false;
-        // Each frame that isn't the answer starts the wait afresh.
+        // A try ends at its deadline whatever arrives meanwhile: a flood of
+        // other frames must not hold the caller for longer than 3 timeouts.
+        const NORVA::TimeValue deadline = NORVA::TimeValue::now() + timeout;
         for (;;) {
+            NORVA::TimeValue now = NORVA::TimeValue::now();
+            if (!(now < deadline)) break;
             NORVA::IPAddress source;
-            if (!receive(answer, &source, timeout)) return false;
+            if (!receive(answer, &source, deadline - now)) return false;
             if (answer.isEmpty()) break;
             Verdict verdict = judge(request, peer, ackType, answer, source);
             if (verdict == Verdict::yes) return true;
@@ -93,6 +101,8 @@ bool Connection::sendAck(ConnectionBuffer& request, const NORVA::IPAddress& peer
             }
         }
     }
+    // What a try ended on may be a stray frame: it is no answer.
+    answer.clear();
     return true;
 }
 

@@ -49,6 +49,9 @@ class Connection {
     // to `bindAddress`; a port of 0 there is replaced by the one assigned.
     bool open(NORVA::IPAddress& bindAddress);
     void close();
+    // What close does for a thread still inside an exchange on the socket:
+    // its wait ends at once and it fails, but the handle stays until close.
+    void interrupt();
 
     // The host's link-local addresses, and ::1 (with scope 0) if
     // `withLoopback`. `refresh` asks the system even if the kept list would
@@ -61,9 +64,10 @@ class Connection {
     bool receive(ConnectionBuffer& answer, NORVA::IPAddress* source, NORVA::TimeValue timeout);
 
     // Sends the finished `request` and waits for an answer of `ackType` from
-    // exactly `peer`, sending again after each `timeout` of silence, 3 times
-    // in all. False: the socket failed. True with `answer` filled: yes. True
-    // with `answer` empty: no, not supported, or nothing heard.
+    // exactly `peer`, sending again after each `timeout`, 3 times in all;
+    // other frames don't extend a try. False: the socket failed. True with
+    // `answer` filled: yes. True with `answer` empty: no, not supported, or
+    // nothing heard.
     bool sendAck(ConnectionBuffer& request, const NORVA::IPAddress& peer, std::uint16_t ackType,
                  ConnectionBuffer& answer, NORVA::TimeValue timeout);
 

@@ -212,8 +212,9 @@ void SyncBuffer::shutdown() {
     pre_disconnect();
     connectState = idle;
     playing = 0;
-    // The stream worker's waits are bounded and it reads connectState each
-    // cycle, so it leaves before its socket is closed under it.
+    // The socket is shut before the join, so that a stream worker inside an
+    // exchange leaves at once; it is closed only once nobody waits on it.
+    Connection::interrupt();
     joinWorker();
     Connection::close();
     joinBufferThread();

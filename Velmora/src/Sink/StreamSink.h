@@ -90,6 +90,17 @@ class StreamSink {
     // The receive loop looks at the stop flag at least this often.
     static constexpr NORVA::TimeValue pollInterval = NORVA::TimeValue::fromMs(10);
 
+    struct Datagram {
+        std::vector<std::uint8_t> bytes;
+        std::size_t size = 0;
+        NORVA::IPAddress from;
+        bool onDataPort = false;
+    };
+    // What the loop does with one datagram: the control port's messages, or
+    // audio in a compact framing on the data port. Callable without sockets
+    // while no loop runs.
+    void dispatch(const Datagram& datagram);
+
     explicit StreamSink(const StreamSinkConfig& settings);
     ~StreamSink();
     StreamSink(const StreamSink&) = delete;
@@ -132,16 +143,9 @@ class StreamSink {
     void play(const SinkPlayout::Packet& packet, const NORVA::IPAddress& from);
 
     // One datagram as read, held until the next read shows whether more wait.
-    struct Datagram {
-        std::vector<std::uint8_t> bytes;
-        std::size_t size = 0;
-        NORVA::IPAddress from;
-        bool onDataPort = false;
-    };
     // Reads and handles every datagram that waits; false if a socket failed.
     bool drain();
     bool readOne(Datagram& datagram);
-    void dispatch(const Datagram& datagram);
     void receiveData(const Datagram& datagram);
     void receiveRaw();
     void endStream();

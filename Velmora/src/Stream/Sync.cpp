@@ -29,7 +29,9 @@ Sync::Sync(NORVA::UDPV6& shared, NORVA::UDPV6* raw) : Connection(shared), rawSoc
 Sync::~Sync() {
     connectState = idle;
     playing = 0;
-    // The worker's exchanges are bounded; it goes before its socket does.
+    // The socket is shut before the join: a worker inside the connect
+    // exchange would otherwise hold the caller for up to 30 s.
+    Connection::interrupt();
     joinWorker();
     Connection::close();
 }

@@ -110,11 +110,10 @@ bool SyncWorker::fillBody(std::uint8_t* destination, std::uint32_t bytes) {
 }
 
 SyncWorker::ChunkOutcome SyncWorker::takeChunk() {
-    bool disconnecting = sync.connectState == Sync::disconnecting;
     if (sync.playing == 0 || endState != streaming) {
         // A stopped source is silence; the chunk in hand was used up first.
         chunkPos = chunk.size;
-        if (disconnecting && endState == streaming) {
+        if (endState == streaming && sync.connectState == Sync::disconnecting) {
             LogLine(6) << "buffer disconnect";
             endState = sourceEnded;
         }
@@ -123,7 +122,9 @@ SyncWorker::ChunkOutcome SyncWorker::takeChunk() {
     chunkPos = 0;
     if (sync.getBuffer(chunk)) return ChunkOutcome::taken;
     chunk = {};
-    if (!disconnecting) {
+    // Read only now: a disconnect asked for while getBuffer ran is what made
+    // it fail, and is the normal end, not a source that stopped answering.
+    if (sync.connectState != Sync::disconnecting) {
         LogLine(4) << "buffer timeout";
         return ChunkOutcome::failed;
     }

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "FindPeer.h"
+#include "LogCapture.h"
 
 namespace {
 
@@ -228,6 +229,32 @@ TEST_F(FindControl, AMissingIconFallsBackAndNarrowRowsComeSeveralAtOnce) {
 
     ASSERT_TRUE(find.readIcon(peer.address, 1u << 16 | 1, icon, 20));
     EXPECT_TRUE(icon.pixels.empty());
+}
+
+// The size answer decides what is allocated: a target can't make us ask for
+// gigabytes. Pixel requests are refused here, so that only the size counts.
+TEST_F(FindControl, AnIconBeyondAMegapixelIsRefusedBeforeItsPixels) {
+    struct Case {
+        std::uint16_t width, height;
+        bool read;
+    };
+    for (Case c : {Case{1024, 1024, true}, Case{1025, 1024, false}, Case{65535, 65535, false}}) {
+        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
+        LogCapture log;
+        FindPeer peer([c](FindPeer& self, const Receive& request) {
+            if (request.param1() == 0) return self.yes(request, 1, c.width, c.height, 1);
+            self.reply(MessageType::ICON_ANS, 0);
+        });
+        VELMORA::TargetIcon icon;
+        ASSERT_TRUE(find.readIcon(peer.address, 1, icon, 20));
+        EXPECT_TRUE(icon.pixels.empty());
+        std::size_t pixelRequests = 0;
+        for (const SeenRequest& request : peer.requestsOf(MessageType::ICON_REQ)) {
+            if (request.params[1] != 0) ++pixelRequests;
+        }
+        EXPECT_EQ(pixelRequests != 0, c.read);
+        EXPECT_EQ(log.hasPrefix("Find icon 1 too large"), !c.read);
+    }
 }
 
 }  // namespace

@@ -7,9 +7,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <thread>
 #include <vector>
 
+#include "Network/Socket.h"
+#include "Protocol/MessageTypes.h"
 #include "System/Threads.h"
 
 namespace {
@@ -196,9 +199,13 @@ void streamInOrder(std::uint32_t count, int chunks) {
     sync.pretendGone();
 }
 
-TEST(SyncBufferWorker, DeliversEverySlotOnceInOrder) { streamInOrder(4, 20000); }
+TEST(SyncBufferWorker, DeliversEverySlotOnceInOrder) {
+    streamInOrder(4, 20000);
+}
 
-TEST(SyncBufferWorker, ARingOfOneSlotStillWorks) { streamInOrder(1, 5000); }
+TEST(SyncBufferWorker, ARingOfOneSlotStillWorks) {
+    streamInOrder(1, 5000);
+}
 
 TEST(SyncBufferWorker, MarksTheFirstFillAfterACycleOnly) {
     CountingBuffer sync;
@@ -236,8 +243,10 @@ TEST(SyncBufferWorker, StopPlaysTheRingOutAndPlayResumes) {
         while (running) {
             sync.getBuffer(chunk);
             std::uint32_t n = firstWord(chunk);
-            if (n != 0) lastData = n;
-            else if (sync.muteReached) ++muteSlots;
+            if (n != 0)
+                lastData = n;
+            else if (sync.muteReached)
+                ++muteSlots;
             sync.onCycle();
             NORVA::sleepMilliseconds(1);
         }
@@ -290,6 +299,42 @@ TEST(SyncBufferWorker, EndsOnStopRequestAndLeavesSilenceUntilTheStreamIsDown) {
     streamWorker.join();
     EXPECT_TRUE(sync.disconnectRequested);
     EXPECT_EQ(sync.connectState, Sync::idle);
+}
+
+// The connect exchange waits 10 s a try for a sink that never answers; the
+// object's end must not wait for that.
+TEST(SyncBufferShutdown, EndsAWorkerInsideTheConnectExchangeAtOnce) {
+    NORVA::UDPV6 mute;
+    ASSERT_TRUE(mute.openNonBlocking());
+    NORVA::IPAddress sink = NORVA::IPAddress::loopback(0);
+    ASSERT_TRUE(mute.bind(sink));
+
+    auto sync = std::make_unique<CountingBuffer>();
+    ASSERT_TRUE(
+        sync->open(ThreadFlag::keepPriority, NORVA::TimeValue::fromMs(100), 0, "studio", 1, -1, -1, 0));
+    sync->targetAddress = sink;
+    sync->format.streamFormat = stereo32At48k;
+    sync->profiles[0].cycle = NORVA::TimeValue::fromUs(1000);
+    sync->profiles[0].packetCount = 1;
+    sync->profiles[0].sizeQ14 = 48u << 14;
+    sync->profileCount = 1;
+    sync->setupRing(48, 2, 0, stereo32At48k);
+    ASSERT_TRUE(sync->connect());
+
+    std::vector<std::uint8_t> frame(2048);
+    bool asked = false;
+    ASSERT_TRUE(eventually([&] {
+        std::size_t got = 0;
+        if (!asked && mute.waitReadable(NORVA::TimeValue::fromMs(10)) == 2 &&
+            mute.receive(frame.data(), frame.size(), got)) {
+            asked = got >= 16 && frame[4] == (MessageType::CONNECT_REQ & 0xFF);
+        }
+        return asked;
+    }));
+    EXPECT_EQ(sync->connectState, Sync::starting);
+    auto begin = std::chrono::steady_clock::now();
+    sync.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "LogCapture.h"
 #include "Network/Interfaces.h"
 #include "Protocol/Crc16.h"
 #include "TargetPeer.h"
@@ -102,6 +103,28 @@ TEST(TargetSlots, FramesAreTakenInSequenceAndTheCheckComparesTheCrc) {
     open.target.close();
     ASSERT_EQ(open.target.data().size(), 14u);
     EXPECT_EQ(0, std::memcmp(open.target.data().data(), "abcdefghijklmn", 14));
+}
+
+// The sequence number wraps, so a sender can go on in sequence for ever:
+// what is kept stops at the slot's 16 bytes, and the next transfer starts
+// afresh.
+TEST(TargetSlots, DataBeyondTheSlotIsDroppedAndLogged) {
+    LogCapture log;
+    OpenTarget<SlotTarget> open(slotConfig());
+    ASSERT_TRUE(open.opened);
+    TargetPeer peer;
+    const std::uint16_t to = open.control();
+    for (std::uint16_t sequence = 0; sequence < 6; ++sequence) {
+        sendData(peer, to, 1, false, sequence, sequence == 0 ? 0 : 1, 0, "abcd");
+    }
+    const std::uint16_t crc = crc16("abcdabcdabcdabcd", 16);
+    EXPECT_EQ(peer.ask(MessageType::TRANSFERCHECK_REQ, to, 1, crc, 0xFFFF).flags(), flagYes);
+    EXPECT_TRUE(log.hasPrefix("TRANSFERDATA_SET beyond the slot's 16 bytes"));
+
+    sendData(peer, to, 1, false, 0, 0, 0, "wxyz");
+    EXPECT_EQ(peer.ask(MessageType::TRANSFERCHECK_REQ, to, 1, crc16("wxyz", 4), 0xFFFF).flags(), flagYes);
+    open.target.close();
+    EXPECT_EQ(open.target.data().size(), 4u);
 }
 
 TEST(TargetSlots, EmptyTransferChecksAgainstTheEmptyCrc) {

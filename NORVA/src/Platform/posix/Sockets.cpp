@@ -144,6 +144,13 @@ void socketClose(SocketHandle handle, bool shutdownFirst) {
     close(fd(handle));
 }
 
+void socketInterrupt(SocketHandle handle) {
+    // Fails with ENOTCONN on an unconnected datagram socket, but marks it shut
+    // all the same and wakes its waiters: poll reports it readable, and
+    // recvfrom returns 0 at once from then on.
+    shutdown(fd(handle), SHUT_RDWR);
+}
+
 bool socketSetNonBlocking(SocketHandle handle, bool nonBlocking) {
     int flags = fcntl(fd(handle), F_GETFL);
     if (flags < 0) return failed();

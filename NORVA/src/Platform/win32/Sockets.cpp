@@ -76,6 +76,22 @@ void socketClose(SocketHandle handle, bool shutdownFirst) {
     closesocket(native(handle));
 }
 
+void socketInterrupt(SocketHandle handle) {
+    // select isn't known to wake on a shutdown of a datagram socket, so an
+    // empty datagram to the socket's own port comes first: that wakes it
+    // wherever it is bound to the unspecified address.
+    sockaddr_in6 self{};
+    int size = sizeof(self);
+    if (getsockname(native(handle), reinterpret_cast<sockaddr*>(&self), &size) == 0 &&
+        self.sin6_family == AF_INET6) {
+        self.sin6_addr = in6addr_loopback;
+        self.sin6_scope_id = 0;
+        char nothing = 0;
+        sendto(native(handle), &nothing, 0, 0, reinterpret_cast<const sockaddr*>(&self), sizeof(self));
+    }
+    shutdown(native(handle), SD_BOTH);
+}
+
 bool socketSetNonBlocking(SocketHandle handle, bool nonBlocking) {
     u_long mode = nonBlocking ? 1 : 0;
     return ioctlsocket(native(handle), FIONBIO, &mode) == 0;

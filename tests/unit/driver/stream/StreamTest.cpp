@@ -4,11 +4,13 @@
 // wrote, after the ring's silence, converted as the format asks.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -362,6 +364,142 @@ TEST_F(Stream, ReleasingTheDriverWhileStreamingEndsEverything) {
     NORVA::sleepMilliseconds(50);
     EXPECT_EQ(host.calls.load(), calls);
     EXPECT_FALSE(peer->sink.isConnected()) << "the target was told";
+}
+
+// ---- Faults and misuse ----------------------------------------------------------
+
+using Clock = std::chrono::steady_clock;
+
+// Runs `call` and says whether it came back within `limit`.
+template <class Call>
+bool returnsWithin(std::chrono::milliseconds limit, Call call) {
+    auto begin = Clock::now();
+    call();
+    return Clock::now() - begin < limit;
+}
+
+// The target goes away mid-stream: the stream worker notices the silence and
+// the callbacks end, and every call of the host still returns. When the
+// target is back, a new driver finds it and streams.
+TEST_F(Stream, ATargetThatVanishesEndsTheCallbacksAndOneThatComesBackIsFoundAgain) {
+    streamStereo16(20);
+    // What the stream worker waits for before it gives up on a silent target.
+    const NORVA::TimeValue info = driver->sync.infoRequestTime;
+    const NORVA::TimeValue leastInfo = NORVA::TimeValue::fromRaw(driver->sync.profiles[0].cycle.raw() * 16);
+    const std::uint64_t receiveTimeoutMs =
+        std::max<std::uint64_t>(8 * std::max(info, leastInfo).toMs(), 1000);
+    peer.reset();
+    const auto gone = Clock::now();
+    std::uint64_t calls = host.calls.load();
+    // The ring plays out, then nothing: no call for half a second.
+    for (auto quietSince = Clock::now(); Clock::now() - quietSince < std::chrono::milliseconds(500);) {
+        ASSERT_LT(Clock::now() - gone, std::chrono::milliseconds(receiveTimeoutMs + 1000 + 500))
+            << "callbacks go on after the target vanished";
+        NORVA::sleepMilliseconds(10);
+        if (host.calls.load() != calls) {
+            calls = host.calls.load();
+            quietSince = Clock::now();
+        }
+    }
+    EXPECT_TRUE(returnsWithin(std::chrono::seconds(3), [&] { EXPECT_EQ(driver->stop(), ASE_OK); }));
+    EXPECT_TRUE(returnsWithin(std::chrono::seconds(1), [&] { EXPECT_EQ(driver->disposeBuffers(), ASE_OK); }));
+    EXPECT_TRUE(returnsWithin(std::chrono::seconds(1), [&] { release(); }));
+
+    host.calls = 0;
+    streamStereo16(20);
+    EXPECT_EQ(driver->stop(), ASE_OK);
+    release();
+}
+
+// A host that calls in the wrong order gets an error or a harmless success,
+// never a hang or a crash, and the driver still goes away cleanly (the ASan
+// stage sees any leak).
+struct Misuse {
+    const char* name;
+    bool init, buffers, start;  // done in order before the misuse
+    std::function<void(AsioVelmora&, Host&)> misuse;
+};
+
+ASIOError createStereo(AsioVelmora& driver, Host& host) {
+    host.records.assign(2, ASIOBufferInfo{ASIOFalse, 0, {}});
+    host.records[1].channelNum = 1;
+    return driver.createBuffers(host.records.data(), 2, 256, &host.callbacks);
+}
+
+TEST_F(Stream, CallsInTheWrongOrderGetTheirErrorAndHangNothing) {
+    const Misuse table[] = {
+        {"EveryCallBeforeInit", false, false, false,
+         [](AsioVelmora& d, Host& h) {
+             AsioLong in = -1, out = -1;
+             EXPECT_EQ(d.getChannels(&in, &out), ASE_OK);
+             EXPECT_EQ(out, 0) << "no sink, no channels";
+             ASIOChannelInfo info{};
+             EXPECT_EQ(d.getChannelInfo(&info), ASE_InvalidParameter);
+             EXPECT_EQ(d.canSampleRate(44100), ASE_NoClock);
+             EXPECT_EQ(createStereo(d, h), ASE_InvalidParameter);
+             EXPECT_EQ(d.start(), ASE_NotPresent);
+             EXPECT_EQ(d.stop(), ASE_OK);
+             EXPECT_EQ(d.disposeBuffers(), ASE_OK);
+         }},
+        {"InitTwice", true, false, false,
+         [](AsioVelmora& d, Host&) { EXPECT_EQ(d.init(nullptr), ASIOTrue); }},
+        {"StartWithoutBuffers", true, false, false,
+         [](AsioVelmora& d, Host&) { EXPECT_EQ(d.start(), ASE_NotPresent); }},
+        {"CreateBuffersTwice", true, true, false,
+         [](AsioVelmora& d, Host& h) {
+             EXPECT_EQ(createStereo(d, h), ASE_OK);
+             EXPECT_EQ(d.activeChannels, 2) << "the first buffers went";
+         }},
+        {"StartTwice", true, true, true, [](AsioVelmora& d, Host&) { EXPECT_EQ(d.start(), ASE_NotPresent); }},
+        {"CreateBuffersWhileRunning", true, true, true,
+         [](AsioVelmora& d, Host& h) {
+             EXPECT_EQ(createStereo(d, h), ASE_OK);
+             EXPECT_FALSE(d.running);
+         }},
+        {"DisposeWhileRunning", true, true, true,
+         [](AsioVelmora& d, Host&) {
+             EXPECT_EQ(d.disposeBuffers(), ASE_OK);
+             EXPECT_FALSE(d.running);
+             EXPECT_EQ(d.start(), ASE_NotPresent) << "no buffers left";
+         }},
+        {"StopTwice", true, true, true,
+         [](AsioVelmora& d, Host&) {
+             EXPECT_EQ(d.stop(), ASE_OK);
+             EXPECT_EQ(d.stop(), ASE_OK);
+         }},
+        {"ReleaseWhileStreaming", true, true, true, [](AsioVelmora&, Host&) {}},
+    };
+    openSink(stereo16);
+    for (const Misuse& m : table) {
+        SCOPED_TRACE(m.name);
+        host.calls = 0;
+        HRESULT result = S_OK;
+        driver = static_cast<AsioVelmora*>(createAsioVelmora(nullptr, &result));
+        ASSERT_NE(driver, nullptr);
+        driver->NonDelegatingAddRef();
+        driver->settingPath = user.write("setting.inf", common);
+        ASSERT_TRUE(driver->loadSettings());
+        driver->targetControlPort = peer->control();
+        Host::current = &host;
+        host.channels = 2;
+        host.sampleBytes = 2;
+        host.samples = 256;
+        if (m.init) {
+            ASSERT_EQ(driver->init(nullptr), ASIOTrue) << driver->errorText;
+        }
+        if (m.buffers) {
+            ASSERT_EQ(createStereo(*driver, host), ASE_OK);
+        }
+        if (m.start) {
+            ASSERT_EQ(driver->start(), ASE_OK);
+            ASSERT_TRUE(waitForCalls(10));
+        }
+        EXPECT_TRUE(returnsWithin(std::chrono::seconds(3), [&] { m.misuse(*driver, host); }));
+        const std::uint64_t calls = host.calls.load();
+        EXPECT_TRUE(returnsWithin(std::chrono::seconds(3), [&] { release(); }));
+        NORVA::sleepMilliseconds(30);
+        EXPECT_EQ(host.calls.load(), calls) << "a call after release";
+    }
 }
 
 }  // namespace
