@@ -55,13 +55,15 @@ bool Find::FindMulti(ConnectionBuffer& probe, AnswerMap& answers, bool loopback)
             socket->send(*probe.frame);
         }
 
-        // The wait ends at its deadline however much arrives, and the list
-        // stops growing at its cap: a flood can't stall or swell a search.
-        const NORVA::TimeValue deadline = NORVA::TimeValue::now() + ackTimeout;
-        for (NORVA::TimeValue now = NORVA::TimeValue::now(); now < deadline; now = NORVA::TimeValue::now()) {
+        // What is already there is taken after the deadline too; the list
+        // stops growing at its cap, so a flood can't swell a search.
+        NORVA::TimeValue deadline = NORVA::TimeValue::now() + ackTimeout;
+        for (;;) {
             auto frame = std::make_unique<ConnectionBuffer>(*socket);
+            NORVA::TimeValue now = NORVA::TimeValue::now();
+            NORVA::TimeValue wait = deadline > now ? deadline - now : NORVA::TimeValue();
             NORVA::IPAddress source;
-            if (!receive(*frame, &source, deadline - now)) return false;
+            if (!receive(*frame, &source, wait)) return false;
             if (frame->isEmpty()) break;
             NORVA::LogLine(7) << "Find Multi Ack Rcv";
             if (!isDiscoverAnswer(*frame)) continue;

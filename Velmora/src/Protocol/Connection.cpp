@@ -84,14 +84,10 @@ bool Connection::sendAck(ConnectionBuffer& request, const NORVA::IPAddress& peer
     answer.clear();
     for (int tries = 0; tries < ackTries; ++tries) {
         if (!socket->send(*request.frame)) return false;
-        // A try ends at its deadline whatever arrives meanwhile: a flood of
-        // other frames must not hold the caller for longer than 3 timeouts.
-        const NORVA::TimeValue deadline = NORVA::TimeValue::now() + timeout;
+        // Each frame that isn't the answer starts the wait afresh.
         for (;;) {
-            NORVA::TimeValue now = NORVA::TimeValue::now();
-            if (!(now < deadline)) break;
             NORVA::IPAddress source;
-            if (!receive(answer, &source, deadline - now)) return false;
+            if (!receive(answer, &source, timeout)) return false;
             if (answer.isEmpty()) break;
             Verdict verdict = judge(request, peer, ackType, answer, source);
             if (verdict == Verdict::yes) return true;
@@ -101,8 +97,6 @@ bool Connection::sendAck(ConnectionBuffer& request, const NORVA::IPAddress& peer
             }
         }
     }
-    // What a try ended on may be a stray frame: it is no answer.
-    answer.clear();
     return true;
 }
 

@@ -64,10 +64,9 @@ class Connection {
     bool receive(ConnectionBuffer& answer, NORVA::IPAddress* source, NORVA::TimeValue timeout);
 
     // Sends the finished `request` and waits for an answer of `ackType` from
-    // exactly `peer`, sending again after each `timeout`, 3 times in all;
-    // other frames don't extend a try. False: the socket failed. True with
-    // `answer` filled: yes. True with `answer` empty: no, not supported, or
-    // nothing heard.
+    // exactly `peer`, sending again after each `timeout` of silence, 3 times
+    // in all. False: the socket failed. True with `answer` filled: yes. True
+    // with `answer` empty: no, not supported, or nothing heard.
     bool sendAck(ConnectionBuffer& request, const NORVA::IPAddress& peer, std::uint16_t ackType,
                  ConnectionBuffer& answer, NORVA::TimeValue timeout);
 
