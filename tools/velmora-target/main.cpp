@@ -12,6 +12,7 @@
 #include "Protocol/MessageTypes.h"
 #include "Protocol/Send.h"
 #include "Sink/StreamSink.h"
+#include "SinkOutput.h"
 #include "System/Log.h"
 #include "System/Threads.h"
 #include "TargetOptions.h"
@@ -37,21 +38,37 @@ constexpr std::uint32_t pollMs = 50;
 class RegisteredSink {
   public:
     RegisteredSink(const TestSink& sink, VELMORA::StreamSinkConfig stream, bool several)
-        : sink(sink), stream(withPort(stream, sink.port, several ? sink.index : -1)) {}
+        : sink(sink), config(withPort(stream, sink.port, several ? sink.index : -1)) {}
 
-    // Registers at once: whoever reads the sink's line may ask the target
-    // for it straight away.
+    // Opens the sink's device, if it has one, and registers at once: whoever
+    // reads the sink's line may ask the target for it straight away.
     bool start(std::uint16_t registrationPort) {
-        if (!stream.start() || !socket.openNonBlocking()) return false;
-        registration.setHeader(VELMORA::MessageType::PORT_REGIST, 0, sink.index, 0, stream.port(), 0);
+        std::unique_ptr<VELMORA::PlayoutOutput> output;
+        if (sink.output != TestSink::file) {
+            std::string error;
+            output = openSinkOutput(sink, config, error);
+            if (output == nullptr) {
+                std::fprintf(stderr, "velmora-target: sink %u, %s %s: %s\n", sink.index,
+                             sink.output == TestSink::jack ? "JACK client" : "ALSA device",
+                             sink.device.c_str(), error.c_str());
+                return false;
+            }
+        }
+        stream = std::make_unique<VELMORA::StreamSink>(config, std::move(output));
+        if (!stream->start() || !socket.openNonBlocking()) {
+            std::fprintf(stderr, "velmora-target: can't open sink %u on port %u\n", sink.index, sink.port);
+            return false;
+        }
+        registration.setHeader(VELMORA::MessageType::PORT_REGIST, 0, sink.index, 0, stream->port(), 0);
         registration.setBodyText(sink.name);
         registration.finish();
         announce(registrationPort);
-        std::printf("sink %u: port %u, %s\n", sink.index, stream.port(), sink.name.c_str());
+        std::printf("sink %u: port %u, %s\n", sink.index, stream->port(), sink.name.c_str());
         return true;
     }
     void printStats() {
-        VELMORA::SinkStats stats = stream.playStats();
+        if (stream == nullptr) return;
+        VELMORA::SinkStats stats = stream->playStats();
         if (stats.packets != 0) std::printf("sink %u: %s\n", sink.index, stats.text().c_str());
     }
     void announce(std::uint16_t registrationPort) {
@@ -75,7 +92,8 @@ class RegisteredSink {
     }
 
     TestSink sink;
-    VELMORA::StreamSink stream;
+    VELMORA::StreamSinkConfig config;
+    std::unique_ptr<VELMORA::StreamSink> stream;
     NORVA::UDPV6 socket;
     VELMORA::SendBuffer registration;
 };
@@ -93,10 +111,7 @@ int run(const TargetOptions& options) {
     std::vector<std::unique_ptr<RegisteredSink>> sinks;
     for (const TestSink& sink : options.testSinks) {
         sinks.push_back(std::make_unique<RegisteredSink>(sink, options.stream, options.testSinks.size() > 1));
-        if (!sinks.back()->start(target.boundPorts().registration)) {
-            std::fprintf(stderr, "velmora-target: can't open sink %u on port %u\n", sink.index, sink.port);
-            return 2;
-        }
+        if (!sinks.back()->start(target.boundPorts().registration)) return 2;
     }
     std::fflush(stdout);
 

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -90,7 +91,8 @@ class StreamSink {
     // The receive loop looks at the stop flag at least this often.
     static constexpr NORVA::TimeValue pollInterval = NORVA::TimeValue::fromMs(10);
 
-    explicit StreamSink(const StreamSinkConfig& settings);
+    // Without an output the sink plays as `settings.play` says.
+    explicit StreamSink(const StreamSinkConfig& settings, std::unique_ptr<PlayoutOutput> output = nullptr);
     ~StreamSink();
     StreamSink(const StreamSink&) = delete;
     StreamSink& operator=(const StreamSink&) = delete;

@@ -1,0 +1,196 @@
+// A stream through the driver's stream engine to velmora-target playing to
+// a JACK server: jackd's dummy backend, a real clocked server that needs no
+// sound card, started under a name of this test's own. A capture client
+// here records what reaches the server.
+//
+// Bit-exact, for JACK's float samples: each 16-bit source sample x arrives
+// as exactly x / 32768 (float holds every 16- and 24-bit integer), so the
+// capture turned back into integers is the source, sample for sample,
+// after the silence before the sink's clock starts. And the stream plays
+// with no underrun of the sink, and no xrun of the server where the server
+// keeps its deadlines on its own: on a machine whose load or hypervisor
+// makes the dummy backend late with no client at all (a quiet second before
+// the stream tells), its xruns are printed, not judged.
+//
+// Arguments: <velmora-target> <jackd> <seconds of audio>.
+#include <jack/jack.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "../StreamHost.h"
+#include "../TargetProcess.h"
+#include "ScratchFile.h"
+
+namespace {
+
+using namespace StreamHost;
+
+std::string toolPath;
+std::string jackdPath;
+int seconds = 4;
+
+const VELMORA::FormatID stereoS16At48k(0x202u, 0x000Cu);
+constexpr unsigned channels = 2;
+constexpr std::uint32_t frameBytes = 4;
+constexpr std::uint16_t latencyUnits = 200;  // 20 ms
+constexpr std::uint32_t ringSlots = 8;
+constexpr std::uint32_t slotFrames = 192;
+
+// jackd -d dummy under a name of its own, ended at the test's end.
+class JackServer {
+  public:
+    explicit JackServer(const std::string& serverName) : name(serverName) {
+        pid = fork();
+        if (pid == 0) {
+            // Its chatter (the dummy backend's timing notes) would drown the test's output.
+            std::freopen("/dev/null", "w", stdout);
+            execl(jackdPath.c_str(), "jackd", "-S", "-P", "80", "-n", name.c_str(), "-d", "dummy", "-r",
+                  "48000", "-p", "64", static_cast<char*>(nullptr));
+            _exit(127);
+        }
+    }
+    ~JackServer() {
+        if (pid <= 0) return;
+        kill(pid, SIGTERM);
+        waitpid(pid, nullptr, 0);
+    }
+    const std::string name;
+
+  private:
+    pid_t pid = -1;
+};
+
+// Records every sample of its ports into memory made beforehand.
+class Capture {
+  public:
+    Capture(const std::string& server, std::size_t frames) : samples(channels, std::vector<float>(frames)) {
+        for (int tries = 0; tries < 100 && client == nullptr; ++tries) {
+            jack_status_t status{};
+            client = jack_client_open("capture", jack_options_t(JackNoStartServer | JackServerName), &status,
+                                      server.c_str());
+            if (client == nullptr) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        if (client == nullptr) return;
+        for (unsigned c = 0; c < channels; ++c) {
+            std::string port = "in_" + std::to_string(c + 1);
+            ports.push_back(
+                jack_port_register(client, port.c_str(), JACK_DEFAULT_AUDIO_TYPE, JackPortIsInput, 0));
+        }
+        jack_set_process_callback(client, &Capture::process, this);
+        jack_set_xrun_callback(client, &Capture::xrun, this);
+        jack_activate(client);
+    }
+    ~Capture() {
+        if (client != nullptr) jack_client_close(client);
+    }
+    bool connectFrom(const std::string& sinkClient) {
+        for (unsigned c = 0; c < channels; ++c) {
+            std::string from = sinkClient + ":out_" + std::to_string(c + 1);
+            if (jack_connect(client, from.c_str(), jack_port_name(ports[c])) != 0) return false;
+        }
+        return true;
+    }
+
+    jack_client_t* client = nullptr;
+    std::vector<std::vector<float>> samples;
+    std::atomic<std::size_t> recorded{0};
+    std::atomic<unsigned> xruns{0};
+
+  private:
+    static int process(jack_nframes_t frames, void* self) {
+        auto* capture = static_cast<Capture*>(self);
+        std::size_t at = capture->recorded.load(std::memory_order_relaxed);
+        std::size_t room = capture->samples[0].size() - at;
+        std::size_t taken = frames < room ? frames : room;
+        for (unsigned c = 0; c < channels; ++c) {
+            const auto* in = static_cast<const float*>(jack_port_get_buffer(capture->ports[c], frames));
+            std::copy(in, in + taken, capture->samples[c].begin() + std::ptrdiff_t(at));
+        }
+        capture->recorded.store(at + taken, std::memory_order_release);
+        return 0;
+    }
+    static int xrun(void* self) {
+        static_cast<Capture*>(self)->xruns.fetch_add(1);
+        return 0;
+    }
+    std::vector<jack_port_t*> ports;
+};
+
+// Source sample i (frames and channels interleaved) as JACK should play it.
+float expectedSample(std::uint64_t i) {
+    auto value = std::int16_t(std::uint16_t(patternByte(2 * i) | patternByte(2 * i + 1) << 8));
+    return float(value) / 32768.0f;
+}
+
+TEST(JackSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
+    JackServer server("velmora-test-" + std::to_string(getpid()));
+    ASSERT_EQ(setenv("JACK_DEFAULT_SERVER", server.name.c_str(), 1), 0);
+    Capture capture(server.name, std::size_t(seconds + 3) * 48000);
+    ASSERT_NE(capture.client, nullptr) << "jackd -d dummy did not start";
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    unsigned idleXruns = capture.xruns.exchange(0);
+
+    ScratchFile json{"velmora-jack-sink", ".json"};
+    std::vector<std::string> options = TargetProcess::anyPorts();
+    options.insert(options.end(),
+                   {"--sink", "1,0,Main out", "--jack", "velmora-test", "--latency",
+                    std::to_string(latencyUnits), "--stats-json", json.path, "--log-level", "3"});
+    TargetProcess target(toolPath, options);
+    ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
+    ASSERT_TRUE(capture.connectFrom("velmora-test"));
+
+    PatternSource host;
+    StreamHost::start(host, target.sinkPort, stereoS16At48k, latencyUnits, slotFrames, ringSlots);
+    if (HasFatalFailure()) return;
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    finish(host);
+    if (HasFatalFailure()) return;
+    EXPECT_EQ(target.stop(), 0) << target.printed;
+
+    SinkReport report(json.path);
+    EXPECT_GE(report.xruns, 0) << "the statistics count the server's xruns";
+    std::printf("JACK xruns: %u in the second before the stream, %.0f during it (the capture saw %u)\n",
+                idleXruns, report.xruns, capture.xruns.load());
+    if (idleXruns == 0) {
+        EXPECT_EQ(report.xruns, 0) << "xruns of the JACK server";
+        EXPECT_EQ(capture.xruns.load(), 0u);
+    }
+    EXPECT_EQ(report.underruns, 0) << "the sink ran dry";
+
+    std::size_t frames = capture.recorded.load();
+    const std::vector<float>& left = capture.samples[0];
+    std::size_t lead = 0;
+    while (lead < frames && left[lead] == 0 && capture.samples[1][lead] == 0) ++lead;
+    std::uint64_t sourceFrames = host.filled / frameBytes;
+    ASSERT_GT(sourceFrames, std::uint64_t(seconds) * 48000 * 9 / 10);
+    ASSERT_GE(frames, lead + sourceFrames) << "the source came out short";
+    std::size_t wrong = 0;
+    for (std::uint64_t f = 0; f < sourceFrames; ++f) {
+        for (unsigned c = 0; c < channels; ++c)
+            wrong += capture.samples[c][lead + f] != expectedSample(f * channels + c);
+    }
+    EXPECT_EQ(wrong, 0u) << "samples that differ from the source, of " << sourceFrames * channels;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    if (argc != 4 || std::atoi(argv[3]) < 2) {
+        std::fprintf(stderr, "usage: %s <velmora-target> <jackd> <seconds, at least 2>\n", argv[0]);
+        return 2;
+    }
+    toolPath = argv[1];
+    jackdPath = argv[2];
+    seconds = std::atoi(argv[3]);
+    return RUN_ALL_TESTS();
+}
