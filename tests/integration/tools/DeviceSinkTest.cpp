@@ -1,16 +1,19 @@
 // A stream through the driver's stream engine to velmora-target playing to
 // a JACK server: jackd's dummy backend, a real clocked server that needs no
 // sound card, started under a name of this test's own. A capture client
-// here records what reaches the server.
+// here records what reaches the server. The sink plays to the server as a
+// JACK client of its own, or through ALSA: a private configuration makes an
+// ALSA device of the ALSA JACK plugin, whose ports lead to the capture.
 //
 // Bit-exact, for JACK's float samples: each 16-bit source sample x arrives
 // as exactly x / 32768 (float holds every 16- and 24-bit integer), so the
 // capture turned back into integers is the source, sample for sample,
 // after the silence before the sink's clock starts. And the stream plays
-// with no underrun of the sink, and no xrun of the server where the server
-// keeps its deadlines on its own: on a machine whose load or hypervisor
-// makes the dummy backend late with no client at all (a quiet second before
-// the stream tells), its xruns are printed, not judged.
+// with no underrun of the sink, and no xrun, where the server keeps its
+// deadlines on its own: on a machine whose load or hypervisor makes the
+// dummy backend late with no client at all (a quiet second before the
+// stream tells), xruns are printed, not judged, and through ALSA, whose
+// JACK plugin turns them into silence mid-stream, the data isn't either.
 //
 // Arguments: <velmora-target> <jackd> <seconds of audio>.
 #include <jack/jack.h>
@@ -18,6 +21,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -111,10 +115,17 @@ class Capture {
         std::size_t at = capture->recorded.load(std::memory_order_relaxed);
         std::size_t room = capture->samples[0].size() - at;
         std::size_t taken = frames < room ? frames : room;
+        const float* in[channels];
+        bool sound = at != 0;
         for (unsigned c = 0; c < channels; ++c) {
-            const auto* in = static_cast<const float*>(jack_port_get_buffer(capture->ports[c], frames));
-            std::copy(in, in + taken, capture->samples[c].begin() + std::ptrdiff_t(at));
+            in[c] = static_cast<const float*>(jack_port_get_buffer(capture->ports[c], frames));
+            sound = sound || std::any_of(in[c], in[c] + frames, [](float v) { return v != 0; });
         }
+        // The silence before the sink's clock starts takes no room: its
+        // length depends on how long the set-up took.
+        if (!sound) return 0;
+        for (unsigned c = 0; c < channels; ++c)
+            std::copy(in[c], in[c] + taken, capture->samples[c].begin() + std::ptrdiff_t(at));
         capture->recorded.store(at + taken, std::memory_order_release);
         return 0;
     }
@@ -131,10 +142,17 @@ float expectedSample(std::uint64_t i) {
     return float(value) / 32768.0f;
 }
 
-TEST(JackSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
-    JackServer server("velmora-test-" + std::to_string(getpid()));
+struct Output {
+    const char* name;
+    bool alsa;
+};
+
+class DeviceSink : public ::testing::TestWithParam<Output> {};
+
+TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
+    JackServer server("velmora-test-" + std::to_string(getpid()) + "-" + GetParam().name);
     ASSERT_EQ(setenv("JACK_DEFAULT_SERVER", server.name.c_str(), 1), 0);
-    Capture capture(server.name, std::size_t(seconds + 3) * 48000);
+    Capture capture(server.name, std::size_t(seconds + 2) * 48000);
     ASSERT_NE(capture.client, nullptr) << "jackd -d dummy did not start";
     std::this_thread::sleep_for(std::chrono::seconds(1));
     unsigned idleXruns = capture.xruns.exchange(0);
@@ -157,12 +175,17 @@ TEST(JackSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
     EXPECT_EQ(target.stop(), 0) << target.printed;
 
     SinkReport report(json.path);
-    EXPECT_GE(report.xruns, 0) << "the statistics count the server's xruns";
-    std::printf("JACK xruns: %u in the second before the stream, %.0f during it (the capture saw %u)\n",
-                idleXruns, report.xruns, capture.xruns.load());
+    EXPECT_GE(report.xruns, 0) << "the statistics count the device's xruns";
+    std::printf(
+        "xruns: the server %u in the second before the stream, %u during it; the sink's device %.0f\n",
+        idleXruns, capture.xruns.load(), report.xruns);
     if (idleXruns == 0) {
-        EXPECT_EQ(report.xruns, 0) << "xruns of the JACK server";
-        EXPECT_EQ(capture.xruns.load(), 0u);
+        EXPECT_EQ(report.xruns, 0) << "xruns of the sink's device";
+        EXPECT_EQ(capture.xruns.load(), 0u) << "xruns of the server";
+    } else if (GetParam().alsa && report.xruns != 0) {
+        // ALSA's JACK plugin plays silence for an xrun of the server, in
+        // the middle of the stream: nothing left to compare.
+        return;
     }
     EXPECT_EQ(report.underruns, 0) << "the sink ran dry";
 
@@ -180,6 +203,11 @@ TEST(JackSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
     }
     EXPECT_EQ(wrong, 0u) << "samples that differ from the source, of " << sourceFrames * channels;
 }
+
+INSTANTIATE_TEST_SUITE_P(Outputs, DeviceSink, ::testing::Values(Output{"jack", false}, Output{"alsa", true}),
+                         [](const ::testing::TestParamInfo<Output>& info) {
+                             return std::string(info.param.name);
+                         });
 
 }  // namespace
 
