@@ -45,7 +45,7 @@ int seconds = 4;
 const VELMORA::FormatID stereoS16At48k(0x202u, 0x000Cu);
 constexpr unsigned channels = 2;
 constexpr std::uint32_t frameBytes = 4;
-constexpr std::uint16_t latencyUnits = 200;  // 20 ms
+constexpr std::uint16_t latencyUnits = 400;  // 40 ms, as the other stream tests
 constexpr std::uint32_t ringSlots = 8;
 constexpr std::uint32_t slotFrames = 192;
 
