@@ -6,6 +6,9 @@
 #ifdef VELMORA_WITH_ALSA
 #include "Platform/linux/AlsaOutput.h"
 #endif
+#ifdef VELMORA_WITH_SNDFILE
+#include "Platform/linux/SndfileWriter.h"
+#endif
 
 namespace {
 
@@ -21,6 +24,16 @@ std::unique_ptr<VELMORA::PlayoutOutput> openSinkOutput(const TestSink& sink,
                                                        [[maybe_unused]] VELMORA::StreamSinkConfig& stream,
                                                        std::string& error) {
     switch (sink.output) {
+        case TestSink::file: {
+#ifdef VELMORA_WITH_SNDFILE
+            const VELMORA::SinkPlayConfig& play = stream.play;
+            return std::make_unique<VELMORA::FileOutput>(
+                VELMORA::FileOutputConfig{play.ppm, play.stepPpm, play.stepAfterSeconds, play.wavPath},
+                std::make_unique<VELMORA::SndfileWriter>());
+#else
+            return nullptr;  // the sink's own WAV file
+#endif
+        }
 #ifdef VELMORA_WITH_JACK
         case TestSink::jack: {
             auto jack = std::make_unique<VELMORA::JackOutput>(sink.device, stream.pcm.greatestChannels());

@@ -9,7 +9,7 @@
 #include "Sink/StreamSink.h"
 #include "TargetOptions.h"
 
-// Null for the file output, or on failure with `error` set. A device's
-// output narrows the formats of `stream` to what the device can play.
+// Null for the sink's own file output, or on failure with `error` set. A
+// device's output narrows the formats of `stream` to what it can play.
 std::unique_ptr<VELMORA::PlayoutOutput> openSinkOutput(const TestSink& sink,
                                                        VELMORA::StreamSinkConfig& stream, std::string& error);

@@ -40,19 +40,16 @@ class RegisteredSink {
     RegisteredSink(const TestSink& sink, VELMORA::StreamSinkConfig stream, bool several)
         : sink(sink), config(withPort(stream, sink.port, several ? sink.index : -1)) {}
 
-    // Opens the sink's device, if it has one, and registers at once: whoever
+    // Opens the sink's output, and registers at once: whoever
     // reads the sink's line may ask the target for it straight away.
     bool start(std::uint16_t registrationPort) {
-        std::unique_ptr<VELMORA::PlayoutOutput> output;
-        if (sink.output != TestSink::file) {
-            std::string error;
-            output = openSinkOutput(sink, config, error);
-            if (output == nullptr) {
-                std::fprintf(stderr, "velmora-target: sink %u, %s %s: %s\n", sink.index,
-                             sink.output == TestSink::jack ? "JACK client" : "ALSA device",
-                             sink.device.c_str(), error.c_str());
-                return false;
-            }
+        std::string error;
+        std::unique_ptr<VELMORA::PlayoutOutput> output = openSinkOutput(sink, config, error);
+        if (!error.empty()) {
+            std::fprintf(stderr, "velmora-target: sink %u, %s %s: %s\n", sink.index,
+                         sink.output == TestSink::jack ? "JACK client" : "ALSA device", sink.device.c_str(),
+                         error.c_str());
+            return false;
         }
         stream = std::make_unique<VELMORA::StreamSink>(config, std::move(output));
         if (!stream->start() || !socket.openNonBlocking()) {

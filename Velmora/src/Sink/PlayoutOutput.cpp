@@ -8,20 +8,20 @@ bool PlayoutOutput::playable(FormatID& pcm, FormatID& dsdLsb, FormatID& dsdMsb, 
     return false;
 }
 
+FileOutput::FileOutput(const FileOutputConfig& settings, std::unique_ptr<AudioFileWriter> writer)
+    : config(settings), file(std::move(writer)) {
+    if (file == nullptr) file = std::make_unique<WavWriter>();
+}
+
 bool FileOutput::open(FormatID format, double, std::string& error) {
-    wav.close();
+    file->close();
     nominal = format.rate();
     started = false;
-    if (config.path.empty()) return true;
-    if (wav.open(config.path, format.rate(), std::uint16_t(format.channelCount()),
-                 std::uint16_t(format.bitsPerSample())))
-        return true;
-    error = "can't write " + config.path;
-    return false;
+    return config.path.empty() || file->open(config.path, format, error);
 }
 
 bool FileOutput::write(const std::uint8_t* bytes, std::size_t size) {
-    return !wav.isOpen() || wav.write(bytes, size);
+    return !file->isOpen() || file->write(bytes, size);
 }
 
 // The step included.
@@ -39,7 +39,7 @@ double FileOutput::rate(Clock::time_point now) const {
 }
 
 bool FileOutput::close() {
-    return wav.close();
+    return file->close();
 }
 
 }  // namespace VELMORA

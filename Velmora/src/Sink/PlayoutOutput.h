@@ -52,10 +52,11 @@ struct FileOutputConfig {
     std::string path;             // empty: the audio is discarded
 };
 
-// Writes a WAV file (or nothing) and plays on the steady clock.
+// Writes a file (or nothing) and plays on the steady clock.
 class FileOutput : public PlayoutOutput {
   public:
-    explicit FileOutput(const FileOutputConfig& settings) : config(settings) {}
+    // Without a writer the file is a WAV file of our own.
+    explicit FileOutput(const FileOutputConfig& settings, std::unique_ptr<AudioFileWriter> writer = nullptr);
 
     bool open(FormatID format, double bufferFrames, std::string& error) override;
     bool write(const std::uint8_t* bytes, std::size_t size) override;
@@ -69,7 +70,7 @@ class FileOutput : public PlayoutOutput {
 
   private:
     const FileOutputConfig config;
-    WavWriter wav;
+    std::unique_ptr<AudioFileWriter> file;
     double nominal = 0;
     bool started = false;
     Clock::time_point playStart;
