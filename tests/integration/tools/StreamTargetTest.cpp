@@ -23,6 +23,7 @@
 #include "Samples/SyncBuffer.h"
 #include "ScratchFile.h"
 #include "System/Threads.h"
+#include "WavFile.h"
 
 namespace {
 
@@ -42,18 +43,12 @@ constexpr std::int32_t quarterLatencyQ14 = 16384 / 3;
 constexpr std::uint32_t ringSlots = 8;
 constexpr std::uint32_t slotFrames = 192;  // 4 ms
 
-// The samples of a WAV file: its data chunk, wherever the header puts it.
+// The samples of the sink's WAV file, read as velmora-play reads it.
 std::vector<std::uint8_t> wavData(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::vector<std::uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    for (std::size_t at = 12; at + 8 <= file.size();) {
-        std::uint32_t size =
-            file[at + 4] | file[at + 5] << 8 | file[at + 6] << 16 | std::uint32_t(file[at + 7]) << 24;
-        if (std::equal(file.begin() + std::ptrdiff_t(at), file.begin() + std::ptrdiff_t(at) + 4, "data"))
-            return std::vector<std::uint8_t>(file.begin() + std::ptrdiff_t(at) + 8, file.end());
-        at += 8 + size + size % 2;
-    }
-    return {};
+    WavData wav;
+    std::string error;
+    EXPECT_TRUE(readWav(path, wav, error)) << error;
+    return wav.data;
 }
 
 struct Case {
