@@ -204,6 +204,45 @@ TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
     EXPECT_EQ(wrong, 0u) << "samples that differ from the source, of " << sourceFrames * channels;
 }
 
+// What velmora-target prints and returns for a set of options, its ports
+// left to the system.
+std::pair<int, std::string> runTarget(const std::string& options) {
+    std::string command = toolPath + " --control-port 0 --registration-port 0 --log-port 0 --syslog-port 0 " +
+                          options + " 2>&1 </dev/null";
+    std::FILE* pipe = popen(command.c_str(), "r");
+    std::string printed;
+    char line[512];
+    while (pipe != nullptr && std::fgets(line, sizeof line, pipe) != nullptr) printed += line;
+    int status = pipe != nullptr ? pclose(pipe) : -1;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, printed};
+}
+
+TEST(DeviceSinkOptions, ChoicesADeviceCantHonourAreRefusedWithTheReason) {
+    JackServer server("velmora-test-" + std::to_string(getpid()) + "-options");
+    ASSERT_EQ(setenv("JACK_DEFAULT_SERVER", server.name.c_str(), 1), 0);
+    Capture waitForServer(server.name, 1);
+    ASSERT_NE(waitForServer.client, nullptr) << "jackd -d dummy did not start";
+    const std::pair<const char*, const char*> cases[] = {
+        {"--jack --sink 1,0,A", "names the output of the --sink before it"},
+        {"--sink 1,0,A --jack --alsa hw:0", "one output per sink"},
+        {"--sink 1,0,A --alsa", "--alsa needs a device"},
+        {"--sink 1,0,A --jack x --wav /tmp/never.wav", "--wav: every sink plays to a device"},
+        {"--sink 1,0,A --jack x --ppm 100", "every sink plays on its device's clock"},
+        {"--sink 1,0,A --jack x --dsd-lsb 0x2510002:0xC", "JACK plays PCM only"},
+        {"--sink 1,0,A --jack x --pcm 0x0E02:0x000A", "at the JACK server's 48000 Hz"},  // 44.1 kHz only
+        {"--sink 1,0,A --alsa velmora-no-such-device", "ALSA device velmora-no-such-device: can't open it"},
+    };
+    for (auto [options, reason] : cases) {
+        auto [code, printed] = runTarget(options);
+        EXPECT_EQ(code, 2) << options << "\n" << printed;
+        EXPECT_NE(printed.find(reason), std::string::npos) << options << "\n" << printed;
+    }
+    ASSERT_EQ(setenv("JACK_DEFAULT_SERVER", "velmora-no-such-server", 1), 0);
+    auto [code, printed] = runTarget("--sink 1,0,A --jack");
+    EXPECT_EQ(code, 2);
+    EXPECT_NE(printed.find("can't reach the JACK server"), std::string::npos) << printed;
+}
+
 INSTANTIATE_TEST_SUITE_P(Outputs, DeviceSink, ::testing::Values(Output{"jack", false}, Output{"alsa", true}),
                          [](const ::testing::TestParamInfo<Output>& info) {
                              return std::string(info.param.name);
