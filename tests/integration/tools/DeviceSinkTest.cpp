@@ -207,8 +207,10 @@ TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
 // What velmora-target prints and returns for a set of options, its ports
 // left to the system.
 std::pair<int, std::string> runTarget(const std::string& options) {
-    std::string command = toolPath + " --control-port 0 --registration-port 0 --log-port 0 --syslog-port 0 " +
-                          options + " 2>&1 </dev/null";
+    // A program that took them would run on: 10 s ends it.
+    std::string command = "timeout 10 " + toolPath +
+                          " --control-port 0 --registration-port 0 --log-port 0 --syslog-port 0 " + options +
+                          " 2>&1 </dev/null";
     std::FILE* pipe = popen(command.c_str(), "r");
     std::string printed;
     char line[512];
