@@ -152,6 +152,50 @@ bool sinkCycle(const std::string& text, VELMORA::StreamSinkConfig& stream) {
 
 }  // namespace
 
+bool TargetOptions::sinkOutput(TestSink::Output output, int argc, char** argv, int& i, std::string& error) {
+    std::string option = argv[i];
+#ifndef VELMORA_WITH_JACK
+    if (output == TestSink::jack) {
+        error = "--jack: this build has no JACK";
+        return false;
+    }
+#endif
+#ifndef VELMORA_WITH_ALSA
+    if (output == TestSink::alsa) {
+        error = "--alsa: this build has no ALSA";
+        return false;
+    }
+#endif
+    if (testSinks.empty() || testSinks.back().output != TestSink::file) {
+        error = option + " names the output of the --sink before it (one output per sink)";
+        return false;
+    }
+    TestSink& sink = testSinks.back();
+    bool named = i + 1 < argc && !std::string(argv[i + 1]).starts_with("--");
+    if (output == TestSink::alsa && !named) {
+        error = "--alsa needs a device (hw:1, default, ...)";
+        return false;
+    }
+    sink.output = output;
+    sink.device = named ? argv[++i] : "velmora-" + std::to_string(sink.index);
+    if (sink.device.empty()) {
+        error = option + " needs a non-empty name";
+        return false;
+    }
+    return true;
+}
+
+// The file, the simulated clock and its ppm belong to sinks without a device.
+bool TargetOptions::clockFits(std::string& error) const {
+    bool anyFile = testSinks.empty();
+    for (const TestSink& sink : testSinks) anyFile = anyFile || sink.output == TestSink::file;
+    if (anyFile) return true;
+    if (!stream.play.wavPath.empty()) error = "--wav: every sink plays to a device";
+    if (stream.play.ppm != 0 || stream.play.stepPpm != 0)
+        error = "--ppm, --ppm-step: every sink plays on its device's clock";
+    return error.empty();
+}
+
 bool TargetOptions::rawFramesFit(std::string& error) {
     if (!stream.raw.interfaceName.empty()) {
         stream.msa |= VELMORA::channelOffersRawFrames;
@@ -192,10 +236,14 @@ const char* TargetOptions::usage() {
            "  --raw IFNAME              offer raw frames, taken by a packet socket on IFNAME\n"
            "  --silent-datasize, --silent-modes   leave those questions unanswered\n"
            "  --invert-phase            report an inverting sink\n"
+           "  --jack [CLIENT]           the sink before it plays to the JACK server (JACK_DEFAULT_SERVER),\n"
+           "                            as client CLIENT (default velmora-N, N the sink's index)\n"
+           "  --alsa DEVICE             the sink before it plays to ALSA device DEVICE (hw:1, default, ...)\n"
            "  sinks play what they receive:\n"
-           "  --wav FILE                write each stream to FILE (FILE.N for the sink at index N\n"
+           "  --wav FILE                sinks without a device write each stream to FILE (FILE.N for the "
+           "sink at index N\n"
            "                            when there are several); without it the audio is discarded\n"
-           "  --ppm N                   the sinks' clock against the nominal rate, in ppm\n"
+           "  --ppm N                   the clock of sinks without a device against the nominal rate, ppm\n"
            "  --ppm-step PPM@SECONDS    the clock moves by PPM more after SECONDS of play\n"
            "  --drop SHARE              drop this share of packets on arrival, 0 to 1 (0.01: 1 %)\n"
            "  --feedback N              feedback encoding: 1 centred (default), 2 signed, 3 level\n"
@@ -294,6 +342,11 @@ bool TargetOptions::parse(int argc, char** argv, std::string& error) {
     };
     for (int i = 1; i < argc; ++i) {
         std::string option = argv[i];
+        if (option == "--jack" || option == "--alsa") {
+            if (!sinkOutput(option == "--jack" ? TestSink::jack : TestSink::alsa, argc, argv, i, error))
+                return false;
+            continue;
+        }
         if (auto found = switches.find(option); found != switches.end()) {
             found->second(option);
             continue;
@@ -314,5 +367,5 @@ bool TargetOptions::parse(int argc, char** argv, std::string& error) {
         }
     }
     withLog = !noLogSocket;
-    return rawFramesFit(error);
+    return rawFramesFit(error) && clockFits(error);
 }

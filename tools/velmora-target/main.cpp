@@ -13,6 +13,7 @@
 #include "Protocol/MessageTypes.h"
 #include "Protocol/Send.h"
 #include "Sink/StreamSink.h"
+#include "SinkOutput.h"
 #include "System/Log.h"
 #include "System/Threads.h"
 #include "TargetOptions.h"
@@ -39,11 +40,25 @@ constexpr std::uint32_t listWaitMs = 5000;
 class RegisteredSink {
   public:
     RegisteredSink(const TestSink& sink, VELMORA::StreamSinkConfig stream, bool several)
-        : sink(sink), stream(withPort(stream, sink.port, several ? sink.index : -1)) {}
+        : sink(sink), config(withPort(stream, sink.port, several ? sink.index : -1)) {}
 
+    // Opens the sink's output and registers it; its line is printed once
+    // the target lists it.
     bool start(std::uint16_t registrationPort) {
-        if (!stream.start() || !socket.openNonBlocking()) return false;
-        registration.setHeader(VELMORA::MessageType::PORT_REGIST, 0, sink.index, 0, stream.port(), 0);
+        std::string error;
+        std::unique_ptr<VELMORA::PlayoutOutput> output = openSinkOutput(sink, config, error);
+        if (!error.empty()) {
+            std::fprintf(stderr, "velmora-target: sink %u, %s %s: %s\n", sink.index,
+                         sink.output == TestSink::jack ? "JACK client" : "ALSA device", sink.device.c_str(),
+                         error.c_str());
+            return false;
+        }
+        stream = std::make_unique<VELMORA::StreamSink>(config, std::move(output));
+        if (!stream->start() || !socket.openNonBlocking()) {
+            std::fprintf(stderr, "velmora-target: can't open sink %u on port %u\n", sink.index, sink.port);
+            return false;
+        }
+        registration.setHeader(VELMORA::MessageType::PORT_REGIST, 0, sink.index, 0, stream->port(), 0);
         registration.setBodyText(sink.name);
         registration.finish();
         announce(registrationPort);
@@ -57,14 +72,15 @@ class RegisteredSink {
         VELMORA::ConnectionBuffer answer(*asker.socket);
         return asker.sendAck(request, control, VELMORA::MessageType::PORT_ANS, answer,
                              VELMORA::Connection::ackTimeout) &&
-               !answer.isEmpty() && answer.param2() == stream.port();
+               !answer.isEmpty() && answer.param2() == stream->port();
     }
     // The line that tells whoever started this program that the sink is there.
     void printReady() const {
-        std::printf("sink %u: port %u, %s\n", sink.index, stream.port(), sink.name.c_str());
+        std::printf("sink %u: port %u, %s\n", sink.index, stream->port(), sink.name.c_str());
     }
     void printStats() {
-        VELMORA::SinkStats stats = stream.playStats();
+        if (stream == nullptr) return;
+        VELMORA::SinkStats stats = stream->playStats();
         if (stats.packets != 0) std::printf("sink %u: %s\n", sink.index, stats.text().c_str());
     }
     void announce(std::uint16_t registrationPort) {
@@ -88,7 +104,8 @@ class RegisteredSink {
     }
 
     TestSink sink;
-    VELMORA::StreamSink stream;
+    VELMORA::StreamSinkConfig config;
+    std::unique_ptr<VELMORA::StreamSink> stream;
     NORVA::UDPV6 socket;
     VELMORA::SendBuffer registration;
 };
@@ -127,10 +144,7 @@ int run(const TargetOptions& options) {
     std::vector<std::unique_ptr<RegisteredSink>> sinks;
     for (const TestSink& sink : options.testSinks) {
         sinks.push_back(std::make_unique<RegisteredSink>(sink, options.stream, options.testSinks.size() > 1));
-        if (!sinks.back()->start(target.boundPorts().registration)) {
-            std::fprintf(stderr, "velmora-target: can't open sink %u on port %u\n", sink.index, sink.port);
-            return 2;
-        }
+        if (!sinks.back()->start(target.boundPorts().registration)) return 2;
     }
     if (!waitUntilListed(target, sinks)) {
         std::fprintf(stderr, "velmora-target: the target does not list its sinks\n");

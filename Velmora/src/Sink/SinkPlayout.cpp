@@ -32,19 +32,24 @@ double microseconds(SinkPlayout::Clock::duration span) {
 
 }  // namespace
 
+SinkPlayout::SinkPlayout(const SinkPlayConfig& settings, std::unique_ptr<PlayoutOutput> device)
+    : config(settings), output(std::move(device)) {
+    if (output == nullptr)
+        output = std::make_unique<FileOutput>(
+            FileOutputConfig{config.ppm, config.stepPpm, config.stepAfterSeconds, config.wavPath});
+}
+
 bool SinkPlayout::start(FormatID streamFormat, std::uint32_t latencyUs) {
     std::lock_guard<std::mutex> lock(mutex);
-    wav.close();
+    if (outputOpen) output->close();
     format = streamFormat;
     frameBytes = std::max(1.0, double(format.bitsPerSample())) * format.channelCount() / 8;
-    rate = format.rate() * (1 + config.ppm / 1e6);
     capacity = std::max(1.0, double(format.rate()) * latencyUs / 1e6);
     centre = capacity * centreShare;
     counts = SinkStats{};
     counts.deviation.reserve(samplesKept);
     counts.timeline.reserve(samplesKept);
     counts.rate = format.rate();
-    counts.playRate = rate;
     counts.centre = centre;
     counts.capacity = capacity;
     counts.frameBytes = frameBytes;
@@ -59,18 +64,21 @@ bool SinkPlayout::start(FormatID streamFormat, std::uint32_t latencyUs) {
     lastReported = 0;
     inUnderrun = inOverrun = hasTransit = false;
     dropState = config.dropSeed != 0 ? config.dropSeed : 1;
-    if (config.wavPath.empty()) return true;
-    bool opened = wav.open(config.wavPath, format.rate(), std::uint16_t(format.channelCount()),
-                           std::uint16_t(format.bitsPerSample()));
-    if (!opened) LogLine(3) << "StreamSink can't write " << config.wavPath;
-    return opened;
+    std::string error;
+    outputOpen = output->open(format, capacity, error);
+    if (!outputOpen) LogLine(3) << "StreamSink can't play the stream: " << error;
+    rate = output->rate(Clock::now());
+    counts.playRate = rate;
+    return outputOpen;
 }
 
 void SinkPlayout::end() {
     std::lock_guard<std::mutex> lock(mutex);
     if (!streaming) return;
     streaming = false;
-    if (!wav.close()) LogLine(3) << "StreamSink WAV file incomplete";
+    counts.xruns = output->xruns();
+    if (outputOpen && !output->close()) LogLine(3) << "StreamSink output incomplete";
+    outputOpen = false;
 }
 
 bool SinkPlayout::isStreaming() const {
@@ -133,7 +141,8 @@ int SinkPlayout::receive(const Packet& packet, Clock::time_point now, Answer (&a
         ++counts.packets;
         packetFrames = std::floor(packet.size / frameBytes);
         counts.bytes += packet.size;
-        if (wav.isOpen() && !wav.write(packet.body, packet.size)) LogLine(3) << "StreamSink WAV write failed";
+        if (outputOpen && !output->write(packet.body, packet.size))
+            LogLine(4) << "StreamSink output lost audio";
         counts.digest.feed(packet.body, packet.size);
         // Jitter: how the arrival moves against the audio's own time.
         double transit = microseconds(now - firstArrival) - receivedFrames / format.rate() * 1e6;
@@ -164,12 +173,13 @@ void SinkPlayout::playUntil(Clock::time_point now) {
     double before = level;
     if (!counts.playing && receivedFrames >= centre) {
         counts.playing = true;
-        playStart = nextSample = now;
+        nextSample = now;
+        output->startClock(now);
     }
     if (!counts.playing) {
         level = receivedFrames;
     } else {
-        level = receivedFrames + silentFrames - playedSince(playStart, now);
+        level = receivedFrames + silentFrames - output->played(now);
     }
     // Since the last update the level only fell, as the clock played: a
     // straight line from where it stood, then whatever just arrived on top.
@@ -198,14 +208,6 @@ void SinkPlayout::playUntil(Clock::time_point now) {
     }
 }
 
-// Frames the clock has played from `start` to `now`, the step included.
-double SinkPlayout::playedSince(Clock::time_point start, Clock::time_point now) const {
-    double seconds = std::chrono::duration<double>(now - start).count();
-    if (config.stepPpm == 0 || seconds <= config.stepAfterSeconds) return seconds * rate;
-    double stepped = format.rate() * (1 + (config.ppm + config.stepPpm) / 1e6);
-    return config.stepAfterSeconds * rate + (seconds - config.stepAfterSeconds) * stepped;
-}
-
 // The deviation kept is that of the mean level since the last sample, as
 // the host hears it; the timeline keeps the moment's level too.
 void SinkPlayout::sample(Clock::time_point at) {
@@ -219,9 +221,8 @@ void SinkPlayout::sample(Clock::time_point at) {
         counts.timeline.push_back({ns, std::uint64_t(receivedFrames), level, mean, lastReported});
     counts.deviationLeast = std::min(counts.deviationLeast, d);
     counts.deviationGreatest = std::max(counts.deviationGreatest, d);
-    if (config.stepPpm != 0 && counts.playing &&
-        std::chrono::duration<double>(at - playStart).count() > config.stepAfterSeconds)
-        counts.playRate = format.rate() * (1 + (config.ppm + config.stepPpm) / 1e6);
+    if (counts.playing) counts.playRate = output->rate(at);
+    counts.xruns = output->xruns();
 }
 
 std::int32_t SinkPlayout::deviationNow() const {
@@ -311,15 +312,17 @@ SinkPlayout::Answer SinkPlayout::feedbackAnswer(std::int32_t d) const {
 
 SinkStats SinkPlayout::stats() const {
     std::lock_guard<std::mutex> lock(mutex);
-    return counts;
+    SinkStats now = counts;
+    if (streaming) now.xruns = output->xruns();
+    return now;
 }
 
 std::string SinkStats::text() const {
     std::ostringstream out;
     out << "packets " << packets << ", bytes " << bytes << ", gaps " << gaps << ", resends " << resends
         << ", duplicates " << duplicates << ", out of order " << outOfOrder << ", dropped " << dropped
-        << ", underruns " << underruns << ", overruns " << overruns << ", feedbacks " << feedbacks
-        << ", jitter " << std::lround(jitterUs) << " us, deviation " << deviationLeast << " to "
+        << ", underruns " << underruns << ", overruns " << overruns << ", xruns " << xruns << ", feedbacks "
+        << feedbacks << ", jitter " << std::lround(jitterUs) << " us, deviation " << deviationLeast << " to "
         << deviationGreatest << " (Q14)";
     return out.str();
 }
@@ -330,9 +333,10 @@ std::string SinkStats::json() const {
     out << "{\"packets\":" << packets << ",\"bytes\":" << bytes << ",\"gaps\":" << gaps
         << ",\"resends\":" << resends << ",\"duplicates\":" << duplicates << ",\"outOfOrder\":" << outOfOrder
         << ",\"dropped\":" << dropped << ",\"underruns\":" << underruns << ",\"overruns\":" << overruns
-        << ",\"silenceSeconds\":" << silenceSeconds << ",\"feedbacks\":" << feedbacks
-        << ",\"jitterUs\":" << jitterUs << ",\"deviationLeast\":" << deviationLeast
-        << ",\"deviationGreatest\":" << deviationGreatest << ",\"deviation\":[";
+        << ",\"xruns\":" << xruns << ",\"silenceSeconds\":" << silenceSeconds
+        << ",\"feedbacks\":" << feedbacks << ",\"jitterUs\":" << jitterUs
+        << ",\"deviationLeast\":" << deviationLeast << ",\"deviationGreatest\":" << deviationGreatest
+        << ",\"deviation\":[";
     for (std::size_t i = 0; i < deviation.size(); ++i) {
         out << (i == 0 ? "" : ",") << "[" << deviation[i].ms << "," << deviation[i].q14 << "]";
     }

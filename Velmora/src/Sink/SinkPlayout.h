@@ -14,13 +14,14 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "Format/FormatID.h"
+#include "Sink/PlayoutOutput.h"
 #include "Sink/StreamDigest.h"
-#include "Sink/WavWriter.h"
 #include "System/Threads.h"
 
 namespace VELMORA {
@@ -31,7 +32,7 @@ struct SinkPlayConfig {
     double stepAfterSeconds = 0;  // this long
     double dropShare = 0;         // of packets dropped on arrival, 0 to 1
     int feedbackEncoding = 1;     // 1 centred, 2 signed, 3 level
-    std::string wavPath;          // empty: the audio is discarded
+    std::string wavPath;          // empty: the audio is discarded (without a device)
     std::uint32_t dropSeed = 1;
 };
 
@@ -58,6 +59,7 @@ struct SinkStats {
     std::uint64_t dropped = 0;     // on purpose
     std::uint64_t underruns = 0;
     std::uint64_t overruns = 0;
+    std::uint64_t xruns = 0;    // of the device
     double silenceSeconds = 0;  // played in underruns
     std::uint64_t feedbacks = 0;
     double jitterUs = 0;  // smoothed arrival jitter against stream time
@@ -101,10 +103,12 @@ class SinkPlayout {
         std::uint16_t param2 = 0;
     };
 
-    explicit SinkPlayout(const SinkPlayConfig& settings) : config(settings) {}
+    // Without an output the sink plays to the WAV file of `settings` (or
+    // nowhere) on a clock of its own.
+    explicit SinkPlayout(const SinkPlayConfig& settings, std::unique_ptr<PlayoutOutput> device = nullptr);
 
     // A new stream of `format` with a buffer of `latencyUs`. False if the
-    // WAV file can't be made (the stream is then only counted).
+    // output can't take it (the stream is then only counted).
     bool start(FormatID format, std::uint32_t latencyUs);
     // Answers go out in the order given; at most two per packet.
     int receive(const Packet& packet, Clock::time_point now, Answer (&answers)[2]);
@@ -124,13 +128,13 @@ class SinkPlayout {
     Answer feedbackAnswer(std::int32_t d) const;
     std::int32_t deviationNow() const;
     std::int32_t reportedDeviation(Clock::time_point now);
-    double playedSince(Clock::time_point start, Clock::time_point now) const;
     void playUntil(Clock::time_point now);
     void sample(Clock::time_point at);
 
     const SinkPlayConfig config;
     mutable std::mutex mutex;  // the receive thread against readers of stats
-    WavWriter wav;
+    std::unique_ptr<PlayoutOutput> output;
+    bool outputOpen = false;
     bool streaming = false;
     bool started = false;  // first packet seen
     FormatID format;
@@ -146,7 +150,6 @@ class SinkPlayout {
     bool awaitingResend = false;
     Clock::time_point lastResend;
     Clock::time_point firstArrival;
-    Clock::time_point playStart;
     Clock::time_point nextSample;
     double receivedFrames = 0;
     double silentFrames = 0;  // played where nothing had come

@@ -28,8 +28,8 @@ void refuse(SendBuffer& reply, std::uint16_t requestType) {
 
 }  // namespace
 
-StreamSink::StreamSink(const StreamSinkConfig& settings)
-    : config(settings), bound(settings.address), playout(settings.play) {
+StreamSink::StreamSink(const StreamSinkConfig& settings, std::unique_ptr<PlayoutOutput> output)
+    : config(settings), bound(settings.address), playout(settings.play, std::move(output)) {
     for (Datagram& datagram : datagrams) datagram.bytes.resize(datagramRoom);
 }
 

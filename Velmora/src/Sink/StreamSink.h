@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -100,8 +101,8 @@ class StreamSink {
     // audio in a compact framing on the data port. Callable without sockets
     // while no loop runs.
     void dispatch(const Datagram& datagram);
-
-    explicit StreamSink(const StreamSinkConfig& settings);
+    // Without an output the sink plays as `settings.play` says.
+    explicit StreamSink(const StreamSinkConfig& settings, std::unique_ptr<PlayoutOutput> output = nullptr);
     ~StreamSink();
     StreamSink(const StreamSink&) = delete;
     StreamSink& operator=(const StreamSink&) = delete;

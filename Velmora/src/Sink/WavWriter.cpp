@@ -26,6 +26,14 @@ bool putAt(std::FILE* file, long offset, std::uint32_t value) {
 
 }  // namespace
 
+bool WavWriter::open(const std::string& path, FormatID format, std::string& error) {
+    if (open(path, format.rate(), std::uint16_t(format.channelCount()),
+             std::uint16_t(format.bitsPerSample())))
+        return true;
+    error = "can't write " + path;
+    return false;
+}
+
 bool WavWriter::open(const std::string& path, std::uint32_t rate, std::uint16_t channels,
                      std::uint16_t bits) {
     close();

@@ -18,16 +18,19 @@
 #include <thread>
 #include <vector>
 
+#include "../StreamHost.h"
 #include "../TargetProcess.h"
 #include "Samples/SyncBuffer.h"
 #include "ScratchFile.h"
 #include "System/Threads.h"
 #include "WorkerPriority.h"
+#include "WavFile.h"
 
 namespace {
 
 using NORVA::TimeValue;
 using namespace VELMORA;
+using namespace StreamHost;
 
 std::string toolPath;
 int seconds = 4;
@@ -41,58 +44,12 @@ constexpr std::int32_t quarterLatencyQ14 = 16384 / 3;
 constexpr std::uint32_t ringSlots = 8;
 constexpr std::uint32_t slotFrames = 192;  // 4 ms
 
-// Byte n of the source; never 0, the silence byte.
-std::uint8_t patternByte(std::uint64_t n) {
-    return std::uint8_t(1 + n % 251);
-}
-
-class PatternSource : public SyncBuffer {
-  public:
-    std::uint64_t filled = 0;  // the buffer worker's alone until the end
-
-    void fillBuffer(StreamBuffer& slot, bool) override {
-        for (std::uint64_t i = 0; i < slot.size; ++i) slot.data[i] = patternByte(filled + i);
-        filled += slot.size;
-    }
-};
-
-// What the sink wrote at the stream's end.
-struct SinkReport {
-    double underruns = -1;
-    double resends = -1;
-    double dropped = -1;
-    std::vector<std::pair<std::uint32_t, std::int32_t>> deviation;  // ms, Q14
-
-    explicit SinkReport(const std::string& path) {
-        std::ifstream in(path);
-        std::string json((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        underruns = number(json, "underruns");
-        resends = number(json, "resends");
-        dropped = number(json, "dropped");
-        std::size_t at = json.find("\"deviation\":[");
-        if (at == std::string::npos) return;
-        const char* p = json.c_str() + at + 13;
-        unsigned ms = 0;
-        int q14 = 0, used = 0;
-        while (std::sscanf(p, "[%u,%d]%n", &ms, &q14, &used) == 2) {
-            deviation.emplace_back(ms, q14);
-            p += used;
-            if (*p == ',') ++p;
-        }
-    }
-
-  private:
-    static double number(const std::string& json, const std::string& key) {
-        std::size_t at = json.find("\"" + key + "\":");
-        return at == std::string::npos ? -1 : std::strtod(json.c_str() + at + key.size() + 3, nullptr);
-    }
-};
-
+// The samples of the sink's WAV file, read as velmora-play reads it.
 std::vector<std::uint8_t> wavData(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::vector<std::uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (file.size() < 44) return {};
-    return std::vector<std::uint8_t>(file.begin() + 44, file.end());
+    WavData wav;
+    std::string error;
+    EXPECT_TRUE(readWav(path, wav, error)) << error;
+    return wav.data;
 }
 
 struct Case {
@@ -113,32 +70,15 @@ class StreamToTarget : public ::testing::TestWithParam<Case> {
     void stream(TargetProcess& target) {
         ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
         if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
-        ASSERT_TRUE(host.open(0, TimeValue::fromMs(50), 0, "acceptance", 0x4B45, -1, -1, 0));
-        ASSERT_TRUE(host.getInfo(NORVA::IPAddress::loopback(target.sinkPort), TimeValue(), false, 1500));
-        ASSERT_EQ(host.latency, latencyUnits);
-        ASSERT_TRUE(host.format.setFormat(stereoS32At48k));
-        host.transfer.setInputs({host.format.streamFormat, host.maxPacketSize, host.maxPacketCount},
-                                TimeValue::fromMs(1));
-        ASSERT_TRUE(host.transfer.planFix(0, TimeValue::fromMs(1)));
-        host.profiles[0] = host.transfer.profile();
-        host.profileCount = 1;
-        ASSERT_EQ(host.profiles[0].cycle, TimeValue::fromMs(1));
-        ASSERT_TRUE(host.setupRing(slotFrames, ringSlots, 0, FormatID()));
-        ASSERT_TRUE(host.connectPrepare());
-        ASSERT_TRUE(host.connect());
-        ASSERT_TRUE(host.connectWait());
-        ASSERT_EQ(host.connectState, Sync::connected);
-        host.play();
+        StreamHost::start(host, target.sinkPort, stereoS32At48k, latencyUnits, slotFrames, ringSlots);
+        if (HasFatalFailure()) return;
         auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
         while (std::chrono::steady_clock::now() < end && host.connectState == Sync::connected) {
             NORVA::sleepMilliseconds(10);
             adjusts.push_back(host.timing.adjust.load());
         }
-        host.stop();
-        NORVA::sleepMilliseconds(100);  // silence after the audio shows a loss among its last packets
-        ASSERT_EQ(host.connectState, Sync::connected) << "the stream ended before it was asked to";
-        host.disconnect();
-        EXPECT_EQ(host.connectState, Sync::idle);
+        finish(host);
+        if (HasFatalFailure()) return;
         EXPECT_EQ(target.stop(), 0) << target.printed;
     }
 

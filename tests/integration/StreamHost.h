@@ -1,0 +1,104 @@
+// The host's side of a stream to the velmora-target program, set up as the
+// driver's start does it: a SyncBuffer whose source is a byte pattern, one
+// profile of fixed 1 ms cycles, and the sink's statistics read back from
+// the JSON it writes at the stream's end.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Samples/SyncBuffer.h"
+#include "System/Threads.h"
+
+namespace StreamHost {
+
+// Byte n of the source; never 0, the silence byte.
+inline std::uint8_t patternByte(std::uint64_t n) {
+    return std::uint8_t(1 + n % 251);
+}
+
+class PatternSource : public VELMORA::SyncBuffer {
+  public:
+    std::uint64_t filled = 0;  // the buffer worker's alone until the end
+
+    void fillBuffer(VELMORA::StreamBuffer& slot, bool) override {
+        for (std::uint64_t i = 0; i < slot.size; ++i) slot.data[i] = patternByte(filled + i);
+        filled += slot.size;
+    }
+};
+
+// Sets the stream up and starts playing; the caller's test fails where a
+// step does. The worker takes its real priority: callers skip where the
+// system refuses it (workerPriorityGranted).
+inline void start(PatternSource& host, std::uint16_t sinkPort, VELMORA::FormatID format,
+                  std::uint16_t latency, std::uint32_t slotFrames, std::uint32_t ringSlots) {
+    using NORVA::TimeValue;
+    ASSERT_TRUE(host.open(0, TimeValue::fromMs(50), 0, "acceptance", 0x4B45, -1, -1, 0));
+    ASSERT_TRUE(host.getInfo(NORVA::IPAddress::loopback(sinkPort), TimeValue(), false, 1500));
+    ASSERT_EQ(host.latency, latency);
+    ASSERT_TRUE(host.format.setFormat(format));
+    host.transfer.setInputs({host.format.streamFormat, host.maxPacketSize, host.maxPacketCount},
+                            TimeValue::fromMs(1));
+    ASSERT_TRUE(host.transfer.planFix(0, TimeValue::fromMs(1)));
+    host.profiles[0] = host.transfer.profile();
+    host.profileCount = 1;
+    ASSERT_EQ(host.profiles[0].cycle, TimeValue::fromMs(1));
+    ASSERT_TRUE(host.setupRing(slotFrames, ringSlots, 0, VELMORA::FormatID()));
+    ASSERT_TRUE(host.connectPrepare());
+    ASSERT_TRUE(host.connect());
+    ASSERT_TRUE(host.connectWait());
+    ASSERT_EQ(host.connectState, VELMORA::Sync::connected);
+    host.play();
+}
+
+// Lets the ring play out and ends the stream.
+inline void finish(PatternSource& host) {
+    host.stop();
+    NORVA::sleepMilliseconds(100);  // silence after the audio shows a loss among its last packets
+    ASSERT_EQ(host.connectState, VELMORA::Sync::connected) << "the stream ended before it was asked to";
+    host.disconnect();
+    EXPECT_EQ(host.connectState, VELMORA::Sync::idle);
+}
+
+// What the sink wrote at the stream's end.
+struct SinkReport {
+    double underruns = -1;
+    double resends = -1;
+    double dropped = -1;
+    double xruns = -1;
+    std::vector<std::pair<std::uint32_t, std::int32_t>> deviation;  // ms, Q14
+
+    explicit SinkReport(const std::string& path) {
+        std::ifstream in(path);
+        std::string json((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        underruns = number(json, "underruns");
+        resends = number(json, "resends");
+        dropped = number(json, "dropped");
+        xruns = number(json, "xruns");
+        std::size_t at = json.find("\"deviation\":[");
+        if (at == std::string::npos) return;
+        const char* p = json.c_str() + at + 13;
+        unsigned ms = 0;
+        int q14 = 0, used = 0;
+        while (std::sscanf(p, "[%u,%d]%n", &ms, &q14, &used) == 2) {
+            deviation.emplace_back(ms, q14);
+            p += used;
+            if (*p == ',') ++p;
+        }
+    }
+
+  private:
+    static double number(const std::string& json, const std::string& key) {
+        std::size_t at = json.find("\"" + key + "\":");
+        return at == std::string::npos ? -1 : std::strtod(json.c_str() + at + key.size() + 3, nullptr);
+    }
+};
+
+}  // namespace StreamHost

@@ -1,0 +1,267 @@
+// A stream through the driver's stream engine to velmora-target playing to
+// a JACK server: jackd's dummy backend, a real clocked server that needs no
+// sound card, started under a name of this test's own. A capture client
+// here records what reaches the server. The sink plays to the server as a
+// JACK client of its own, or through ALSA: a private configuration makes an
+// ALSA device of the ALSA JACK plugin, whose ports lead to the capture.
+//
+// Bit-exact, for JACK's float samples: each 16-bit source sample x arrives
+// as exactly x / 32768 (float holds every 16- and 24-bit integer), so the
+// capture turned back into integers is the source, sample for sample,
+// after the silence before the sink's clock starts. And the stream plays
+// with no underrun of the sink, and no xrun, where the server keeps its
+// deadlines on its own: on a machine whose load or hypervisor makes the
+// dummy backend late with no client at all (a quiet second before the
+// stream tells), xruns are printed, not judged, and through ALSA, whose
+// JACK plugin turns them into silence mid-stream, the data isn't either.
+//
+// Arguments: <velmora-target> <jackd> <seconds of audio>.
+#include <jack/jack.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "../StreamHost.h"
+#include "../TargetProcess.h"
+#include "ScratchFile.h"
+#include "WorkerPriority.h"
+
+namespace {
+
+using namespace StreamHost;
+
+std::string toolPath;
+std::string jackdPath;
+int seconds = 4;
+
+const VELMORA::FormatID stereoS16At48k(0x202u, 0x000Cu);
+constexpr unsigned channels = 2;
+constexpr std::uint32_t frameBytes = 4;
+constexpr std::uint16_t latencyUnits = 400;  // 40 ms, as the other stream tests
+constexpr std::uint32_t ringSlots = 8;
+constexpr std::uint32_t slotFrames = 192;
+
+// jackd -d dummy under a name of its own, ended at the test's end.
+class JackServer {
+  public:
+    explicit JackServer(const std::string& serverName) : name(serverName) {
+        pid = fork();
+        if (pid == 0) {
+            // Its chatter (the dummy backend's timing notes) would drown the test's output.
+            std::freopen("/dev/null", "w", stdout);
+            execl(jackdPath.c_str(), "jackd", "-S", "-P", "80", "-n", name.c_str(), "-d", "dummy", "-r",
+                  "48000", "-p", "64", static_cast<char*>(nullptr));
+            _exit(127);
+        }
+    }
+    ~JackServer() {
+        if (pid <= 0) return;
+        kill(pid, SIGTERM);
+        waitpid(pid, nullptr, 0);
+    }
+    const std::string name;
+
+  private:
+    pid_t pid = -1;
+};
+
+// Records every sample of its ports into memory made beforehand.
+class Capture {
+  public:
+    Capture(const std::string& server, std::size_t frames) : samples(channels, std::vector<float>(frames)) {
+        for (int tries = 0; tries < 100 && client == nullptr; ++tries) {
+            jack_status_t status{};
+            client = jack_client_open("capture", jack_options_t(JackNoStartServer | JackServerName), &status,
+                                      server.c_str());
+            if (client == nullptr) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        if (client == nullptr) return;
+        for (unsigned c = 0; c < channels; ++c) {
+            std::string port = "in_" + std::to_string(c + 1);
+            ports.push_back(
+                jack_port_register(client, port.c_str(), JACK_DEFAULT_AUDIO_TYPE, JackPortIsInput, 0));
+        }
+        jack_set_process_callback(client, &Capture::process, this);
+        jack_set_xrun_callback(client, &Capture::xrun, this);
+        jack_activate(client);
+    }
+    ~Capture() {
+        if (client != nullptr) jack_client_close(client);
+    }
+    bool connectFrom(const std::string& sinkClient) {
+        for (unsigned c = 0; c < channels; ++c) {
+            std::string from = sinkClient + ":out_" + std::to_string(c + 1);
+            if (jack_connect(client, from.c_str(), jack_port_name(ports[c])) != 0) return false;
+        }
+        return true;
+    }
+
+    jack_client_t* client = nullptr;
+    std::vector<std::vector<float>> samples;
+    std::atomic<std::size_t> recorded{0};
+    std::atomic<unsigned> xruns{0};
+
+  private:
+    static int process(jack_nframes_t frames, void* self) {
+        auto* capture = static_cast<Capture*>(self);
+        std::size_t at = capture->recorded.load(std::memory_order_relaxed);
+        std::size_t room = capture->samples[0].size() - at;
+        std::size_t taken = frames < room ? frames : room;
+        const float* in[channels];
+        bool sound = at != 0;
+        for (unsigned c = 0; c < channels; ++c) {
+            in[c] = static_cast<const float*>(jack_port_get_buffer(capture->ports[c], frames));
+            sound = sound || std::any_of(in[c], in[c] + frames, [](float v) { return v != 0; });
+        }
+        // The silence before the sink's clock starts takes no room: its
+        // length depends on how long the set-up took.
+        if (!sound) return 0;
+        for (unsigned c = 0; c < channels; ++c)
+            std::copy(in[c], in[c] + taken, capture->samples[c].begin() + std::ptrdiff_t(at));
+        capture->recorded.store(at + taken, std::memory_order_release);
+        return 0;
+    }
+    static int xrun(void* self) {
+        static_cast<Capture*>(self)->xruns.fetch_add(1);
+        return 0;
+    }
+    std::vector<jack_port_t*> ports;
+};
+
+// Source sample i (frames and channels interleaved) as JACK should play it.
+float expectedSample(std::uint64_t i) {
+    auto value = std::int16_t(std::uint16_t(patternByte(2 * i) | patternByte(2 * i + 1) << 8));
+    return float(value) / 32768.0f;
+}
+
+struct Output {
+    const char* name;
+    bool alsa;
+};
+
+class DeviceSink : public ::testing::TestWithParam<Output> {};
+
+TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
+    JackServer server("velmora-test-" + std::to_string(getpid()) + "-" + GetParam().name);
+    ASSERT_EQ(setenv("JACK_DEFAULT_SERVER", server.name.c_str(), 1), 0);
+    Capture capture(server.name, std::size_t(seconds + 2) * 48000);
+    ASSERT_NE(capture.client, nullptr) << "jackd -d dummy did not start";
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    unsigned idleXruns = capture.xruns.exchange(0);
+
+    ScratchFile json{"velmora-jack-sink", ".json"};
+    std::vector<std::string> options = TargetProcess::anyPorts();
+    options.insert(options.end(),
+                   {"--sink", "1,0,Main out", "--jack", "velmora-test", "--latency",
+                    std::to_string(latencyUnits), "--stats-json", json.path, "--log-level", "3"});
+    TargetProcess target(toolPath, options);
+    ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
+    ASSERT_TRUE(capture.connectFrom("velmora-test"));
+
+    PatternSource host;
+    if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
+    StreamHost::start(host, target.sinkPort, stereoS16At48k, latencyUnits, slotFrames, ringSlots);
+    if (HasFatalFailure()) return;
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    finish(host);
+    if (HasFatalFailure()) return;
+    EXPECT_EQ(target.stop(), 0) << target.printed;
+
+    SinkReport report(json.path);
+    EXPECT_GE(report.xruns, 0) << "the statistics count the device's xruns";
+    std::printf(
+        "xruns: the server %u in the second before the stream, %u during it; the sink's device %.0f\n",
+        idleXruns, capture.xruns.load(), report.xruns);
+    if (idleXruns == 0) {
+        EXPECT_EQ(report.xruns, 0) << "xruns of the sink's device";
+        EXPECT_EQ(capture.xruns.load(), 0u) << "xruns of the server";
+    } else if (GetParam().alsa && report.xruns != 0) {
+        // ALSA's JACK plugin plays silence for an xrun of the server, in
+        // the middle of the stream: nothing left to compare.
+        return;
+    }
+    EXPECT_EQ(report.underruns, 0) << "the sink ran dry";
+
+    std::size_t frames = capture.recorded.load();
+    const std::vector<float>& left = capture.samples[0];
+    std::size_t lead = 0;
+    while (lead < frames && left[lead] == 0 && capture.samples[1][lead] == 0) ++lead;
+    std::uint64_t sourceFrames = host.filled / frameBytes;
+    ASSERT_GT(sourceFrames, std::uint64_t(seconds) * 48000 * 9 / 10);
+    ASSERT_GE(frames, lead + sourceFrames) << "the source came out short";
+    std::size_t wrong = 0;
+    for (std::uint64_t f = 0; f < sourceFrames; ++f) {
+        for (unsigned c = 0; c < channels; ++c)
+            wrong += capture.samples[c][lead + f] != expectedSample(f * channels + c);
+    }
+    EXPECT_EQ(wrong, 0u) << "samples that differ from the source, of " << sourceFrames * channels;
+}
+
+// What velmora-target prints and returns for a set of options, its ports
+// left to the system.
+std::pair<int, std::string> runTarget(const std::string& options) {
+    // A program that took them would run on: 10 s ends it.
+    std::string command = "timeout 10 " + toolPath +
+                          " --control-port 0 --registration-port 0 --log-port 0 --syslog-port 0 " + options +
+                          " 2>&1 </dev/null";
+    std::FILE* pipe = popen(command.c_str(), "r");
+    std::string printed;
+    char line[512];
+    while (pipe != nullptr && std::fgets(line, sizeof line, pipe) != nullptr) printed += line;
+    int status = pipe != nullptr ? pclose(pipe) : -1;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, printed};
+}
+
+TEST(DeviceSinkOptions, ChoicesADeviceCantHonourAreRefusedWithTheReason) {
+    JackServer server("velmora-test-" + std::to_string(getpid()) + "-options");
+    ASSERT_EQ(setenv("JACK_DEFAULT_SERVER", server.name.c_str(), 1), 0);
+    Capture waitForServer(server.name, 1);
+    ASSERT_NE(waitForServer.client, nullptr) << "jackd -d dummy did not start";
+    const std::pair<const char*, const char*> cases[] = {
+        {"--jack --sink 1,0,A", "names the output of the --sink before it"},
+        {"--sink 1,0,A --jack --alsa hw:0", "one output per sink"},
+        {"--sink 1,0,A --alsa", "--alsa needs a device"},
+        {"--sink 1,0,A --jack x --wav /tmp/never.wav", "--wav: every sink plays to a device"},
+        {"--sink 1,0,A --jack x --ppm 100", "every sink plays on its device's clock"},
+        {"--sink 1,0,A --jack x --dsd-lsb 0x2510002:0xC", "JACK plays PCM only"},
+        {"--sink 1,0,A --jack x --pcm 0x0E02:0x000A", "at the JACK server's 48000 Hz"},  // 44.1 kHz only
+        {"--sink 1,0,A --alsa velmora-no-such-device", "ALSA device velmora-no-such-device: can't open it"},
+    };
+    for (auto [options, reason] : cases) {
+        auto [code, printed] = runTarget(options);
+        EXPECT_EQ(code, 2) << options << "\n" << printed;
+        EXPECT_NE(printed.find(reason), std::string::npos) << options << "\n" << printed;
+    }
+    ASSERT_EQ(setenv("JACK_DEFAULT_SERVER", "velmora-no-such-server", 1), 0);
+    auto [code, printed] = runTarget("--sink 1,0,A --jack");
+    EXPECT_EQ(code, 2);
+    EXPECT_NE(printed.find("can't reach the JACK server"), std::string::npos) << printed;
+}
+
+INSTANTIATE_TEST_SUITE_P(Outputs, DeviceSink, ::testing::Values(Output{"jack", false}, Output{"alsa", true}),
+                         [](const ::testing::TestParamInfo<Output>& info) {
+                             return std::string(info.param.name);
+                         });
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    if (argc != 4 || std::atoi(argv[3]) < 2) {
+        std::fprintf(stderr, "usage: %s <velmora-target> <jackd> <seconds, at least 2>\n", argv[0]);
+        return 2;
+    }
+    toolPath = argv[1];
+    jackdPath = argv[2];
+    seconds = std::atoi(argv[3]);
+    return RUN_ALL_TESTS();
+}
