@@ -371,11 +371,16 @@ TEST(SocketPeers, IPv4DatagramsAndGroups) {
     while (all.waitReadable(TimeValue::fromMs(20)) == 2) receiveOne(all, from);
     while (one.waitReadable(TimeValue::fromMs(20)) == 2) receiveOne(one, from);
 
+    // One member at a time: a system may hand a group's datagrams to every
+    // socket on the port once any socket has joined.
     const IPAddress group(239, 255, 76, 17, address.port());
     ASSERT_TRUE(one.joinV4(group, IPAddress(0, 0, 0, 0, 0))) << one.lastError;
-    ASSERT_TRUE(all.joinV4All(group)) << all.lastError;
     ASSERT_TRUE(sender.sendTo4(group, false, sent.data(), sent.size())) << sender.lastError;
     EXPECT_EQ(receiveOne(one, from), sent);
+    one.close();
+    while (all.waitReadable(TimeValue::fromMs(20)) == 2) receiveOne(all, from);
+    ASSERT_TRUE(all.joinV4All(group)) << all.lastError;
+    ASSERT_TRUE(sender.sendTo4(group, false, sent.data(), sent.size())) << sender.lastError;
     EXPECT_EQ(receiveOne(all, from), sent);
 }
 
