@@ -100,7 +100,8 @@ bool Socket::bind(IPAddress& address) {
     }
     record.scope = boundScope;
 
-    if (!Platform::socketBind6(handle, record)) {
+    bool bound = isV4() ? Platform::socketBind4(handle, record) : Platform::socketBind6(handle, record);
+    if (!bound) {
         lastError = Platform::lastSocketError();
         return false;
     }
@@ -136,10 +137,99 @@ bool Socket::sendTo(const IPAddress& peer, bool retry, const void* data, std::si
 
 bool Socket::sendRecord(const void* data, std::size_t length, bool retry,
                         const Platform::SocketAddress6& record) {
+    return sendRetrying(length, retry, [&] { return Platform::socketSendTo6(handle, data, length, record); });
+}
+
+bool Socket::sendTo4(const IPAddress& peer, bool retry, const void* data, std::size_t length) {
+    Platform::SocketAddress6 record = socketAddressOf(peer);
+    auto send = [&] { return Platform::socketSendTo4(handle, data, length, record); };
+    if (record.bytes[12] != 239) return sendRetrying(length, retry, send);
+    // A group of this site's own scope: out of every interface, each named by
+    // one of its addresses.
+    InterfaceMap locals;
+    if (!enumerateV4(locals)) return false;
+    for (const auto& [local, info] : locals) {
+        std::uint8_t bytes[16];
+        local.copyBytes(bytes);
+        if (!Platform::socketSetMulticastInterface4(handle, bytes + 12)) {
+            lastError = Platform::lastSocketError();
+            return false;
+        }
+        if (!sendRetrying(length, retry, send)) return false;
+    }
+    return true;
+}
+
+bool Socket::sendBytes(const void* data, std::size_t length) {
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    while (length != 0) {
+        std::int64_t sent = Platform::socketSend(handle, bytes, length);
+        if (sent <= 0) {
+            lastError = Platform::lastSocketError();
+            return false;
+        }
+        bytes += sent;
+        length -= static_cast<std::size_t>(sent);
+    }
+    return true;
+}
+
+bool Socket::connect(const IPAddress& address) {
+    Platform::SocketAddress6 record = socketAddressOf(address);
+    if (boundScope != 0) record.scope = boundScope;
+    Platform::SocketFamily family = isV4() ? Platform::SocketFamily::v4 : Platform::SocketFamily::v6;
+    if (Platform::socketConnect(handle, record, family)) return true;
+    lastError = Platform::lastSocketError();
+    return false;
+}
+
+bool Socket::accept(Socket& out, IPAddress& peer) {
+    Platform::SocketAddress6 from{};
+    Platform::SocketHandle accepted = Platform::socketAccept(handle, &from);
+    if (accepted == Platform::noSocket) {
+        lastError = Platform::lastSocketError();
+        return false;
+    }
+    out.close();
+    out.handle = accepted;
+    out.kind = kind;
+    // Systems differ in what an accepted socket inherits: it starts blocking.
+    out.setBlocking(true);
+    peer = addressOf(from);
+    return true;
+}
+
+int Socket::accept(Socket& out, IPAddress& peer, TimeValue timeout) {
+    int ready = waitReadable(timeout);
+    if (ready != 2) return ready;
+    return accept(out, peer) ? 2 : 0;
+}
+
+bool Socket::joinV4(const IPAddress& group, const IPAddress& interfaceAddress) {
+    std::uint8_t groupBytes[16];
+    std::uint8_t interfaceBytes[16];
+    group.copyBytes(groupBytes);
+    interfaceAddress.copyBytes(interfaceBytes);
+    if (Platform::socketJoinGroup4(handle, groupBytes + 12, interfaceBytes + 12)) return true;
+    lastError = Platform::lastSocketError();
+    return false;
+}
+
+bool Socket::joinV4All(const IPAddress& group) {
+    InterfaceMap locals;
+    if (!enumerateV4(locals)) return false;
+    for (const auto& [local, info] : locals) {
+        if (!joinV4(group, local)) return false;
+    }
+    return true;
+}
+
+template <typename Send>
+bool Socket::sendRetrying(std::size_t length, bool retry, Send send) {
     bool switched = false;
     for (;;) {
         if (isInterrupted()) return failInterrupted();
-        std::int64_t sent = Platform::socketSendTo6(handle, data, length, record);
+        std::int64_t sent = send();
         if (sent < 0) {
             lastError = Platform::lastSocketError();
             bool congestion = lastError == Platform::errorNoBuffers || lastError == Platform::errorWouldBlock;

@@ -20,6 +20,15 @@ inline sockaddr_in6 toNative(const SocketAddress6& address) {
     return native;
 }
 
+// The record of an IPv4 socket: the last four bytes of the mapped form.
+inline sockaddr_in toNative4(const SocketAddress6& address) {
+    sockaddr_in native{};
+    native.sin_family = AF_INET;
+    native.sin_port = address.portNetworkOrder;
+    std::memcpy(&native.sin_addr, address.bytes + 12, 4);
+    return native;
+}
+
 // IPv4 senders are given in the mapped form ::ffff:a.b.c.d.
 inline void fromNative(const sockaddr_storage& native, SocketAddress6& address) {
     address = SocketAddress6{};

@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -264,6 +265,123 @@ TEST(SocketSet, TellsWhichSocketIsReadable) {
     EXPECT_FALSE(set.isReady(first));
     EXPECT_TRUE(set.isReady(second));
     EXPECT_FALSE(set.isReady(closed));
+}
+
+}  // namespace
+
+namespace {
+
+// Bytes that show a lost, doubled or reordered stretch.
+std::vector<std::uint8_t> patternOf(std::size_t size) {
+    std::vector<std::uint8_t> bytes(size);
+    for (std::size_t i = 0; i < size; ++i) bytes[i] = std::uint8_t(i * 7 + i / 251);
+    return bytes;
+}
+
+// What a stream socket receives until it has `size` bytes or fails.
+std::vector<std::uint8_t> receiveAll(Socket& socket, std::size_t size) {
+    std::vector<std::uint8_t> bytes(size);
+    std::size_t have = 0;
+    while (have < size) {
+        std::size_t received = 0;
+        if (socket.waitReadable(arrival) != 2 || !socket.receive(bytes.data() + have, size - have, received))
+            break;
+        have += received;
+    }
+    bytes.resize(have);
+    return bytes;
+}
+
+// A connection in each family: accept with a limit times out on no caller,
+// then both accept forms take a caller, with its address, and a stream send
+// of more than one segment arrives whole.
+TEST(SocketPeers, StreamsConnectAcceptAndCarryEveryByte) {
+    struct Case {
+        Socket::Kind kind;
+        IPAddress address;
+        const char* peerText;
+    };
+    const Case cases[] = {
+        {Socket::tcp6, IPAddress::loopback(0), "::1"},
+        {Socket::tcp4, IPAddress(127, 0, 0, 1, 0), "127.0.0.1"},
+    };
+    const std::vector<std::uint8_t> sent = patternOf(50000);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.peerText);
+        Socket listener;
+        ASSERT_TRUE(listener.open(c.kind));
+        IPAddress address = c.address;
+        ASSERT_TRUE(listener.bind(address));
+        Socket accepted;
+        IPAddress peer;
+        EXPECT_EQ(listener.accept(accepted, peer, TimeValue::fromMs(1)), 1) << "no caller yet";
+
+        Socket first;
+        Socket second;
+        ASSERT_TRUE(first.open(c.kind) && second.open(c.kind));
+        ASSERT_TRUE(first.connect(address)) << first.lastError;
+        ASSERT_TRUE(second.connect(address)) << second.lastError;
+        ASSERT_EQ(listener.accept(accepted, peer, arrival), 2);
+        EXPECT_EQ(peer.toString(), c.peerText);
+        EXPECT_NE(peer.port(), 0);
+        Socket other;
+        IPAddress otherPeer;
+        ASSERT_TRUE(listener.accept(other, otherPeer));
+        EXPECT_NE(otherPeer.port(), peer.port());
+
+        ASSERT_TRUE(first.sendBytes(sent.data(), sent.size())) << first.lastError;
+        ASSERT_TRUE(second.sendBytes(sent.data(), 10));
+        EXPECT_EQ(receiveAll(accepted, sent.size()), sent);
+        EXPECT_EQ(receiveAll(other, 10), patternOf(10));
+    }
+}
+
+// IPv4 datagrams to one address, and to a group, which each receiver that
+// joined on some interface of this machine hears.
+TEST(SocketPeers, IPv4DatagramsAndGroups) {
+    const std::vector<std::uint8_t> sent = patternOf(300);
+    auto receiveOne = [&](Socket& socket, IPAddress& from) {
+        std::vector<std::uint8_t> bytes(1500);
+        std::size_t received = 0;
+        if (socket.waitReadable(arrival) != 2 ||
+            !socket.receiveFrom(bytes.data(), bytes.size(), received, from))
+            received = 0;
+        bytes.resize(received);
+        return bytes;
+    };
+
+    Socket sender;
+    Socket one;
+    Socket all;
+    ASSERT_TRUE(sender.open(Socket::udp4) && one.open(Socket::udp4) && all.open(Socket::udp4));
+    IPAddress address(0, 0, 0, 0, 0);
+    ASSERT_TRUE(one.bind(address));
+    IPAddress shared = address;
+    ASSERT_TRUE(all.bind(shared)) << "the same port, as two programs listening to one group";
+
+    IPAddress direct(127, 0, 0, 1, address.port());
+    ASSERT_TRUE(sender.sendTo4(direct, false, sent.data(), sent.size())) << sender.lastError;
+    IPAddress from;
+    std::vector<std::uint8_t> heard = receiveOne(one, from);
+    if (heard.empty()) heard = receiveOne(all, from);
+    EXPECT_EQ(heard, sent);
+    EXPECT_EQ(from.toString(), "127.0.0.1");
+
+    // Drop what the shared port may hold of the direct datagram.
+    while (all.waitReadable(TimeValue::fromMs(20)) == 2) receiveOne(all, from);
+    while (one.waitReadable(TimeValue::fromMs(20)) == 2) receiveOne(one, from);
+
+    // One member at a time: a system may hand a group's datagrams to every
+    // socket on the port once any socket has joined.
+    const IPAddress group(239, 255, 76, 17, address.port());
+    ASSERT_TRUE(one.joinV4(group, IPAddress(0, 0, 0, 0, 0))) << one.lastError;
+    ASSERT_TRUE(sender.sendTo4(group, false, sent.data(), sent.size())) << sender.lastError;
+    EXPECT_EQ(receiveOne(one, from), sent);
+    one.close();
+    while (all.waitReadable(TimeValue::fromMs(20)) == 2) receiveOne(all, from);
+    ASSERT_TRUE(all.joinV4All(group)) << all.lastError;
+    ASSERT_TRUE(sender.sendTo4(group, false, sent.data(), sent.size())) << sender.lastError;
+    EXPECT_EQ(receiveOne(all, from), sent);
 }
 
 }  // namespace

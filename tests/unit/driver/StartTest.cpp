@@ -104,4 +104,30 @@ TEST_F(Start, RandomCyclesNeedAShortestCycle) {
     driver.stop();
 }
 
+// With a limit for the target's profile, two profiles are planned, and a
+// first cycle of a millisecond or more lets the worker sleep: the spin bits
+// go. A target without a profile gets the fall-back, whose first cycle is
+// the limit stepped by 50 us until it passes the limit plus 3 %.
+TEST_F(Start, TargetProfileLimitPlansTwoProfilesAndLongCyclesSleep) {
+    struct Case {
+        std::uint64_t limitUs;
+        std::uint64_t firstCycleUs;
+        std::uint32_t flagsLeft;
+    };
+    const std::uint32_t spin = VELMORA::ThreadFlag::noSleep4Core | VELMORA::ThreadFlag::noSleepForce;
+    const Case cases[] = {{949, 999, spin | 1}, {950, 1000, 1}};
+    makeBuffers(256);
+    for (const Case& c : cases) {
+        driver.sync.threadFlags = driver.settings.thredMode = spin | 1;  // as init leaves them
+        driver.settings.targetProfileLimitTime = NORVA::TimeValue::fromUs(c.limitUs);
+        LogCapture log;
+        EXPECT_EQ(driver.start(), ASE_NotPresent);
+        EXPECT_TRUE(log.has("configTransfer profile"));
+        EXPECT_EQ(driver.sync.profileCount, 2);
+        EXPECT_EQ(driver.sync.profiles[0].cycle.toUs(), c.firstCycleUs);
+        EXPECT_EQ(driver.sync.threadFlags, c.flagsLeft) << c.limitUs;
+        driver.stop();
+    }
+}
+
 }  // namespace
