@@ -23,8 +23,8 @@
 #include "Samples/SyncBuffer.h"
 #include "ScratchFile.h"
 #include "System/Threads.h"
-#include "WorkerPriority.h"
 #include "WavFile.h"
+#include "WorkerPriority.h"
 
 namespace {
 
