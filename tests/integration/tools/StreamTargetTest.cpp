@@ -45,6 +45,14 @@ constexpr std::uint32_t ringSlots = 8;
 constexpr std::uint32_t slotFrames = 192;  // 4 ms
 constexpr double centreFrames = 48 * latencyUnits / 10 * 3 / 4.0;
 constexpr double settledMs = 1000;
+// The sanitizers slow the stream worker several-fold, so that it misses
+// cycles and can't send at the rate its correction asks for: there the rate
+// the correction settles at says nothing about the product.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool workerKeepsTime = false;
+#else
+constexpr bool workerKeepsTime = true;
+#endif
 
 // The samples of the sink's WAV file, read as velmora-play reads it.
 std::vector<std::uint8_t> wavData(const std::string& path) {
@@ -184,8 +192,10 @@ TEST_P(StreamToTarget, SourceArrivesWholeAndTheBufferStaysCentred) {
     double endMs = adjusts.back().ms;
     double moved = deviationBefore(report, endMs) - deviationBefore(report, settledMs + 100);
     double given = run.ppm * 16384 / 1e6 + moved * centreFrames / (48 * (endMs - settledMs));
-    EXPECT_NEAR(meanAdjust(), given, 3.0)
-        << "the mean correction after the first second, Q14 (the buffer moved " << moved << ")";
+    if (workerKeepsTime) {
+        EXPECT_NEAR(meanAdjust(), given, 3.0)
+            << "the mean correction after the first second, Q14 (the buffer moved " << moved << ")";
+    }
     double centre = 0;
     std::size_t counted = 0;
     for (std::size_t i = report.deviation.size() / 2; i < report.deviation.size(); ++i, ++counted)

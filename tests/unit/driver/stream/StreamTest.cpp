@@ -280,12 +280,14 @@ TEST_P(Formats, ArriveBitExact) {
     EXPECT_TRUE(waitForCalls(perSecond));
 
     // While streaming, the host is ahead of what the sink has taken by the
-    // ring and what is on its way, no more.
+    // ring and what is on its way, no more. (The sink may have taken more
+    // than the host gave: a stall that empties the ring is filled with
+    // silence.)
     const std::uint64_t callsNow = host.calls.load();
     const std::uint32_t wireSample = c.wire == OnWire::highThree ? 3 : c.sampleBytes;
     const double perBuffer = double(host.samples) * host.channels * wireSample;
     const double taken = double(peer->sink.playStats().bytes) / perBuffer;
-    EXPECT_NEAR(double(callsNow), taken, 8 + 2) << "ring of 8 buffers";
+    EXPECT_LE(double(callsNow), taken + 8 + 2) << "ring of 8 buffers";
 
     EXPECT_EQ(driver->stop(), ASE_OK);
     const std::uint64_t calls = host.calls.load();
