@@ -251,6 +251,15 @@ def stop(process):
             process.wait()
 
 
+def wait_for_stats(work, target):
+    """The target writes a stream's statistics when the stream ends."""
+    stats = os.path.join(work, "stats.json")
+    end = time.monotonic() + 5
+    while not os.path.exists(stats) and time.monotonic() < end and target.poll() is None:
+        time.sleep(0.05)
+    time.sleep(0.1)
+
+
 def run_processes(target_cmd, play_cmd, work, seconds, result):
     """Runs the target, then the host to its end, sampling both processes'
     CPU time; the samples by role."""
@@ -282,12 +291,7 @@ def run_processes(target_cmd, play_cmd, work, seconds, result):
                     result["error"] = "velmora-play didn't end"
                     break
                 time.sleep(0.1)
-            # The target writes a stream's statistics when the stream ends.
-            stats = os.path.join(work, "stats.json")
-            end = time.monotonic() + 5
-            while not os.path.exists(stats) and time.monotonic() < end and target.poll() is None:
-                time.sleep(0.05)
-            time.sleep(0.1)
+            wait_for_stats(work, target)
         finally:
             stop(target)
     return samples

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Writes the seed corpora under corpus/<harness>/: frames as the protocol
 carries them (16-byte little-endian header, version 100, body padded to 8),
-settings files and address texts. Run again after a change of the formats."""
+settings files and address texts, a target's answers as Find reads them,
+and raw Ethernet stream frames. Run again after a change of the formats."""
 import os
 import struct
 
@@ -83,4 +84,60 @@ write("fuzz_address", {
     "mapped": b"::ffff:192.168.1.7,80",
     "bracketed": b"[fe80::abcd:1]",
     "full": b"2001:db8:0:0:0:0:0:1",
+})
+
+
+def answer(flags=1, p=(0, 0, 0, 0), body=b""):
+    """One answer of a target as the find harness's responder sends it."""
+    return struct.pack("<6H", len(body), flags, *p) + body
+
+
+def text(*strings):
+    return b"\0".join(s.encode() for s in strings) + b"\0"
+
+
+target_id = struct.unpack("<4H", struct.pack("<Q", 0x454E415254534B45))
+port_map = b"\x01" + bytes(511) + bytes(512)
+icon_row = bytes(range(0, 128, 4)) * 4  # 32 pixels of 4 bytes
+
+# The first byte chooses the read (the harness's switch), the answers follow
+# in the order the read asks.
+write("fuzz_find_answers", {
+    "discover": bytes([0]) + answer(1, target_id, text("test target")) + answer(1),
+    "port-list": bytes([1]) + answer(1, (1, 0, 0, 0), port_map),
+    "port-classes": bytes([1]) + answer(1, (1, 0, 1, 0)) + answer(1, (2, 0, 1, 0), port_map),
+    "first-target": bytes([2]) + answer(1, (1, 0, 0, 0), port_map) + answer(1, (0, 0, 19643, 1), text("Out"))
+    + answer(1, (1, 2, 0, 0)) + answer(1, (0, 0, 0, 0), text("[myaddress] box")),
+    "texts": bytes([3]) + answer(1, (0, 0, 0, 0), text("first text")) + answer(1, (2, 0, 0, 0))
+    + answer(1, (1, 1, 0, 0), text("one")) + answer(1, (1, 2, 0, 0), text("two"))
+    + answer(1, (0, 0, 0, 0), bytes(range(16))) + answer(1, (0, 0, 0, 0), text("Invalid")),
+    "status": bytes([4]) + answer(1, (2, 0, 0, 0))
+    + answer(1, (1, 1, 19643, 1), bytes(16) + struct.pack("<H", 2) + bytes(6) + text("playing")),
+    "settings": bytes([5]) + answer(1, (2, 0, 0, 0)) + answer(1, (1, 1, 0, 100), text("Volume"))
+    + answer(1, (1, 40, 0, 40), text("40")) + answer(1, (2, 5, 0, 1), text("Mode"))
+    + answer(1, (2, 1, 0, 1)) + answer(1, (2, 0, 0, 0), text("low")) + answer(1, (2, 0, 1, 0), text("high")),
+    "icon": bytes([6]) + answer(1, (1, 32, 4, 0)) + answer(1, (1, 1, 1, 32), icon_row)
+    + answer(1, (1, 2, 1, 32), icon_row),
+    "slots": bytes([7]) + answer(1, (1, 0, 0, 0)) + answer(1, (1, 7, 0, 0), text("firmware", "v2"))
+    + answer(1, (1, 0x1234, 0xFFFF, 0)),
+    "mtu": bytes([8]) + b"".join(answer(1, (0, 0, n, 0)) for n in (1500, 1400, 1450, 1472, 1480)),
+    "writes": bytes([9]) + answer(1, (1, 5, 0, 40), text("text")) + answer(1) + answer(1)
+    + answer(1, (1, 0, 0, 0)) + answer(1, (1, 1, 0, 0)) + answer(1, (1, 2, 0, 0)) + answer(1, (1, 3, 0, 0))
+    + answer(1, (1, 0xD1E1, 0xFFFF, 0)),
+})
+
+
+def raw_frame(tag, body, short=False):
+    """A stream frame from the host 02:00:00:00:00:02 to the sink
+    02:00:00:00:00:01, ether type 0x88B5, link byte 1."""
+    head = bytes([2, 0, 0, 0, 0, 1, 2, 0, 0, 0, 0, 2]) + struct.pack(">H", 0x88B5)
+    if not short:
+        return head + bytes([0x01, tag]) + body
+    return head + bytes([0x81, tag, len(body)]) + bytes(7) + body + bytes(60 - 24 - len(body))
+
+
+write("fuzz_sink_raw", {
+    "full": raw_frame(0x05, bytes(range(1, 65))),
+    "feedback": raw_frame(0x85, bytes(range(1, 33))),
+    "short": raw_frame(0x06, bytes(range(1, 13)), short=True),
 })

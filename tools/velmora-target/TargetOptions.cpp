@@ -256,6 +256,8 @@ const char* TargetOptions::usage() {
            "  --icon N,WIDTH,HEIGHT[,alpha]   a generated icon\n"
            "  --loopback                answer discovery from ::1\n"
            "  --restart-allowed         accept RESTART_REQ\n"
+           "  --read-only               refuse setting writes, commits, restarts and slot data from the "
+           "link\n"
            "  --forward-log             pass local log lines to the system log\n"
            "  --no-log-socket           don't take local log lines\n"
            "  --synchro                 handle clock reports, at high priority\n"
@@ -331,6 +333,7 @@ bool TargetOptions::parse(int argc, char** argv, std::string& error) {
     const std::map<std::string, std::function<bool(const std::string&)>> switches = {
         {"--loopback", flag(c.allowLoopback)},
         {"--restart-allowed", flag(c.restartAllowed)},
+        {"--read-only", flag(c.readOnly)},
         {"--forward-log", flag(c.forwardLog)},
         {"--no-log-socket", flag(noLogSocket)},
         {"--synchro", flag(c.synchro)},
@@ -367,5 +370,9 @@ bool TargetOptions::parse(int argc, char** argv, std::string& error) {
         }
     }
     withLog = !noLogSocket;
+    if (c.readOnly && c.restartAllowed) {
+        error = "--read-only refuses the restarts that --restart-allowed accepts";
+        return false;
+    }
     return rawFramesFit(error) && clockFits(error);
 }

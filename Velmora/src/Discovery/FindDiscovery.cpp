@@ -17,6 +17,17 @@ constexpr std::uint16_t portMapLimit = 4095;
 // The list form of PORT_REQ answers with both lists' maps.
 constexpr std::uint32_t portAnswerBodySize = 2 * portMapBytes;
 constexpr std::string_view myAddressMark = "[myaddress]";
+// Reading one target's ports ends here, however many it lists: a target that
+// lists thousands and then stays silent, or points each at a silent sink,
+// would otherwise hold init for an hour.
+constexpr NORVA::TimeValue portWalkLimit = NORVA::TimeValue::fromSeconds(2);
+
+bool portWalkLeft(NORVA::TimeValue began, const NORVA::IPAddress& address) {
+    if (NORVA::TimeValue::now() - began < portWalkLimit) return true;
+    NORVA::LogLine(4) << "Velmora Find ports of " << address << " cut after " << portWalkLimit.toMs()
+                      << " ms";
+    return false;
+}
 
 bool isDiscoverAnswer(const ConnectionBuffer& frame) {
     return frame.isValid() && frame.type() == MessageType::DISCOVER_ANS && (frame.flags() & flagYes) != 0;
@@ -193,9 +204,11 @@ bool Find::readTargetRecords(const TargetMap& targets, TargetRecordMap& records)
         if (!readTargetName(address, targetName)) return false;
 
         TargetRecord* previous = nullptr;
+        const NORVA::TimeValue began = NORVA::TimeValue::now();
         for (std::uint32_t index = 1; index <= count; ++index) {
             auto portIndex = static_cast<std::uint16_t>(index);
             if (!portIsListed(map, count, portIndex)) continue;
+            if (!portWalkLeft(began, address)) break;
             NORVA::IPAddress sinkAddress;
             TargetRecord found;
             if (!readPort(address, portIndex, sinkAddress, found.version, found.outputName,
@@ -260,8 +273,10 @@ bool Find::readFirstTarget(const NORVA::IPAddress& address, NORVA::IPAddress& si
         std::uint16_t secondCount = 0;
         std::uint8_t map[portMapBytes];
         if (!readPortList(scoped, count, secondCount, map)) return false;
+        const NORVA::TimeValue began = NORVA::TimeValue::now();
         for (std::uint32_t index = 1; index <= count; ++index) {
             if (!portIsListed(map, count, std::uint16_t(index))) continue;
+            if (!portWalkLeft(began, scoped)) break;
             if (!readTarget(address, std::uint16_t(index), sinkAddress, record)) return false;
             if (!sinkAddress.isAnyNoPort()) return true;
         }

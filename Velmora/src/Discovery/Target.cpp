@@ -474,6 +474,12 @@ void Target::echo(std::uint16_t type, const NORVA::IPAddress& source) {
     reply(answer, source, type);
 }
 
+bool Target::refusedAsReadOnly(const char* what, const NORVA::IPAddress& source) const {
+    if (!config.readOnly) return false;
+    NORVA::LogLine(4) << "read-only, " << what << " not allowed from " << source;
+    return true;
+}
+
 Target::PortList* Target::listOf(int base, bool sink) {
     if (base != 0 && base != 2 && base != 4) return nullptr;
     return &state.lists[base + (sink ? 1 : 0)];

@@ -201,6 +201,9 @@ class Target {
     void logDatagram(const NORVA::ByteArray& datagram);
     void logHostCap(const char* what);
 
+    // True, logged, if the target is read-only: `what` from `source` is
+    // then refused.
+    bool refusedAsReadOnly(const char* what, const NORVA::IPAddress& source) const;
     // Sends a finished answer; a failure is logged with `place`.
     bool reply(Send& message, const NORVA::IPAddress& to, int place);
     bool sendRaw(const void* data, std::size_t size, const NORVA::IPAddress& to, int place);

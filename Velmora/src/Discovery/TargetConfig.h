@@ -53,6 +53,11 @@ struct TargetConfig {
     std::string text2;
     std::uint64_t identity = 0;
     bool restartAllowed = false;
+    // Nobody on the link may change the target: setting writes and the
+    // commit, restart requests and slot data are refused and logged. The
+    // protocol has no authentication; this is the switch for links where
+    // that matters.
+    bool readOnly = false;
     bool forwardLog = false;
     std::string infoText;
     std::vector<std::string> infoList;

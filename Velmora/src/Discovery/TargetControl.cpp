@@ -153,7 +153,7 @@ void Target::syncName(const Receive& request, const NORVA::IPAddress& source) {
 }
 
 void Target::restart(const Receive& request, const NORVA::IPAddress& source) {
-    if (!config.restartAllowed) {
+    if (!config.restartAllowed || refusedAsReadOnly("restart", source)) {
         Send answer(MessageType::RESTART_ANS, 0);
         reply(answer, source, MessageType::RESTART_ANS);
         return;

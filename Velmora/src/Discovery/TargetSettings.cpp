@@ -66,8 +66,13 @@ void Target::settingList(const Receive& request, const NORVA::IPAddress& source)
 
 void Target::settingValue(const Receive& request, const NORVA::IPAddress& source) {
     const std::uint16_t number = request.param0(), operation = request.param1();
+    const bool writing = operation == writeValue || operation == reapplyValue;
+    // Refused writes get the answer of a write that failed: flags 0 and,
+    // for a setting, the value that stands.
+    const bool refused =
+        writing && refusedAsReadOnly(number == 0 ? "settings commit" : "setting write", source);
     if (number == 0) {
-        bool done = (operation == writeValue || operation == reapplyValue) && commit(operation == writeValue);
+        bool done = writing && !refused && commit(operation == writeValue);
         Send answer(MessageType::SETTINGVALUE_ANS, done ? flagYes : 0);
         reply(answer, source, MessageType::SETTINGVALUE_ANS);
         if (done) {
@@ -90,7 +95,9 @@ void Target::settingValue(const Receive& request, const NORVA::IPAddress& source
     std::uint16_t value = row.value;
     std::string body = shownText(row, value);
     bool success = operation == readValue;
-    if (operation == reapplyValue) {
+    if (refused) {
+        success = false;
+    } else if (operation == reapplyValue) {
         std::string text = row.kind == textKind ? row.text : std::string();
         bool known = row.kind >= unsignedNumber && row.kind <= shownNumber && row.kind != choiceByText;
         success = known && writeSetting(index, text, value, true);

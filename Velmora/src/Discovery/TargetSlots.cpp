@@ -38,6 +38,15 @@ void Target::transferDataSet(const Receive& request, const NORVA::IPAddress& sou
         NORVA::LogLine(3) << "TRANSFERDATA_SET error " << request.param0() << " / " << config.slotCount;
         return;
     }
+    if (config.readOnly) {
+        // Only the frame that wants an answer hears the refusal, which ends
+        // the host's transfer; the others are dropped unlogged.
+        if (wantsAck && refusedAsReadOnly("slot data", source)) {
+            Send answer(MessageType::TRANSFERDATA_ANS, 0, slot, 0, 0, 0);
+            reply(answer, source, MessageType::TRANSFERDATA_ANS);
+        }
+        return;
+    }
     const std::uint16_t slotIndex = slot - 1;
     const std::uint16_t sequence = request.param1(), packet = request.param2(), block = request.param3();
     if (sequence == 0 && packet == 0 && block == 0) {
@@ -60,7 +69,8 @@ void Target::transferDataSet(const Receive& request, const NORVA::IPAddress& sou
 void Target::transferCheckRequest(const Receive& request, const NORVA::IPAddress& source) {
     const std::uint16_t slot = request.param0();
     std::uint16_t crc = request.param1(), checkState = request.param2();
-    bool passed = slot != 0 && slot <= config.slotCount && transferCheck(slot - 1, crc, checkState);
+    bool passed = slot != 0 && slot <= config.slotCount && !refusedAsReadOnly("slot check", source) &&
+                  transferCheck(slot - 1, crc, checkState);
     Send answer(MessageType::TRANSFERCHECK_ANS, 0);
     if (passed) answer.setHeader(MessageType::TRANSFERCHECK_ANS, flagYes, slot, crc, checkState, 0);
     reply(answer, source, MessageType::TRANSFERCHECK_ANS);

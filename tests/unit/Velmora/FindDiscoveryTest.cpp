@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
 
 #include <cstring>
 
@@ -193,6 +195,40 @@ TEST_F(FindOnLoopback, ASilentTargetGivesEmptyResults) {
     std::string name;
     EXPECT_TRUE(find.probeTarget(silent.address, id, name));
     EXPECT_EQ(id, VELMORA::noProductId);
+}
+
+// A target that lists every port there can be and then goes silent: each
+// port costs a whole exchange's tries, so only the walk's own limit keeps
+// init from waiting an hour. Both walks must end in seconds.
+TEST_F(FindOnLoopback, AHugePortListFromATargetThatGoesSilentEndsInSeconds) {
+    FindPeer lister([](FindPeer& peer, const Receive& request) {
+        if (request.type() == MessageType::PORT_REQ && request.param0() == 0) peer.yes(request, 0xFFFF);
+    });
+    aimAt(lister);
+    VELMORA::TargetMap targets{{lister.address, {peerId, "lister"}}};
+    const struct {
+        const char* name;
+        std::function<void()> walk;
+    } walks[] = {
+        {"records",
+         [&] {
+             VELMORA::TargetRecordMap records;
+             EXPECT_TRUE(find.readTargetRecords(targets, records));
+         }},
+        {"first target",
+         [&] {
+             IPAddress sink;
+             VELMORA::TargetRecord record;
+             EXPECT_TRUE(find.readFirstTarget(lister.address, sink, record));
+             EXPECT_TRUE(sink.isAnyNoPort());
+         }},
+    };
+    for (const auto& row : walks) {
+        SCOPED_TRACE(row.name);
+        const auto began = std::chrono::steady_clock::now();
+        row.walk();
+        EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(10));
+    }
 }
 
 TEST_F(FindOnLoopback, ReadTargetAsksTheControlPortOfAKnownAddress) {

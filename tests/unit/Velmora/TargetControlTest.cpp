@@ -261,6 +261,71 @@ TEST(TargetControl, RestartOnlyWhenAllowedAndOnlyWithACode) {
     EXPECT_EQ(open.target.exitCode(), 7);
 }
 
+namespace {
+
+// Counts what reaches the program's hooks for slots, on top of the setting
+// table's.
+class WritableTarget : public SettingTarget {
+  public:
+    using SettingTarget::SettingTarget;
+    int dataCalls = 0;
+    int checks = 0;
+
+  protected:
+    void dataReceived(NORVA::BufferCS_const data, std::uint16_t slot, std::uint16_t packet,
+                      std::uint16_t block) override {
+        ++dataCalls;
+        Target::dataReceived(data, slot, packet, block);
+    }
+    bool transferCheck(std::uint16_t slot, std::uint16_t& crc, std::uint16_t& state) override {
+        ++checks;
+        return Target::transferCheck(slot, crc, state);
+    }
+};
+
+}  // namespace
+
+// Each request that changes the target is refused by a read-only one, in the
+// form a failed write takes, reaches no hook and ends nothing; the same
+// request to a writable target succeeds, so the refusal is the switch's.
+TEST(TargetControl, ReadOnlyRefusesEveryChangeFromTheLinkAndKeepsRunning) {
+    const struct {
+        const char* name;
+        std::uint16_t type, p0, p1, p2, p3;
+        std::uint16_t answerType;
+    } table[] = {
+        {"setting write", MessageType::SETTINGVALUE_REQ, 1, 1, 55, 0, MessageType::SETTINGVALUE_ANS},
+        {"setting reapply", MessageType::SETTINGVALUE_REQ, 1, 2, 0, 0, MessageType::SETTINGVALUE_ANS},
+        {"commit", MessageType::SETTINGVALUE_REQ, 0, 1, 0, 0, MessageType::SETTINGVALUE_ANS},
+        {"restart", MessageType::RESTART_REQ, 7, 0, 0, 0, MessageType::RESTART_ANS},
+        {"restart asked", MessageType::RESTART_REQ, 0, 0, 0, 0, MessageType::RESTART_ANS},
+        {"slot data", MessageType::TRANSFERDATA_SET, 0x8001, 0, 0, 0, MessageType::TRANSFERDATA_ANS},
+        // The CRC of no data.
+        {"slot check", MessageType::TRANSFERCHECK_REQ, 1, 0, 0xFFFF, 0, MessageType::TRANSFERCHECK_ANS},
+    };
+    TargetConfig config = settingConfig();
+    config.restartAllowed = true;
+    config.slotCount = 1;
+    config.slots[0] = 99;
+    TargetPeer peer;
+    for (const auto& row : table) {
+        for (bool readOnly : {true, false}) {
+            SCOPED_TRACE(std::string(row.name) + (readOnly ? ", read-only" : ", writable"));
+            config.readOnly = readOnly;
+            OpenTarget<WritableTarget> open(config);
+            ASSERT_TRUE(open.opened);
+            Receive answer = peer.ask(row.type, open.control(), row.p0, row.p1, row.p2, row.p3);
+            EXPECT_EQ(answer.type(), row.answerType);
+            EXPECT_EQ(answer.flags(), readOnly ? 0 : flagYes);
+            if (!readOnly) continue;
+            const WritableTarget& t = open.target;
+            EXPECT_EQ(t.stored + t.commits + t.dataCalls + t.checks, 0) << "a hook was reached";
+            EXPECT_EQ(peer.ask(MessageType::SETTINGVALUE_REQ, open.control(), 1, 0).flags(), flagYes);
+            EXPECT_EQ(t.loopResult(), Target::loopRunning);
+        }
+    }
+}
+
 TEST(TargetControl, SyncNameIsKeptPerHost) {
     OpenTarget<> open;
     ASSERT_TRUE(open.opened);
