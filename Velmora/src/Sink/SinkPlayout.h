@@ -31,6 +31,7 @@ struct SinkPlayConfig {
     double stepPpm = 0;           // added to `ppm` once the clock has played
     double stepAfterSeconds = 0;  // this long
     double dropShare = 0;         // of packets dropped on arrival, 0 to 1
+    double batchWaitUs = 0;       // the longest wait for a batch of arrivals; 0: none
     int feedbackEncoding = 1;     // 1 centred, 2 signed, 3 level
     std::string wavPath;          // empty: the audio is discarded (without a device)
     std::uint32_t dropSeed = 1;
@@ -112,8 +113,20 @@ class SinkPlayout {
     bool start(FormatID format, std::uint32_t latencyUs);
     // Answers go out in the order given; at most two per packet.
     int receive(const Packet& packet, Clock::time_point now, Answer (&answers)[2]);
+    // After packets taken with `queuedBehind`: plays out to `now` and gives
+    // the feedback they asked for, if any (at most one answer).
+    int settle(Clock::time_point now, Answer (&answers)[2]);
     // Plays out up to `now`.
     void advance(Clock::time_point now);
+    // How long the receive loop may leave arrivals waiting in its socket, to
+    // take several in one go: as long as configured, but no more than a
+    // small share of the centre, so that what it does to the level stays
+    // small against the room below it (the level the host hears gets the
+    // noisier for it, all the same), and no
+    // longer than `packets` of the stream take to come, so that a fast
+    // stream doesn't crowd the socket. Zero while no stream plays, and while
+    // a resend is awaited.
+    Clock::duration batchWait(std::size_t packets) const;
     // Ends the stream and closes the file.
     void end();
     bool isStreaming() const;
@@ -128,6 +141,7 @@ class SinkPlayout {
     Answer feedbackAnswer(std::int32_t d) const;
     std::int32_t deviationNow() const;
     std::int32_t reportedDeviation(Clock::time_point now);
+    int settleLocked(Clock::time_point now, Answer* answers);
     void playUntil(Clock::time_point now);
     void sample(Clock::time_point at);
 
@@ -142,6 +156,7 @@ class SinkPlayout {
     double rate = 0;        // frames per second of the sink's clock
     double centre = 0;      // frames
     double capacity = 0;
+    Clock::duration batchSpan{};
     std::uint16_t expected = 0;
     std::uint16_t lastSequence = 0;  // of the last packet that arrived
     std::uint16_t newest = 0;        // the furthest sequence number seen
