@@ -154,7 +154,30 @@ struct Output {
     bool alsa;
 };
 
-class DeviceSink : public ::testing::TestWithParam<Output> {};
+class DeviceSink : public ::testing::TestWithParam<Output> {
+  protected:
+    // The ALSA device "velmora": the ALSA JACK plugin with its ports led to
+    // the capture's, read by velmora-target from the ~/.asoundrc of a home
+    // of the test's own.
+    void makeAlsaDevice() {
+        std::string dir = ::testing::TempDir() + "velmora-alsa-XXXXXX";
+        ASSERT_NE(mkdtemp(dir.data()), nullptr);
+        home = dir;
+        std::FILE* rc = std::fopen((home + "/.asoundrc").c_str(), "w");
+        ASSERT_NE(rc, nullptr);
+        std::fprintf(rc,
+                     "pcm.velmora {\n  type jack\n  playback_ports {\n    0 capture:in_1\n    1 "
+                     "capture:in_2\n  }\n}\n");
+        std::fclose(rc);
+        ASSERT_EQ(setenv("HOME", home.c_str(), 1), 0);
+    }
+    void TearDown() override {
+        if (home.empty()) return;
+        std::remove((home + "/.asoundrc").c_str());
+        rmdir(home.c_str());
+    }
+    std::string home;
+};
 
 TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
     JackServer server("velmora-test-" + std::to_string(getpid()) + "-" + GetParam().name);
@@ -166,12 +189,18 @@ TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
 
     ScratchFile json{"velmora-jack-sink", ".json"};
     std::vector<std::string> options = TargetProcess::anyPorts();
-    options.insert(options.end(),
-                   {"--sink", "1,0,Main out", "--jack", "velmora-test", "--latency",
-                    std::to_string(latencyUnits), "--stats-json", json.path, "--log-level", "3"});
+    const bool alsa = GetParam().alsa;
+    if (alsa) makeAlsaDevice();
+    if (HasFatalFailure()) return;
+    options.insert(options.end(), {"--sink", "1,0,Main out"});
+    options.insert(options.end(), {alsa ? "--alsa" : "--jack", alsa ? "velmora" : "velmora-test"});
+    options.insert(options.end(), {"--latency", std::to_string(latencyUnits), "--stats-json", json.path,
+                                   "--log-level", "3"});
     TargetProcess target(toolPath, options);
     ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
-    ASSERT_TRUE(capture.connectFrom("velmora-test"));
+    if (!alsa) {
+        ASSERT_TRUE(capture.connectFrom("velmora-test"));
+    }
 
     PatternSource host;
     if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
@@ -185,8 +214,9 @@ TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
     SinkReport report(json.path);
     EXPECT_GE(report.xruns, 0) << "the statistics count the device's xruns";
     std::printf(
-        "xruns: the server %u in the second before the stream, %u during it; the sink's device %.0f\n",
-        idleXruns, capture.xruns.load(), report.xruns);
+        "xruns: the server %u in the second before the stream, %u during it; the sink's device %.0f; %zu "
+        "frames captured\n",
+        idleXruns, capture.xruns.load(), report.xruns, capture.recorded.load());
     // An xrun of the server itself (a busy or virtual machine keeping jackd
     // from its deadlines) drops or repeats a period for every client: the
     // stream can't be judged then. Without one, the sink must have none.
