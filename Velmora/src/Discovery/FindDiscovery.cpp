@@ -236,7 +236,8 @@ bool Find::readTarget(NORVA::IPAddress address, std::uint16_t portIndex, NORVA::
                       TargetRecord& record) {
     sinkAddress.clear();
     address.setPort(targetPort);
-    // Ports count from 1: index 0 (the default) means the first port there is.
+    // Ports count from 1. Index 0, the default, takes the first port the target
+    // lists rather than failing, so a user who names only a target gets its sink.
     if (portIndex == 0) return readFirstTarget(address, sinkAddress, record);
     std::vector<LocalAddressEntry> locals;
     getMyLocalAddresV6(locals, settings.withLoopback, false);
