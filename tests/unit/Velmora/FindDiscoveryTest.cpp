@@ -272,4 +272,18 @@ TEST(FindOpen, AddressesWithoutScopeAreDroppedAndReopeningKeepsTheFirst) {
     EXPECT_TRUE(find.socket->isOpen());
 }
 
+// Interface 0 is no restriction: nothing is enumerated. An interface with no
+// address fails quietly, before anything is opened or logged.
+TEST(FindOpen, InterfaceZeroIsEveryInterfaceAndOneWithoutAddressesFailsSilently) {
+    Find find{VELMORA::FindSettings()};
+    ASSERT_TRUE(find.open(std::uint16_t{0}));
+    EXPECT_TRUE(find.localAddresses.empty());
+    EXPECT_TRUE(find.socket->isOpen());
+    find.close();
+    LogCapture log;
+    EXPECT_FALSE(find.open(std::uint16_t{65535}));
+    EXPECT_TRUE(log.lines().empty());
+    EXPECT_FALSE(find.socket->isOpen());
+}
+
 }  // namespace
