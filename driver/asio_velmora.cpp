@@ -421,9 +421,6 @@ ASIOError ASIO_METHOD AsioVelmora::start() {
     }
     startTime = NORVA::TimeValue::now();
     try {
-        // Under the state lock, which the thread takes before it can call
-        // the host back: a stop from inside that call sees the thread set.
-        std::lock_guard<std::mutex> lock(sync.stateMutex);
         startThread = std::thread([this] { connectAndPlay(); });
     } catch (const std::system_error&) {
         NORVA::LogLine(3) << "start thread error";

@@ -145,13 +145,12 @@ class StreamToTarget : public ::testing::TestWithParam<Case> {
         }
         std::int32_t final = report.deviation.empty() ? 0 : report.deviation.back().second;
         std::printf(
-            "%s: deviation Q14 min %d max %d final %d, underruns %.0f, resends %.0f (host %u), dropped %.0f, "
-            "adjust mean "
+            "%s: deviation Q14 min %d max %d final %d, resends %.0f (host %u), dropped %.0f, adjust mean "
             "%.1f, "
             "lateness us median %u p99 %u, over time %u of %u cycles\n",
-            GetParam().name, least, greatest, final, report.underruns, report.resends,
-            host.timing.resendRequests.load(), report.dropped, meanAdjust(), host.timing.latenessUsAt(0.5),
-            host.timing.latenessUsAt(0.99), host.timing.overTime.load(), host.timing.cycles.load());
+            GetParam().name, least, greatest, final, report.resends, host.timing.resendRequests.load(),
+            report.dropped, meanAdjust(), host.timing.latenessUsAt(0.5), host.timing.latenessUsAt(0.99),
+            host.timing.overTime.load(), host.timing.cycles.load());
     }
 };
 
