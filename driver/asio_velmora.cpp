@@ -650,7 +650,7 @@ void AsioVelmora::watchForLoss() {
                            [this] { return !running || sync.connectState == VELMORA::Sync::idle; });
     }
     ASIOCallbacks* host = callbacks.load();
-    if (!running || host == nullptr || host->asioMessage == nullptr) return;
+    if (!running || host == nullptr) return;
     NORVA::LogLine(4) << "stream lost, kAsioResetRequest";
     // The host may stop, dispose and even release the driver from inside
     // the call: nothing of the object is touched after it.
