@@ -1,6 +1,8 @@
 #include "Stream/WorkerTiming.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 
 namespace VELMORA {
 
@@ -9,11 +11,16 @@ void WorkerTiming::clear() {
     cycles.store(0, std::memory_order_relaxed);
     overTime.store(0, std::memory_order_relaxed);
     resendRequests.store(0, std::memory_order_relaxed);
+    latestUs.store(0, std::memory_order_relaxed);
     for (auto& bin : lateness) bin.store(0, std::memory_order_relaxed);
 }
 
 void WorkerTiming::addCycle(NORVA::TimeValue late) {
-    std::uint64_t bin = late.toUs() / binUs;
+    std::uint64_t us = late.toUs();
+    // The worker alone writes: no exchange loop is needed.
+    if (us > latestUs.load(std::memory_order_relaxed))
+        latestUs.store(std::uint32_t(std::min<std::uint64_t>(us, UINT32_MAX)), std::memory_order_relaxed);
+    std::uint64_t bin = us / binUs;
     if (bin >= bins) bin = bins - 1;
     lateness[bin].fetch_add(1, std::memory_order_relaxed);
     cycles.fetch_add(1, std::memory_order_relaxed);

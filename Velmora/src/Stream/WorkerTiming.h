@@ -23,6 +23,7 @@ class WorkerTiming {
     std::atomic<std::uint32_t> cycles{0};
     std::atomic<std::uint32_t> overTime{0};        // cycles that lost a whole cycle
     std::atomic<std::uint32_t> resendRequests{0};  // accepted requests to send again
+    std::atomic<std::uint32_t> latestUs{0};        // the latest a cycle came round
 
     // At the start of a stream, on the worker.
     void clear();
