@@ -234,6 +234,7 @@ void DriverSettings::readKeys(NORVA::InfFile& file, std::uint16_t processors) {
     if (!other.empty() && !readCpuRange(other, cpuOther, cpuOtherCount)) keys.refuse("CpuOther", other);
 
     ackProcessCtl = keys.keyword("AckProcessctl", "enable");
+    resetOnLoss = keys.keyword("ResetOnLoss", "enable");
 }
 
 std::string userSettingPath(const std::string& userFolder) {

@@ -49,6 +49,10 @@ struct DriverSettings {
     std::int32_t cpuOther = -1;
     std::int32_t cpuOtherCount = -1;
     bool ackProcessCtl = false;
+    // A stream that ends without the host's stop asks the host, if it takes
+    // the message, to reset the driver, so that its next init looks for the
+    // target again.
+    bool resetOnLoss = false;
 
     // Resets every field, then reads `settingPath` and the "debug.inf" beside
     // it. A "CPULOW" value no smaller than `processors` switches the keys

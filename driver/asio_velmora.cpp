@@ -421,6 +421,9 @@ ASIOError ASIO_METHOD AsioVelmora::start() {
     }
     startTime = NORVA::TimeValue::now();
     try {
+        // Under the state lock, which the thread takes before it can call
+        // the host back: a stop from inside that call sees the thread set.
+        std::lock_guard<std::mutex> lock(sync.stateMutex);
         startThread = std::thread([this] { connectAndPlay(); });
     } catch (const std::system_error&) {
         NORVA::LogLine(3) << "start thread error";
@@ -633,13 +636,48 @@ void AsioVelmora::connectAndPlay() {
         NORVA::LogLine(6) << "start delay " << elapsed << "ms";
     }
     sync.play();
+    if (resetSupported) watchForLoss();
+}
+
+// Stays on startThread until the stream ends. The stream worker only wakes
+// it, as it wakes every waiter on a change of state, so the host's message
+// handler, which may take its time or call back into the driver, never runs
+// on the worker that paces the packets, nor on the one that fills the ring.
+void AsioVelmora::watchForLoss() {
+    {
+        std::unique_lock<std::mutex> lock(sync.stateMutex);
+        // Bounded steps: a wake-up that comes between a test and the wait
+        // costs one step.
+        while (running && sync.connectState != VELMORA::Sync::idle)
+            NORVA::waitFor(sync.stateChanged, lock, lossWatchStep,
+                           [this] { return !running || sync.connectState == VELMORA::Sync::idle; });
+    }
+    ASIOCallbacks* host = callbacks.load();
+    if (!running || host == nullptr || host->asioMessage == nullptr) return;
+    NORVA::LogLine(4) << "stream lost, kAsioResetRequest";
+    // The host may stop, dispose and even release the driver from inside
+    // the call: nothing of the object is touched after it.
+    host->asioMessage(kAsioResetRequest, 0, nullptr, nullptr);
 }
 
 ASIOError ASIO_METHOD AsioVelmora::stop() {
     running = false;
     NORVA::LogLine(6) << "stop";
-    // play() must not come after the stream's end has begun.
-    if (startThread.joinable()) startThread.join();
+    {
+        // Under the lock, so that the loss watch can't miss the change.
+        std::lock_guard<std::mutex> lock(sync.stateMutex);
+    }
+    sync.stateChanged.notify_all();
+    // play() must not come after the stream's end has begun. A host that
+    // stops from inside the reset request is on startThread itself, which
+    // ends as soon as that call returns.
+    if (startThread.joinable()) {
+        if (startThread.get_id() == std::this_thread::get_id()) {
+            startThread.detach();
+        } else {
+            startThread.join();
+        }
+    }
     sync.disconnect();
     revertThreads();
     return ASE_OK;
@@ -840,6 +878,13 @@ ASIOError ASIO_METHOD AsioVelmora::createBuffers(ASIOBufferInfo* bufferInfos, As
     callbacks = hostCallbacks;
     timeInfoMode = hostCallbacks != nullptr && hostCallbacks->asioMessage != nullptr &&
                    hostCallbacks->asioMessage(kAsioSupportsTimeInfo, 0, nullptr, nullptr) != 0;
+    // Asked only when the setting wants the message: without it the host
+    // hears nothing else from the driver.
+    resetSupported =
+        settings.resetOnLoss && hostCallbacks != nullptr && hostCallbacks->asioMessage != nullptr &&
+        hostCallbacks->asioMessage(kAsioSelectorSupported, kAsioResetRequest, nullptr, nullptr) != 0;
+    if (settings.resetOnLoss && !resetSupported)
+        NORVA::LogLine(4) << "ResetOnLoss: the host doesn't take kAsioResetRequest";
     if (timeInfoMode) {
         asioTime = ASIOTime{};
         asioTime.timeInfo.speed = 1.0;

@@ -14,6 +14,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -63,6 +64,7 @@ class AsioVelmora : public IASIO, public CUnknown {
     class Sync : public VELMORA::SyncBuffer {
       public:
         explicit Sync(AsioVelmora& driver) : owner(&driver) {}
+        ~Sync() override { shutdown(); }
         void fillBuffer(VELMORA::StreamBuffer& slot, bool mark) override;
 
         AsioVelmora* owner;
@@ -158,6 +160,9 @@ class AsioVelmora : public IASIO, public CUnknown {
     bool initialised = false;
     std::atomic<bool> running{false};
     bool timeInfoMode = false;
+    // ResetOnLoss is on and the host takes kAsioResetRequest; set by
+    // createBuffers().
+    bool resetSupported = false;
     std::atomic<bool> timeCodeRead{false};
     char errorText[errorTextSize] = {};
     // Thread affinities that start() changed, to restore in stop().
@@ -185,6 +190,10 @@ class AsioVelmora : public IASIO, public CUnknown {
     void placeThreads();
     void revertThreads();
     void connectAndPlay();
+    // Waits while the stream runs; a stream that ends before stop() asks the
+    // host to reset the driver.
+    void watchForLoss();
+    static constexpr std::chrono::milliseconds lossWatchStep{100};
     // Ends a stream and frees the host's buffers.
     void releaseBuffers();
 

@@ -28,6 +28,7 @@ class PatternSource : public VELMORA::SyncBuffer {
   public:
     std::uint64_t filled = 0;  // the buffer worker's alone until the end
 
+    ~PatternSource() override { shutdown(); }
     void fillBuffer(VELMORA::StreamBuffer& slot, bool) override {
         for (std::uint64_t i = 0; i < slot.size; ++i) slot.data[i] = patternByte(filled + i);
         filled += slot.size;

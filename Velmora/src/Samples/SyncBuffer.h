@@ -98,6 +98,10 @@ class SyncBuffer : public Sync {
     NORVA::WakeWord ringProgress;
 
     void bufferWorker();
+    // Ends both workers. A subclass that overrides fillBuffer calls it from
+    // its own destructor: the workers call virtual functions, which must not
+    // run while the subclass's part is being taken down.
+    void shutdown();
     void wakeRing() {
         ringProgress.bumpAndWake();
         ringChanged.notify_all();
@@ -110,7 +114,6 @@ class SyncBuffer : public Sync {
     // Waits, in bounded steps, for the slot after writePos to be free.
     bool waitFreeSlot();
     void joinBufferThread();
-    void shutdown();
 };
 
 }  // namespace VELMORA

@@ -164,6 +164,7 @@ class PatternBuffer : public SyncBuffer {
         profiles[0].mode = transferFix;
         profileCount = 1;
     }
+    ~PatternBuffer() override { shutdown(); }
     void fillBuffer(StreamBuffer& slot, bool) override {
         for (std::uint64_t i = 0; i < slot.size; ++i) slot.data[i] = patternByte(filled + i);
         filled += slot.size;

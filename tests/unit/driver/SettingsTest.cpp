@@ -60,6 +60,7 @@ void expectDefaults(const DriverSettings& s) {
     EXPECT_EQ(s.cpuOther, -1);
     EXPECT_EQ(s.cpuOtherCount, -1);
     EXPECT_FALSE(s.ackProcessCtl);
+    EXPECT_FALSE(s.resetOnLoss);
 }
 
 TEST(Settings, UnreadableFileLeavesDefaultsAndResetsEarlierValues) {
@@ -86,7 +87,7 @@ TEST(Settings, EveryKeyTaken) {
         "CycleMinTime=500\nTargetProfileLimitTime=101\nFragment=7\nThredMode=8208\nInfoCycle=0\n"
         "FlexCycle=fixAsio\nASIOBufferMulti=enable\nInterface=12\nInterLoopback=enable\n"
         "LatencyBuffer=30000\nPhase=Invert\nNopBreak=enable\nCpuSend=0\nCpuOther=2-5\nAckProcessctl="
-        "enable\n");
+        "enable\nResetOnLoss=enable\n");
     EXPECT_TRUE(s.dsdMsb);
     EXPECT_EQ(s.pcmRequest, 24);
     EXPECT_FALSE(s.covertS32);
@@ -120,6 +121,7 @@ TEST(Settings, EveryKeyTaken) {
     EXPECT_EQ(s.cpuOther, 2);
     EXPECT_EQ(s.cpuOtherCount, 4);
     EXPECT_TRUE(s.ackProcessCtl);
+    EXPECT_TRUE(s.resetOnLoss);
 }
 
 TEST(Settings, RefusedValuesKeepDefaults) {
@@ -130,7 +132,7 @@ TEST(Settings, RefusedValuesKeepDefaults) {
              "SyncBufferCount=1\nCPULOW=abc\nCycleTime=0\nTargetProfileLimitTime=100\n"
              "Fragment=-1\nThredMode=-1\nFlexCycle=on\nASIOBufferMulti=yes\nInterface=-1\n"
              "InterLoopback=1\nLatencyBuffer=-1\nPhase=invert\nNopBreak=true\nCpuSend=00\nCpuOther=x\n"
-             "AckProcessctl=ENABLE\n"));
+             "AckProcessctl=ENABLE\nResetOnLoss=on\n"));
 }
 
 // Text without a leading number reads as 0 and then meets its key's test;

@@ -52,6 +52,9 @@ class Host {
     static inline std::atomic<Host*> current{nullptr};
 
     bool timeInfo = false;
+    bool takesReset = false;  // answers kAsioSelectorSupported for kAsioResetRequest
+    std::atomic<int> resets{0};
+    std::function<void()> onReset;  // what the host does on a reset request
     std::uint32_t channels = 0;
     std::uint32_t sampleBytes = 0;  // per sample in the host's buffers
     std::uint32_t samples = 0;      // per channel per buffer
@@ -108,8 +111,23 @@ class Host {
         return nullptr;
     }
     static void ASIO_CALLBACK rateChanged(ASIOSampleRate) {}
-    static AsioLong ASIO_CALLBACK message(AsioLong selector, AsioLong, void*, double*) {
-        return selector == kAsioSupportsTimeInfo && current.load()->timeInfo ? 1 : 0;
+    static AsioLong ASIO_CALLBACK message(AsioLong selector, AsioLong value, void*, double*) {
+        Host* host = current.load();
+        switch (selector) {
+            case kAsioSupportsTimeInfo:
+                return host->timeInfo ? 1 : 0;
+            case kAsioSelectorSupported:
+                return value == kAsioResetRequest && host->takesReset ? 1 : 0;
+            case kAsioResetRequest:
+                if (host->onReset) host->onReset();
+                // Counted once the handler is done: a test that sees the
+                // count may call the driver itself, as a host calls from one
+                // thread at a time.
+                ++host->resets;
+                return 1;
+            default:
+                return 0;
+        }
     }
 };
 
@@ -216,11 +234,14 @@ class Stream : public DriverEnvironment {
         ASSERT_EQ(driver->createBuffers(host.records.data(), outputs, c.bufferSize, &host.callbacks), ASE_OK);
     }
 
-    // A stereo 16-bit stream under way, its host called `calls` times.
-    void streamStereo16(std::uint64_t calls) {
-        openSink(cases[0]);
-        initDriver(cases[0]);
-        makeBuffers(cases[0]);
+    // A stereo 16-bit stream under way, its host called `calls` times;
+    // `settings` come on top of the case's.
+    void streamStereo16(std::uint64_t calls, const char* settings = "") {
+        Case c = cases[0];
+        c.settings = settings;
+        openSink(c);
+        initDriver(c);
+        makeBuffers(c);
         ASSERT_EQ(driver->start(), ASE_OK);
         ASSERT_TRUE(waitForCalls(calls));
     }
@@ -411,6 +432,53 @@ TEST_F(Stream, ATargetThatVanishesEndsTheCallbacksAndOneThatComesBackIsFoundAgai
     streamStereo16(20);
     EXPECT_EQ(driver->stop(), ASE_OK);
     release();
+}
+
+// With ResetOnLoss a stream that dies asks a host that takes the message to
+// reset the driver, once; without the setting, to a host that doesn't take
+// it, or after the host's own stop, nothing is sent. A host may stop and
+// dispose from inside the request, on the thread that sent it.
+TEST_F(Stream, ALostStreamAsksForAResetOnlyWhenSetAndTaken) {
+    const struct {
+        const char* name;
+        const char* settings;
+        bool hostTakesReset, targetVanishes, stopsInside;
+        int resets;
+    } table[] = {
+        {"set and taken", "ResetOnLoss=enable\n", true, true, false, 1},
+        {"not set", "", true, true, false, 0},
+        {"not taken", "ResetOnLoss=enable\n", false, true, false, 0},
+        {"stopped by the host", "ResetOnLoss=enable\n", true, false, false, 0},
+        {"stopped inside the request", "ResetOnLoss=enable\n", true, true, true, 1},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.name);
+        host.calls = 0;
+        host.resets = 0;
+        host.takesReset = row.hostTakesReset;
+        // Set before the stream's threads exist, which read it.
+        host.onReset = nullptr;
+        if (row.stopsInside)
+            host.onReset = [this] {
+                driver->stop();
+                driver->disposeBuffers();
+            };
+        streamStereo16(20, row.settings);
+        if (row.targetVanishes) {
+            peer.reset();
+            auto limit = Clock::now() + std::chrono::seconds(10);
+            while (driver->sync.connectState != VELMORA::Sync::idle && Clock::now() < limit)
+                NORVA::sleepMilliseconds(10);
+            ASSERT_EQ(driver->sync.connectState, VELMORA::Sync::idle) << "the stream never ended";
+            while (host.resets < row.resets && Clock::now() < limit) NORVA::sleepMilliseconds(10);
+        }
+        // Long enough for a request that shouldn't come, or a second one.
+        NORVA::sleepMilliseconds(300);
+        EXPECT_EQ(driver->stop(), ASE_OK);
+        EXPECT_EQ(driver->disposeBuffers(), ASE_OK);
+        release();
+        EXPECT_EQ(host.resets, row.resets);
+    }
 }
 
 // A host that calls in the wrong order gets an error or a harmless success,
