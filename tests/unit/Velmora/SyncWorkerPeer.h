@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <mutex>
 #include <set>
@@ -30,6 +31,7 @@ struct SinkScript {
     std::set<std::uint16_t> lose;                // sequence numbers lost on their first trip
     bool answerDisconnect = true;
     std::atomic<bool> silent{false};  // answers nothing from now on
+    std::atomic<bool> invert{false};  // feedback tells of a sink that inverts
 };
 
 class ScriptedSink {
@@ -71,8 +73,12 @@ class ScriptedSink {
         std::lock_guard<std::mutex> lock(mutex);
         return feedbackAsked;
     }
-    // Sends a resend request for `from` with the next feedback request.
-    void askFrom(std::uint16_t from) { forcedResend = std::int32_t(from); }
+    // Answers the next feedback request with resend requests for each of
+    // `froms`, back to back.
+    void askFrom(std::initializer_list<std::uint16_t> froms) {
+        std::lock_guard<std::mutex> lock(mutex);
+        forcedResends.assign(froms);
+    }
 
   private:
     struct Port {
@@ -176,23 +182,27 @@ class ScriptedSink {
     }
 
     void feedback(const NORVA::IPAddress& from) {
-        std::int32_t forced = forcedResend.exchange(-1);
-        if (forced >= 0) {
-            answer(from, VELMORA::streamAnswerResend, 0, std::uint16_t(forced), 0, 0);
-            return;
+        std::vector<std::uint16_t> forced;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            forced.swap(forcedResends);
         }
+        for (std::uint16_t resendFrom : forced)
+            answer(from, VELMORA::streamAnswerResend, 0, resendFrom, 0, 0);
+        if (!forced.empty()) return;
         std::int16_t d = script.deviation;
+        const std::uint16_t phase = script.invert ? 0x100 : 0;
         switch (script.encoding) {
             case 1:
-                answer(from, 0, std::uint16_t(0x2000 + d / 2), 0, 0, 0);
+                answer(from, phase, std::uint16_t(0x2000 + d / 2), 0, 0, 0);
                 break;
             case 2:
-                answer(from, 0, std::uint16_t(0x8000 | (std::uint16_t(d) & 0x7FFF)), 0, 0, 0);
+                answer(from, phase, std::uint16_t(0x8000 | (std::uint16_t(d) & 0x7FFF)), 0, 0, 0);
                 break;
             default: {
                 // A level against the wanted one: d / 16384 of it above.
                 constexpr std::int32_t wanted = 4000;
-                answer(from, 0, 0, std::uint16_t(wanted + wanted * d / 16384), wanted, 0);
+                answer(from, phase, 0, std::uint16_t(wanted + wanted * d / 16384), wanted, 0);
                 break;
             }
         }
@@ -210,7 +220,6 @@ class ScriptedSink {
     Port data;
     NORVA::IPAddress controlAddress;
     std::atomic<bool> stopping{false};
-    std::atomic<std::int32_t> forcedResend{-1};
     std::thread thread;
     std::uint16_t lastTagged = 0xFFFF;
 
@@ -221,4 +230,5 @@ class ScriptedSink {
     std::vector<Packet> arrived;
     std::map<std::uint16_t, std::size_t> requests;
     std::size_t feedbackAsked = 0;
+    std::vector<std::uint16_t> forcedResends;
 };

@@ -210,10 +210,64 @@ TEST_F(SyncWorkerStream, ARequestOlderThanThePoolEndsTheStream) {
     sync.play();
     ASSERT_TRUE(sync.waitForCycles(20));
     // Ahead of what was sent: the distance wraps past any pool.
-    sink.askFrom(std::uint16_t(sink.arrivals().back().seq + 200));
+    sink.askFrom({std::uint16_t(sink.arrivals().back().seq + 200)});
     ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
     EXPECT_TRUE(log.hasPrefix("   count error "));
     EXPECT_EQ(sink.count(MessageType::DISCONNECT_REQ), 0u);
+}
+
+// Resend requests that come in one cycle's answers: the last one's count
+// stands, whether it reaches back further or less far than the others.
+TEST_F(SyncWorkerStream, OfResendRequestsReadTogetherTheLastStands) {
+    ScriptedSink sink(script);
+    sync.sourceBytes = ~0ull;
+    connectTo(sink);
+    sync.play();
+    for (std::uint16_t back : {std::uint16_t(12), std::uint16_t(30)}) {
+        SCOPED_TRACE(back);
+        ASSERT_TRUE(sync.waitForCycles(sync.cycles + 50));
+        std::size_t before = sink.arrivals().size();
+        std::uint16_t newest = sink.arrivals().back().seq;
+        const std::uint16_t last = std::uint16_t(newest - back);
+        sink.askFrom({std::uint16_t(newest - 20), std::uint16_t(newest - 40), last});
+        ASSERT_TRUE(sync.waitForCycles(sync.cycles + 200));
+        // The first packet that goes back is where the resend began.
+        std::vector<ScriptedSink::Packet> packets = sink.arrivals();
+        std::uint16_t highest = newest;
+        std::int32_t resentFrom = -1;
+        for (std::size_t i = before; i < packets.size() && resentFrom < 0; ++i) {
+            if (std::int16_t(packets[i].seq - highest) <= 0) resentFrom = packets[i].seq;
+            if (std::int16_t(packets[i].seq - highest) > 0) highest = packets[i].seq;
+        }
+        EXPECT_EQ(resentFrom, last);
+    }
+    sync.stop();
+    sync.disconnect();
+    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+}
+
+// The sink's polarity, told in its feedback, and the host's, read at each
+// feedback, combine into what the worker sends from then on: silence here,
+// NOT of its byte while the stream plays inverted.
+TEST_F(SyncWorkerStream, PhaseChangesInTheFeedbackTurnTheStreamOver) {
+    const struct {
+        bool sink, host;
+        std::uint8_t silence;
+    } steps[] = {{false, false, 0x00}, {true, false, 0xFF}, {true, true, 0x00}, {false, true, 0xFF}};
+    ScriptedSink sink(script);
+    connectTo(sink);  // not playing: silence flows
+    for (const auto& step : steps) {
+        SCOPED_TRACE(testing::Message() << "sink " << step.sink << " host " << step.host);
+        script.invert = step.sink;
+        sync.format.hostInvert = step.host;
+        // Feedback is asked for every 100 ms.
+        ASSERT_TRUE(sync.waitForCycles(sync.cycles + 250));
+        const std::vector<std::uint8_t> newest = sink.arrivals().back().body;
+        EXPECT_TRUE(
+            std::all_of(newest.begin(), newest.end(), [&](std::uint8_t b) { return b == step.silence; }));
+    }
+    sync.requestDisconnect();
+    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
 }
 
 TEST_F(SyncWorkerStream, ATargetThatGoesSilentEndsTheStreamWithoutDisconnect) {
