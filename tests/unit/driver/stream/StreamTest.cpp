@@ -434,6 +434,32 @@ TEST_F(Stream, ATargetThatVanishesEndsTheCallbacksAndOneThatComesBackIsFoundAgai
     release();
 }
 
+// The host's audio is asked for no sooner than StartDelay after start, and
+// never sooner than 10 ms, however quickly the target answered.
+TEST_F(Stream, PlayWaitsForTheStartDelay) {
+    const struct {
+        const char* settings;
+        std::chrono::milliseconds least;
+    } rows[] = {{"", std::chrono::milliseconds(10)}, {"StartDelay=50000\n", std::chrono::milliseconds(60)}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.settings);
+        Case c = cases[0];
+        c.settings = row.settings;
+        openSink(c);
+        initDriver(c);
+        makeBuffers(c);
+        auto started = Clock::now();
+        ASSERT_EQ(driver->start(), ASE_OK);
+        while (driver->sync.playing == 0 && Clock::now() < started + std::chrono::seconds(10))
+            NORVA::sleepMilliseconds(1);
+        EXPECT_GE(Clock::now() - started, row.least);
+        EXPECT_EQ(driver->sync.playing, 1);
+        EXPECT_EQ(driver->stop(), ASE_OK);
+        EXPECT_EQ(driver->disposeBuffers(), ASE_OK);
+        release();
+    }
+}
+
 // With ResetOnLoss a stream that dies asks a host that takes the message to
 // reset the driver, once; without the setting, to a host that doesn't take
 // it, or after the host's own stop, nothing is sent. A host may stop and
