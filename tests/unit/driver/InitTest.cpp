@@ -191,6 +191,20 @@ TEST_F(Init, ASinkWithoutFormatsFailsAndTheNextInitStartsOver) {
     EXPECT_EQ(errorMessage(*driver), "Velmora get info err!");
 }
 
+// A sink whose formats name no channel is still a sink: init succeeds and
+// the host sees no output to stream to.
+TEST_F(Init, ASinkWithoutAChannelBitGivesNoOutputs) {
+    LoopbackTarget peer(sinkOffering(FormatID(0xE00u, 0x3Eu)));
+    ASSERT_TRUE(peer.opened);
+    auto driver = driverWith(directSettings);
+    driver->targetControlPort = peer.control();
+    ASSERT_EQ(driver->init(nullptr), ASIOTrue) << driver->errorText;
+    AsioLong inputs = -1, outputs = -1;
+    EXPECT_EQ(driver->getChannels(&inputs, &outputs), ASE_OK);
+    EXPECT_EQ(inputs, 0);
+    EXPECT_EQ(outputs, 0);
+}
+
 TEST_F(Init, ASinkWithoutAWantedSampleFormatIsRefused) {
     LoopbackTarget peer(sinkOffering(FormatID(0x2002u, 0x3Eu)));  // 32-bit floats only
     ASSERT_TRUE(peer.opened);
