@@ -9,8 +9,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +23,10 @@
 #include "System/Threads.h"
 #include "asio_velmora.h"
 #include "platform/DriverPlatform.h"
+
+#ifdef __linux__
+#include <sched.h>
+#endif
 
 namespace {
 
@@ -459,6 +465,49 @@ TEST_F(Stream, PlayWaitsForTheStartDelay) {
         release();
     }
 }
+
+#ifdef __linux__
+// This process's threads and the processors each may run on, as the system
+// tells them.
+std::map<pid_t, std::uint64_t> threadMasks() {
+    std::map<pid_t, std::uint64_t> masks;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        pid_t id = pid_t(std::stol(entry.path().filename().string()));
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        if (sched_getaffinity(id, sizeof set, &set) != 0) continue;  // ended meanwhile
+        std::uint64_t mask = 0;
+        for (int cpu = 0; cpu < 64; ++cpu) mask |= std::uint64_t(CPU_ISSET(cpu, &set) ? 1 : 0) << cpu;
+        masks[id] = mask;
+    }
+    return masks;
+}
+
+// With CpuSend in ThredMode and CpuOther, start puts every thread of the
+// process on CpuOther's processors, and stop gives each back what it had.
+TEST_F(Stream, CpuOtherHoldsTheProcessThreadsUntilStop) {
+    if (NORVA::processorCount() < 2) GTEST_SKIP() << "one processor: nothing to choose";
+    openSink(cases[0]);
+    initDriver(cases[0]);
+    makeBuffers(cases[0]);
+    driver->settings.thredMode |= thredModeCpuSend;
+    driver->settings.cpuOther = 0;
+    driver->settings.cpuOtherCount = 1;
+    const std::map<pid_t, std::uint64_t> before = threadMasks();
+    ASSERT_EQ(driver->start(), ASE_OK);
+    const std::map<pid_t, std::uint64_t> during = threadMasks();
+    EXPECT_EQ(driver->stop(), ASE_OK);
+    const std::map<pid_t, std::uint64_t> after = threadMasks();
+    for (auto [id, mask] : before) {
+        SCOPED_TRACE(id);
+        // A thread that ended meanwhile has nothing to tell.
+        EXPECT_EQ(during.count(id) != 0 ? during.at(id) : 0x1u, 0x1u);
+        EXPECT_EQ(after.count(id) != 0 ? after.at(id) : mask, mask);
+    }
+    EXPECT_EQ(driver->disposeBuffers(), ASE_OK);
+    release();
+}
+#endif
 
 // With ResetOnLoss a stream that dies asks a host that takes the message to
 // reset the driver, once; without the setting, to a host that doesn't take
