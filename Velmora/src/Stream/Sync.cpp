@@ -175,6 +175,11 @@ void Sync::workerMain() {
         announceToTarget(true);
         SyncWorker(*this, threadFlags).run();
         announceToTarget(false);
+        // How well this machine kept the worker's time: the first thing to
+        // read in a log of clicks.
+        LogLine(6) << "wth lateness us median " << timing.latenessUsAt(0.5) << " p99 "
+                   << timing.latenessUsAt(0.99) << " latest " << timing.latestUs.load() << ", over time "
+                   << timing.overTime.load() << " of " << timing.cycles.load() << " cycles";
     }
     setConnectState(idle);
     if (started) LogLine(6) << "wth end";

@@ -168,6 +168,7 @@ TEST_F(SyncWorkerStream, PlaysTheSourceOutInOrderAndDisconnects) {
     EXPECT_TRUE(log.has("buffer Final"));
     EXPECT_TRUE(log.has("DISCONNECT_REQ done"));
     EXPECT_TRUE(log.has("discone done"));
+    EXPECT_TRUE(log.hasPrefix("wth lateness us median "));
     EXPECT_EQ(sync.connectState, Sync::idle);
 }
 
