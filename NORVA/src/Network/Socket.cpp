@@ -266,6 +266,20 @@ bool Socket::receiveDatagram(void* data, std::size_t size, std::size_t& received
     return true;
 }
 
+bool Socket::receiveMany(std::uint8_t* const* data, std::size_t size, std::size_t* received, IPAddress* peers,
+                         std::size_t count, std::size_t& taken) {
+    taken = 0;
+    if (isInterrupted()) return failInterrupted();
+    constexpr std::size_t most = 64;
+    Platform::SocketAddress6 from[most];
+    int result =
+        Platform::socketReceiveMany6(handle, data, size, received, from, count < most ? count : most);
+    if (result < 0) return isNothingReceived(Platform::lastSocketError());
+    taken = static_cast<std::size_t>(result);
+    for (std::size_t i = 0; i < taken; ++i) peers[i] = addressOf(from[i]);
+    return true;
+}
+
 bool Socket::receiveFrom(void* data, std::size_t size, std::size_t& received, IPAddress& peer) {
     return receiveDatagram(data, size, received, &peer);
 }

@@ -99,6 +99,12 @@ class Socket {
     // `received` 0 when nothing was there; false on a failure of the socket.
     bool receiveFrom(void* data, std::size_t size, std::size_t& received, IPAddress& peer);
     bool receive(void* data, std::size_t size, std::size_t& received);
+    // The datagrams that wait, up to `count`, in one system call where the
+    // system has one; never waits. Datagram i goes to data[i], cut to `size`
+    // bytes, its length to received[i], its sender to peers[i]. True with
+    // `taken` 0 when nothing was there; false on a failure of the socket.
+    bool receiveMany(std::uint8_t* const* data, std::size_t size, std::size_t* received, IPAddress* peers,
+                     std::size_t count, std::size_t& taken);
     // The same into an array made `receiveSize` long first; its size is then
     // what arrived, 0 for nothing.
     bool receiveFrom(ByteArray& array, IPAddress& peer);

@@ -185,6 +185,13 @@ std::int64_t socketSendTo6(SocketHandle handle, const void* data, std::size_t le
 // Bytes received (0 for an empty datagram), or -1 on failure. peer may be null.
 std::int64_t socketReceiveFrom6(SocketHandle handle, void* data, std::size_t size, SocketAddress6* peer);
 
+// The datagrams that wait, up to `count`, in one call where the system has
+// one; never waits. Datagram i goes to data[i], cut to `size` bytes; its
+// length lands in received[i], its sender in peers[i]. How many were taken
+// (0 for none), or -1 on failure.
+int socketReceiveMany6(SocketHandle handle, std::uint8_t* const* data, std::size_t size,
+                       std::size_t* received, SocketAddress6* peers, std::size_t count);
+
 // select() on one socket for reading: 0 error, 1 timed out, 2 readable.
 int socketWaitReadable(SocketHandle handle, std::uint64_t timeoutMicroseconds);
 

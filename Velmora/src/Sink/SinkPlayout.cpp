@@ -23,6 +23,9 @@ constexpr std::chrono::milliseconds samplePeriod{100};
 // round, and a stalled host as long as its stall. So most of the room lies
 // below.
 constexpr double centreShare = 0.75;
+// The receive loop's wait for a batch: a fifth of the centre, at most this.
+constexpr double batchShareOfCentre = 0.2;
+constexpr std::chrono::microseconds longestBatchWait{4000};
 // An hour of samples: kept without allocating while the stream runs.
 constexpr std::size_t samplesKept = 36000;
 
@@ -46,6 +49,9 @@ bool SinkPlayout::start(FormatID streamFormat, std::uint32_t latencyUs) {
     frameBytes = std::max(1.0, double(format.bitsPerSample())) * format.channelCount() / 8;
     capacity = std::max(1.0, double(format.rate()) * latencyUs / 1e6);
     centre = capacity * centreShare;
+    batchSpan = std::min<Clock::duration>(
+        longestBatchWait, std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
+                              centre / std::max(1u, format.rate()) * batchShareOfCentre)));
     counts = SinkStats{};
     counts.deviation.reserve(samplesKept);
     counts.timeline.reserve(samplesKept);
@@ -153,18 +159,35 @@ int SinkPlayout::receive(const Packet& packet, Clock::time_point now, Answer (&a
     }
     if (packet.wantsFeedback) ++feedbackOwed;
     if (packet.queuedBehind) return given;
+    return given + settleLocked(now, answers + given);
+}
+
+int SinkPlayout::settle(Clock::time_point now, Answer (&answers)[2]) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!streaming || !started) return 0;
+    return settleLocked(now, answers);
+}
+
+int SinkPlayout::settleLocked(Clock::time_point now, Answer* answers) {
     playUntil(now);
-    if (feedbackOwed != 0) {
-        feedbackOwed = 0;
-        ++counts.feedbacks;
-        answers[given++] = feedbackAnswer(reportedDeviation(now));
-    }
-    return given;
+    if (feedbackOwed == 0) return 0;
+    feedbackOwed = 0;
+    ++counts.feedbacks;
+    answers[0] = feedbackAnswer(reportedDeviation(now));
+    return 1;
 }
 
 void SinkPlayout::advance(Clock::time_point now) {
     std::lock_guard<std::mutex> lock(mutex);
     if (streaming && started) playUntil(now);
+}
+
+SinkPlayout::Clock::duration SinkPlayout::batchWait(std::size_t packets) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!streaming || rate <= 0) return Clock::duration::zero();
+    auto arrival = std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double>(packets * packetFrames / rate));
+    return std::min(batchSpan, arrival);
 }
 
 // The clock starts once the buffer holds its centre; from then on it plays

@@ -112,8 +112,17 @@ class SinkPlayout {
     bool start(FormatID format, std::uint32_t latencyUs);
     // Answers go out in the order given; at most two per packet.
     int receive(const Packet& packet, Clock::time_point now, Answer (&answers)[2]);
+    // After packets taken with `queuedBehind`: plays out to `now` and gives
+    // the feedback they asked for, if any (at most one answer).
+    int settle(Clock::time_point now, Answer (&answers)[2]);
     // Plays out up to `now`.
     void advance(Clock::time_point now);
+    // How long the receive loop may leave arrivals waiting in its socket, to
+    // take several in one go: a small share of the centre, so that what it
+    // does to the level stays small against the room below it, and no
+    // longer than `packets` of the stream take to come, so that a fast
+    // stream doesn't crowd the socket. Zero while no stream plays.
+    Clock::duration batchWait(std::size_t packets) const;
     // Ends the stream and closes the file.
     void end();
     bool isStreaming() const;
@@ -128,6 +137,7 @@ class SinkPlayout {
     Answer feedbackAnswer(std::int32_t d) const;
     std::int32_t deviationNow() const;
     std::int32_t reportedDeviation(Clock::time_point now);
+    int settleLocked(Clock::time_point now, Answer* answers);
     void playUntil(Clock::time_point now);
     void sample(Clock::time_point at);
 
@@ -142,6 +152,7 @@ class SinkPlayout {
     double rate = 0;        // frames per second of the sink's clock
     double centre = 0;      // frames
     double capacity = 0;
+    Clock::duration batchSpan{};
     std::uint16_t expected = 0;
     std::uint16_t lastSequence = 0;  // of the last packet that arrived
     std::uint16_t newest = 0;        // the furthest sequence number seen

@@ -1,6 +1,7 @@
 #include "Sink/StreamSink.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <string>
 
@@ -19,7 +20,7 @@ namespace {
 // Room for the largest probe a datagram can carry.
 constexpr std::size_t datagramRoom = 65536;
 // Datagrams read in one go at most, so that a flood doesn't hide stop.
-constexpr int drainLimit = 4096;
+constexpr std::size_t drainLimit = 4096;
 
 void refuse(SendBuffer& reply, std::uint16_t requestType) {
     reply.setHeader(awaitedAnswer(requestType), 0);
@@ -30,7 +31,10 @@ void refuse(SendBuffer& reply, std::uint16_t requestType) {
 
 StreamSink::StreamSink(const StreamSinkConfig& settings, std::unique_ptr<PlayoutOutput> output)
     : config(settings), bound(settings.address), playout(settings.play, std::move(output)) {
-    for (Datagram& datagram : datagrams) datagram.bytes.resize(datagramRoom);
+    for (std::size_t i = 0; i < batchSize; ++i) {
+        datagrams[i].bytes.resize(datagramRoom);
+        batchData[i] = datagrams[i].bytes.data();
+    }
 }
 
 StreamSink::~StreamSink() {
@@ -98,6 +102,11 @@ void StreamSink::endStream() {
 // The thread asks for a high priority, as a device's own would: a sink
 // kept from running by the host's real-time threads would hold packets in
 // its socket while its clock played on. Refused, it runs as it is.
+//
+// While a stream comes, the thread wakes once per batch wait rather than
+// once per packet: it sleeps that long after taking what waited, and then
+// reads all that came meanwhile in a call or two. Each wake costs far more
+// than a packet's handling, on virtual machines most of all.
 void StreamSink::run() {
     if (!NORVA::setCurrentThreadLevel(NORVA::levelHigh)) LogLine(7) << "StreamSink runs at normal priority";
     while (!stopping.load()) {
@@ -106,57 +115,65 @@ void StreamSink::run() {
             LogLine(3) << "StreamSink wait failed, error " << socket.lastError;
             return;
         }
+        bool tookAudio = false;
         if (ready == 2) {
-            if (!drain()) return;
+            if (!drain(tookAudio)) return;
             if (sockets.isReady(raw.socket)) receiveRaw();
         }
         playout.advance(SinkPlayout::Clock::now());
+        if (!tookAudio) continue;
+        // One sleep: a little early or late matters nothing here.
+        auto rest =
+            std::chrono::duration_cast<std::chrono::microseconds>(playout.batchWait(batchSize)).count();
+        if (rest > 0) NORVA::sleepMicroseconds(std::uint64_t(rest));
     }
 }
 
-bool StreamSink::drain() {
-    Datagram* current = &datagrams[0];
-    Datagram* next = &datagrams[1];
-    if (!readOne(*current)) return false;
-    for (int round = 0; current->size != 0 && round < drainLimit; ++round) {
-        if (!readOne(*next)) return false;
-        backlog = next->size != 0;
-        dispatch(*current);
-        std::swap(current, next);
-    }
+bool StreamSink::drain(bool& tookAudio) {
+    backlog = true;
+    bool ok = (!sockets.isReady(dataSocket) || drainSocket(dataSocket, tookAudio)) &&
+              (!sockets.isReady(socket) || drainSocket(socket, tookAudio));
     backlog = false;
-    if (current->size != 0) dispatch(*current);
-    return true;
+    if (!tookAudio) return ok;
+    SinkPlayout::Answer answers[2];
+    int count = playout.settle(SinkPlayout::Clock::now(), answers);
+    for (int i = 0; i < count; ++i) sendAnswer(answers[i], audioFrom);
+    return ok;
 }
 
-// Audio first: in the compact framings it has a port of its own.
-bool StreamSink::readOne(Datagram& datagram) {
-    for (NORVA::UDPV6* from : {&dataSocket, &socket}) {
-        if (!from->receiveFrom(datagram.bytes.data(), datagram.bytes.size(), datagram.size, datagram.from)) {
-            LogLine(3) << "StreamSink receive failed, error " << from->lastError;
+bool StreamSink::drainSocket(NORVA::UDPV6& from, bool& tookAudio) {
+    bool onDataPort = &from == &dataSocket;
+    for (std::size_t read = 0; read < drainLimit;) {
+        std::size_t taken = 0;
+        if (!from.receiveMany(batchData, datagramRoom, batchLengths, batchPeers, batchSize, taken)) {
+            LogLine(3) << "StreamSink receive failed, error " << from.lastError;
             return false;
         }
-        datagram.onDataPort = from == &dataSocket;
-        if (datagram.size != 0) return true;
+        for (std::size_t i = 0; i < taken; ++i) {
+            Datagram& datagram = datagrams[i];
+            datagram.size = batchLengths[i];
+            datagram.from = batchPeers[i];
+            datagram.onDataPort = onDataPort;
+            tookAudio = dispatch(datagram) || tookAudio;
+        }
+        if (taken < batchSize) break;
+        read += taken;
     }
     return true;
 }
 
-void StreamSink::dispatch(const Datagram& datagram) {
-    if (datagram.onDataPort) {
-        receiveData(datagram);
-        return;
-    }
+bool StreamSink::dispatch(const Datagram& datagram) {
+    if (datagram.onDataPort) return receiveData(datagram);
     Receive request(datagram.bytes.data(), std::uint32_t(datagram.size));
-    if (request.isValid()) handle(request, datagram.from);
+    return request.isValid() && handle(request, datagram.from);
 }
 
 // The compact framings: a tag byte after the body (mode 1) or a 16-bit tag
 // ahead of it (mode 2); bit 7 asks for feedback, the rest is the sequence.
-void StreamSink::receiveData(const Datagram& datagram) {
+bool StreamSink::receiveData(const Datagram& datagram) {
     std::size_t received = datagram.size;
     bool second = mode.load() == msMode2;
-    if (received < (second ? 2u : 1u)) return;
+    if (received < (second ? 2u : 1u)) return false;
     std::uint8_t tag = second ? datagram.bytes[0] : datagram.bytes[received - 1];
     SinkPlayout::Packet packet;
     packet.compact = true;
@@ -166,24 +183,27 @@ void StreamSink::receiveData(const Datagram& datagram) {
     packet.body = datagram.bytes.data() + (second ? 2 : 0);
     packet.size = std::uint32_t(received - 1 - (second ? 1 : 0));
     play(packet, datagram.from);
+    return true;
 }
 
 void StreamSink::play(const SinkPlayout::Packet& packet, const IPAddress& from) {
     SinkPlayout::Answer answers[2];
     int count = playout.receive(packet, SinkPlayout::Clock::now(), answers);
-    for (int i = 0; i < count; ++i) {
-        const SinkPlayout::Answer& answer = answers[i];
-        std::uint16_t flags = answer.resend ? streamAnswerResend : (config.invertPhase ? 0x100 : 0);
-        SendBuffer reply;
-        reply.setHeader(MessageType::STREAM_ANS, flags, answer.param0, answer.param1, answer.param2, 0);
-        reply.finish();
-        if (!socket.sendTo(from, true, reply.bytes.data, reply.bytes.size)) {
-            LogLine(4) << "StreamSink send failed, error " << socket.lastError;
-        }
+    audioFrom = from;
+    for (int i = 0; i < count; ++i) sendAnswer(answers[i], from);
+}
+
+void StreamSink::sendAnswer(const SinkPlayout::Answer& answer, const IPAddress& to) {
+    std::uint16_t flags = answer.resend ? streamAnswerResend : (config.invertPhase ? 0x100 : 0);
+    SendBuffer reply;
+    reply.setHeader(MessageType::STREAM_ANS, flags, answer.param0, answer.param1, answer.param2, 0);
+    reply.finish();
+    if (!socket.sendTo(to, true, reply.bytes.data, reply.bytes.size)) {
+        LogLine(4) << "StreamSink send failed, error " << socket.lastError;
     }
 }
 
-void StreamSink::handle(const Receive& request, const IPAddress& from) {
+bool StreamSink::handle(const Receive& request, const IPAddress& from) {
     if (request.type() == MessageType::STREAM_DATA) {
         SinkPlayout::Packet packet;
         packet.sequence = request.param0();
@@ -192,15 +212,16 @@ void StreamSink::handle(const Receive& request, const IPAddress& from) {
         packet.body = request.body();
         packet.size = request.bodySize();
         play(packet, from);
-        return;
+        return true;
     }
     record(request);
     requester = from;
     SendBuffer reply;
-    if (!answer(request, reply)) return;
+    if (!answer(request, reply)) return false;
     if (!socket.sendTo(from, true, reply.bytes.data, reply.bytes.size)) {
         LogLine(4) << "StreamSink send failed, error " << socket.lastError;
     }
+    return false;
 }
 
 // False: the request gets no answer.

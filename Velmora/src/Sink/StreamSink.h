@@ -98,9 +98,9 @@ class StreamSink {
         bool onDataPort = false;
     };
     // What the loop does with one datagram: the control port's messages, or
-    // audio in a compact framing on the data port. Callable without sockets
-    // while no loop runs.
-    void dispatch(const Datagram& datagram);
+    // audio in a compact framing on the data port. True if it was a stream's
+    // audio. Callable without sockets while no loop runs.
+    bool dispatch(const Datagram& datagram);
     // Without an output the sink plays as `settings.play` says.
     explicit StreamSink(const StreamSinkConfig& settings, std::unique_ptr<PlayoutOutput> output = nullptr);
     ~StreamSink();
@@ -133,7 +133,8 @@ class StreamSink {
 
   private:
     void run();
-    void handle(const Receive& request, const NORVA::IPAddress& from);
+    // True for a stream's audio, as dispatch.
+    bool handle(const Receive& request, const NORVA::IPAddress& from);
     bool answer(const Receive& request, SendBuffer& reply);
     std::uint64_t formatAnswer(std::uint64_t query) const;
     LatencyAnswer latencyAnswer(std::uint16_t wanted) const;
@@ -143,11 +144,13 @@ class StreamSink {
     // One audio packet, in any framing; answers go back to `from`.
     void play(const SinkPlayout::Packet& packet, const NORVA::IPAddress& from);
 
-    // One datagram as read, held until the next read shows whether more wait.
-    // Reads and handles every datagram that waits; false if a socket failed.
-    bool drain();
-    bool readOne(Datagram& datagram);
-    void receiveData(const Datagram& datagram);
+    // Reads and handles every datagram that waits on the sockets the last
+    // wait found readable, audio first; false if a socket failed. True in
+    // `tookAudio` if a stream's packets came.
+    bool drain(bool& tookAudio);
+    bool drainSocket(NORVA::UDPV6& from, bool& tookAudio);
+    bool receiveData(const Datagram& datagram);
+    void sendAnswer(const SinkPlayout::Answer& answer, const NORVA::IPAddress& to);
     void receiveRaw();
     void endStream();
 
@@ -163,8 +166,16 @@ class StreamSink {
     NORVA::SocketSet sockets;
     std::uint16_t grantedLatency = 0;  // units of 100 us, the last granted
     SinkPlayout playout;
-    Datagram datagrams[2];
-    bool backlog = false;  // another datagram waits behind the one in hand
+    // Datagrams taken in one read.
+    static constexpr std::size_t batchSize = 16;
+    Datagram datagrams[batchSize];
+    std::uint8_t* batchData[batchSize] = {};
+    std::size_t batchLengths[batchSize] = {};
+    NORVA::IPAddress batchPeers[batchSize];
+    // Audio read in a batch is counted as it comes and played out once at
+    // the batch's end, where its feedback goes to the stream's sender.
+    bool backlog = false;
+    NORVA::IPAddress audioFrom;
     SinkRaw raw{config.raw};
     NORVA::IPAddress requester;  // the sender of the request being answered
 

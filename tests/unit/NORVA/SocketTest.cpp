@@ -195,6 +195,41 @@ TEST(Socket, DatagramsKeepTheirBoundariesAndAreCutToTheBuffer) {
     EXPECT_EQ(std::string(data, received), "small");
 }
 
+TEST(Socket, ReceiveManyTakesWhatWaitsInOrderUpToTheCountEachCut) {
+    UDPV6 receiver;
+    UDPV6 sender;
+    ASSERT_TRUE(receiver.openNonBlocking());
+    ASSERT_TRUE(sender.openNonBlocking());
+    IPAddress target = bindLoopback(receiver);
+    IPAddress from = bindLoopback(sender);
+    const std::string sent[] = {"one", std::string(40, 'x'), "", "four", "five"};
+    for (const std::string& datagram : sent)
+        ASSERT_TRUE(sender.sendTo(target, true, datagram.data(), datagram.size()));
+
+    constexpr std::size_t room = 8;
+    std::uint8_t buffers[3][room];
+    std::uint8_t* data[3] = {buffers[0], buffers[1], buffers[2]};
+    std::size_t received[3];
+    IPAddress peers[3];
+    std::vector<std::string> taken;
+    for (int tries = 0; taken.size() < 5 && tries < 50; ++tries) {
+        ASSERT_EQ(receiver.waitReadable(arrival), 2);
+        std::size_t count = 99;
+        ASSERT_TRUE(receiver.receiveMany(data, room, received, peers, 3, count));
+        ASSERT_LE(count, 3u);
+        for (std::size_t i = 0; i < count; ++i) {
+            taken.emplace_back(reinterpret_cast<char*>(data[i]), received[i]);
+            EXPECT_EQ(peers[i].toStringPort(), from.toStringPort());
+        }
+    }
+    EXPECT_EQ(taken, (std::vector<std::string>{"one", std::string(room, 'x'), "", "four", "five"}));
+    std::size_t count = 99;
+    EXPECT_TRUE(receiver.receiveMany(data, room, received, peers, 3, count));
+    EXPECT_EQ(count, 0u) << "nothing waits";
+    UDPV6 closed;
+    EXPECT_FALSE(closed.receiveMany(data, room, received, peers, 3, count));
+}
+
 TEST(Socket, SendToANonExistentSocketFails) {
     UDPV6 closed;
     EXPECT_FALSE(closed.sendTo(IPAddress::loopback(9), true, "x", 1));

@@ -44,12 +44,13 @@ struct Feed {
 
     explicit Feed(SinkPlayout& target) : sink(target) {}
 
-    int send(std::uint16_t sequence, bool feedback = false) {
+    int send(std::uint16_t sequence, bool feedback = false, bool queuedBehind = false) {
         std::vector<std::uint8_t> body = packetBody(sequence);
         SinkPlayout::Packet packet;
         packet.sequence = compact ? std::uint16_t(sequence & 0x7F) : sequence;
         packet.compact = compact;
         packet.wantsFeedback = feedback;
+        packet.queuedBehind = queuedBehind;
         packet.body = body.data();
         packet.size = std::uint32_t(body.size());
         return sink.receive(packet, now, answers);
@@ -186,6 +187,33 @@ TEST(SinkPlay, FeedbackCountsThePacketsOnTheirWay) {
         reported[lose] = asHostReads(feed.answers[0]).deviation;
     }
     EXPECT_NEAR(reported[1], reported[0], 16384 / 20) << "with and without a packet missing";
+}
+
+// A receive loop that reads a batch at once asks for the feedback of its
+// packets after the last: it must read as if the last had asked.
+TEST(SinkPlay, ABatchIsAnsweredOnceAtItsEndAsItsLastPacketWouldBe) {
+    std::int16_t reported[2] = {};
+    for (bool batched : {false, true}) {
+        SinkPlayout sink({});
+        sink.start(stereoS32At48k, latencyUs);
+        Feed feed{sink};
+        feed.stream(15, 0);
+        feed.stream(100);
+        feed.now += milliseconds(5);  // five packets wait in the socket
+        for (int i = 0; i < 5; ++i) {
+            bool last = i == 4;
+            int given = feed.send(feed.next++, batched ? i == 0 : last, batched);
+            ASSERT_EQ(given, batched || !last ? 0 : 1) << "packet " << i;
+        }
+        if (batched) {
+            EXPECT_EQ(sink.settle(feed.now, feed.answers), 1);
+            SinkPlayout::Answer again[2];
+            EXPECT_EQ(sink.settle(feed.now, again), 0) << "one request, one answer";
+        }
+        ASSERT_TRUE(feed.answers[0].feedback);
+        reported[batched] = asHostReads(feed.answers[0]).deviation;
+    }
+    EXPECT_EQ(reported[1], reported[0]);
 }
 
 TEST(SinkPlay, AGapIsAskedForOnceUntilTheRetryAndDuplicatesAreDropped) {

@@ -291,6 +291,33 @@ std::int64_t socketReceiveFrom6(SocketHandle handle, void* data, std::size_t siz
     return received;
 }
 
+int socketReceiveMany6(SocketHandle handle, std::uint8_t* const* data, std::size_t size,
+                       std::size_t* received, SocketAddress6* peers, std::size_t count) {
+    constexpr std::size_t most = 64;
+    mmsghdr messages[most];
+    iovec pieces[most];
+    sockaddr_storage natives[most];
+    count = count < most ? count : most;
+    for (std::size_t i = 0; i < count; ++i) {
+        pieces[i] = iovec{data[i], size};
+        messages[i] = mmsghdr{};
+        messages[i].msg_hdr.msg_name = &natives[i];
+        messages[i].msg_hdr.msg_namelen = sizeof(natives[i]);
+        messages[i].msg_hdr.msg_iov = &pieces[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    int taken = recvmmsg(fd(handle), messages, static_cast<unsigned>(count), MSG_DONTWAIT, nullptr);
+    if (taken < 0) {
+        failed();
+        return -1;
+    }
+    for (int i = 0; i < taken; ++i) {
+        received[i] = messages[i].msg_len;
+        fromNative(natives[i], peers[i]);
+    }
+    return taken;
+}
+
 int socketWaitReadable(SocketHandle handle, std::uint64_t timeoutMicroseconds) {
     bool ready = false;
     return socketWaitAnyReadable(&handle, 1, timeoutMicroseconds, &ready);

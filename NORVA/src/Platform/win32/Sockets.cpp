@@ -220,6 +220,22 @@ std::int64_t socketReceiveFrom6(SocketHandle handle, void* data, std::size_t siz
     return received;
 }
 
+// Winsock has no call for several datagrams: one at a time until none waits.
+int socketReceiveMany6(SocketHandle handle, std::uint8_t* const* data, std::size_t size,
+                       std::size_t* received, SocketAddress6* peers, std::size_t count) {
+    std::size_t taken = 0;
+    for (; taken < count; ++taken) {
+        std::int64_t result = socketReceiveFrom6(handle, data[taken], size, &peers[taken]);
+        if (result < 0) {
+            // What came before the failure counts; the next call reports it.
+            if (taken == 0) return -1;
+            break;
+        }
+        received[taken] = static_cast<std::size_t>(result);
+    }
+    return static_cast<int>(taken);
+}
+
 int socketWaitReadable(SocketHandle handle, std::uint64_t timeoutMicroseconds) {
     bool ready = false;
     return socketWaitAnyReadable(&handle, 1, timeoutMicroseconds, &ready);
