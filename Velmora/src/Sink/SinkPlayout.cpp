@@ -23,9 +23,8 @@ constexpr std::chrono::milliseconds samplePeriod{100};
 // round, and a stalled host as long as its stall. So most of the room lies
 // below.
 constexpr double centreShare = 0.75;
-// The receive loop's wait for a batch: a fifth of the centre, at most this.
+// The receive loop's wait for a batch: at most a fifth of the centre.
 constexpr double batchShareOfCentre = 0.2;
-constexpr std::chrono::microseconds longestBatchWait{4000};
 // An hour of samples: kept without allocating while the stream runs.
 constexpr std::size_t samplesKept = 36000;
 
@@ -50,8 +49,10 @@ bool SinkPlayout::start(FormatID streamFormat, std::uint32_t latencyUs) {
     capacity = std::max(1.0, double(format.rate()) * latencyUs / 1e6);
     centre = capacity * centreShare;
     batchSpan = std::min<Clock::duration>(
-        longestBatchWait, std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
-                              centre / std::max(1u, format.rate()) * batchShareOfCentre)));
+        std::chrono::duration_cast<Clock::duration>(
+            std::chrono::duration<double, std::micro>(config.batchWaitUs)),
+        std::chrono::duration_cast<Clock::duration>(
+            std::chrono::duration<double>(centre / std::max(1u, format.rate()) * batchShareOfCentre)));
     counts = SinkStats{};
     counts.deviation.reserve(samplesKept);
     counts.timeline.reserve(samplesKept);
@@ -184,7 +185,10 @@ void SinkPlayout::advance(Clock::time_point now) {
 
 SinkPlayout::Clock::duration SinkPlayout::batchWait(std::size_t packets) const {
     std::lock_guard<std::mutex> lock(mutex);
-    if (!streaming || rate <= 0) return Clock::duration::zero();
+    // A resend under way is followed packet by packet: the host goes back
+    // and runs on at once, and in the compact framings a sink that lags 64
+    // packets behind what arrives can no longer tell their numbers apart.
+    if (!streaming || rate <= 0 || awaitingResend) return Clock::duration::zero();
     auto arrival = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(packets * packetFrames / rate));
     return std::min(batchSpan, arrival);

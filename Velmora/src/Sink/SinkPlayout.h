@@ -31,6 +31,7 @@ struct SinkPlayConfig {
     double stepPpm = 0;           // added to `ppm` once the clock has played
     double stepAfterSeconds = 0;  // this long
     double dropShare = 0;         // of packets dropped on arrival, 0 to 1
+    double batchWaitUs = 0;       // the longest wait for a batch of arrivals; 0: none
     int feedbackEncoding = 1;     // 1 centred, 2 signed, 3 level
     std::string wavPath;          // empty: the audio is discarded (without a device)
     std::uint32_t dropSeed = 1;
@@ -118,10 +119,13 @@ class SinkPlayout {
     // Plays out up to `now`.
     void advance(Clock::time_point now);
     // How long the receive loop may leave arrivals waiting in its socket, to
-    // take several in one go: a small share of the centre, so that what it
-    // does to the level stays small against the room below it, and no
+    // take several in one go: as long as configured, but no more than a
+    // small share of the centre, so that what it does to the level stays
+    // small against the room below it (the level the host hears gets the
+    // noisier for it, all the same), and no
     // longer than `packets` of the stream take to come, so that a fast
-    // stream doesn't crowd the socket. Zero while no stream plays.
+    // stream doesn't crowd the socket. Zero while no stream plays, and while
+    // a resend is awaited.
     Clock::duration batchWait(std::size_t packets) const;
     // Ends the stream and closes the file.
     void end();

@@ -216,6 +216,35 @@ TEST(SinkPlay, ABatchIsAnsweredOnceAtItsEndAsItsLastPacketWouldBe) {
     EXPECT_EQ(reported[1], reported[0]);
 }
 
+// The wait for a batch: as configured, within a fifth of the centre and the
+// time 16 packets take; none while a resend is awaited.
+TEST(SinkPlay, TheBatchWaitIsBoundedAndStopsForAResend) {
+    const struct {
+        double configuredUs;
+        std::uint32_t latencyUs;
+        bool gap;
+        std::int64_t expectedUs;
+    } cases[] = {
+        {0, latencyUs, false, 0},        // per packet
+        {1000, latencyUs, false, 1000},  // as configured
+        {9000, latencyUs, false, 3000},  // a fifth of the 15 ms centre
+        {9000, 200000, false, 9000},     // 16 packets of 1 ms are further off
+        {20000, 200000, false, 16000},   // ... and bind here
+        {1000, latencyUs, true, 0},      // a resend under way
+    };
+    for (const auto& c : cases) {
+        SinkPlayConfig config;
+        config.batchWaitUs = c.configuredUs;
+        SinkPlayout sink(config);
+        sink.start(stereoS32At48k, c.latencyUs);
+        Feed feed{sink};
+        feed.stream(3);
+        if (c.gap) feed.send(++feed.next);
+        auto wait = std::chrono::duration_cast<microseconds>(sink.batchWait(16)).count();
+        EXPECT_NEAR(wait, c.expectedUs, 1) << c.configuredUs << " us, latency " << c.latencyUs;
+    }
+}
+
 TEST(SinkPlay, AGapIsAskedForOnceUntilTheRetryAndDuplicatesAreDropped) {
     SinkPlayout sink({});
     sink.start(stereoS32At48k, latencyUs);
