@@ -104,6 +104,7 @@ bool SyncBuffer::getBuffer(StreamChunk& chunk) {
         std::uint64_t rate =
             std::uint64_t{source.bitsPerSample()} * source.channelCount() * source.rate() / 8;
         muteBuffer.fill(rate / 100, source.muteByte());
+        timing.ringDry.fetch_add(1, std::memory_order_relaxed);
         LogLine(4) << "SyncBuffer not enough mute data return " << muteBuffer.size;
     }
     chunk.data = muteBuffer.data;

@@ -179,7 +179,8 @@ void Sync::workerMain() {
         // read in a log of clicks.
         LogLine(6) << "wth lateness us median " << timing.latenessUsAt(0.5) << " p99 "
                    << timing.latenessUsAt(0.99) << " latest " << timing.latestUs.load() << ", over time "
-                   << timing.overTime.load() << " of " << timing.cycles.load() << " cycles";
+                   << timing.overTime.load() << " of " << timing.cycles.load() << " cycles, ring dry "
+                   << timing.ringDry.load();
     }
     setConnectState(idle);
     if (started) LogLine(6) << "wth end";

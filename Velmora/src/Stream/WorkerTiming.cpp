@@ -12,6 +12,7 @@ void WorkerTiming::clear() {
     overTime.store(0, std::memory_order_relaxed);
     resendRequests.store(0, std::memory_order_relaxed);
     latestUs.store(0, std::memory_order_relaxed);
+    ringDry.store(0, std::memory_order_relaxed);
     for (auto& bin : lateness) bin.store(0, std::memory_order_relaxed);
 }
 

@@ -1,6 +1,6 @@
 // What the stream worker tells of its stream while it runs, for tools,
-// tests and reports: the correction in force, the resends asked for, and
-// how late its cycles came round. The worker alone writes, with relaxed
+// tests and reports: the correction in force, the resends asked for, how
+// late its cycles came round, and how often the host's ring ran dry. The worker alone writes, with relaxed
 // stores; any thread may read at any time. Nothing here allocates.
 #pragma once
 
@@ -24,6 +24,7 @@ class WorkerTiming {
     std::atomic<std::uint32_t> overTime{0};        // cycles that lost a whole cycle
     std::atomic<std::uint32_t> resendRequests{0};  // accepted requests to send again
     std::atomic<std::uint32_t> latestUs{0};        // the latest a cycle came round
+    std::atomic<std::uint32_t> ringDry{0};         // silences sent for want of the host's audio
 
     // At the start of a stream, on the worker.
     void clear();

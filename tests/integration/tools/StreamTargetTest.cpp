@@ -98,6 +98,9 @@ class StreamToTarget : public ::testing::TestWithParam<Case> {
         EXPECT_EQ(target.stop(), 0) << target.printed;
     }
 
+    // Where the host's ring ran dry the worker sent 10 ms of silence in its
+    // place (timing.ringDry): the machine held the buffer worker back. The
+    // source must run on unbroken around each such silence.
     void expectSourceBitForBit() {
         std::vector<std::uint8_t> stream = wavData(wav.path);
         std::size_t lead = 0;
@@ -106,12 +109,23 @@ class StreamToTarget : public ::testing::TestWithParam<Case> {
         EXPECT_GE(lead, std::size_t{ringSlots} * slotFrames * frameBytes) << "the ring's silence first";
         ASSERT_GE(stream.size(), lead + host.filled) << "the source came out short";
         ASSERT_GT(host.filled, std::uint64_t(seconds) * 48000 * frameBytes * 9 / 10);
-        std::size_t wrong = 0;
-        for (std::uint64_t n = 0; n < host.filled; ++n) wrong += stream[lead + n] != patternByte(n);
-        EXPECT_EQ(wrong, 0u) << "bytes that differ from the source";
-        EXPECT_TRUE(std::all_of(stream.begin() + std::ptrdiff_t(lead + host.filled), stream.end(),
-                                [](std::uint8_t b) { return b == 0; }))
-            << "after the source, silence";
+        constexpr std::size_t drySilence = 48000 / 100 * frameBytes;
+        std::uint32_t dry = host.timing.ringDry.load(), silences = 0;
+        std::size_t at = lead, wrong = 0;
+        for (std::uint64_t n = 0; n < host.filled && at < stream.size();) {
+            if (stream[at] == 0 && silences < dry && at + drySilence <= stream.size() &&
+                std::all_of(&stream[at], &stream[at] + drySilence, [](std::uint8_t b) { return b == 0; })) {
+                at += drySilence;
+                ++silences;
+                continue;
+            }
+            wrong += stream[at++] != patternByte(n++);
+        }
+        EXPECT_EQ(wrong, 0u) << "bytes that differ from the source, besides " << silences
+                             << " silences of a dry ring";
+        EXPECT_TRUE(std::all_of(stream.begin() + std::ptrdiff_t(at), stream.end(), [](std::uint8_t b) {
+            return b == 0;
+        })) << "after the source, silence";
     }
 
     // The correction's mean once the first second has settled it, each
@@ -148,11 +162,11 @@ class StreamToTarget : public ::testing::TestWithParam<Case> {
             "%s: deviation Q14 min %d max %d final %d, underruns %.0f, resends %.0f (host %u), dropped %.0f, "
             "adjust mean "
             "%.1f, "
-            "lateness us median %u p99 %u latest %u, over time %u of %u cycles\n",
+            "lateness us median %u p99 %u latest %u, over time %u of %u cycles, ring dry %u\n",
             GetParam().name, least, greatest, final, report.underruns, report.resends,
             host.timing.resendRequests.load(), report.dropped, meanAdjust(), host.timing.latenessUsAt(0.5),
             host.timing.latenessUsAt(0.99), host.timing.latestUs.load(), host.timing.overTime.load(),
-            host.timing.cycles.load());
+            host.timing.cycles.load(), host.timing.ringDry.load());
     }
 };
 

@@ -90,6 +90,7 @@ TEST(SyncBufferRing, StartsWithCountSlotsOfSilenceThenTenMillisecondsOfIt) {
     EXPECT_EQ(chunk.size, 1764u);
     EXPECT_TRUE(allBytes(chunk, 0));
     EXPECT_FALSE(sync.muteReached);
+    EXPECT_EQ(sync.timing.ringDry.load(), 1u) << "counted, where a muted ring's silence is not";
     EXPECT_FALSE(sync.setupRing(64, 0, 0, FormatID()));
 }
 
@@ -118,6 +119,7 @@ TEST(SyncBufferRing, DataGoesOutBeforeMuteAndStop) {
     ASSERT_TRUE(sync.getBuffer(chunk));
     EXPECT_EQ(chunk.size, sync.slotBytes);
     EXPECT_TRUE(sync.muteReached);
+    EXPECT_EQ(sync.timing.ringDry.load(), 0u);
 
     sync.setupRing(16, 2, 0, FormatID());
     sync.stopRequested = 1;
