@@ -21,13 +21,15 @@ class TargetProcess {
         return {"--control-port", "0", "--registration-port", "0", "--log-port", "0", "--syslog-port", "0"};
     }
 
-    TargetProcess(const std::string& tool, std::vector<std::string> options) {
+    // With `withLog` its log (on stderr) lands in `printed` too.
+    TargetProcess(const std::string& tool, std::vector<std::string> options, bool withLog = false) {
         int out[2];
         if (pipe(out) != 0) return;
         options.insert(options.begin(), tool);
         pid = fork();
         if (pid == 0) {
             dup2(out[1], STDOUT_FILENO);
+            if (withLog) dup2(out[1], STDERR_FILENO);
             close(out[0]);
             close(out[1]);
             std::vector<char*> argv;

@@ -27,6 +27,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -53,7 +54,9 @@ constexpr std::uint32_t slotFrames = 192;
 // jackd -d dummy under a name of its own, ended at the test's end.
 class JackServer {
   public:
-    explicit JackServer(const std::string& serverName) : name(serverName) {
+    explicit JackServer(const std::string& serverName) : name(serverName) { start(); }
+    ~JackServer() { stop(); }
+    void start() {
         pid = fork();
         if (pid == 0) {
             // Its chatter (the dummy backend's timing notes) would drown the test's output.
@@ -63,10 +66,11 @@ class JackServer {
             _exit(127);
         }
     }
-    ~JackServer() {
+    void stop() {
         if (pid <= 0) return;
         kill(pid, SIGTERM);
         waitpid(pid, nullptr, 0);
+        pid = -1;
     }
     const std::string name;
 
@@ -109,6 +113,7 @@ class Capture {
     std::vector<std::vector<float>> samples;
     std::atomic<std::size_t> recorded{0};
     std::atomic<unsigned> xruns{0};
+    std::atomic<unsigned> xrunsBeforeSound{0};
 
   private:
     static int process(jack_nframes_t frames, void* self) {
@@ -125,6 +130,7 @@ class Capture {
         // The silence before the sink's clock starts takes no room: its
         // length depends on how long the set-up took.
         if (!sound) return 0;
+        if (at == 0) capture->xrunsBeforeSound.store(capture->xruns.load());
         for (unsigned c = 0; c < channels; ++c)
             std::copy(in[c], in[c] + taken, capture->samples[c].begin() + std::ptrdiff_t(at));
         capture->recorded.store(at + taken, std::memory_order_release);
@@ -234,6 +240,75 @@ TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
             wrong += capture.samples[c][lead + f] != expectedSample(f * channels + c);
     }
     EXPECT_EQ(wrong, 0u) << "samples that differ from the source, of " << sourceFrames * channels;
+}
+
+// The server goes away mid-stream and comes back: the sink says so, keeps
+// the host's stream going meanwhile, joins the new server by itself, and
+// plays the stream on from where it stands, in order.
+TEST(DeviceSinkLoss, TheServerGoingAndComingBackIsToldAndTheStreamPlaysOn) {
+    JackServer server("velmora-test-" + std::to_string(getpid()) + "-loss");
+    ASSERT_EQ(setenv("JACK_DEFAULT_SERVER", server.name.c_str(), 1), 0);
+    auto first = std::make_unique<Capture>(server.name, 1);
+    ASSERT_NE(first->client, nullptr) << "jackd -d dummy did not start";
+    std::vector<std::string> options = TargetProcess::anyPorts();
+    options.insert(options.end(), {"--sink", "1,0,Main out", "--jack", "velmora-test", "--latency",
+                                   std::to_string(latencyUnits), "--log-level", "5"});
+    TargetProcess target(toolPath, options, true);
+    ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
+    PatternSource host;
+    if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
+    StreamHost::start(host, target.sinkPort, stereoS16At48k, latencyUnits, slotFrames, ringSlots);
+    if (HasFatalFailure()) return;
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    first.reset();
+    server.stop();
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    server.start();
+
+    constexpr std::size_t judged = 48000;  // a second of what plays after the return
+    Capture capture(server.name, 2 * judged);
+    ASSERT_NE(capture.client, nullptr) << "jackd -d dummy did not start again";
+    bool joined = false;
+    for (int tries = 0; tries < 100 && !joined; ++tries) {
+        joined = capture.connectFrom("velmora-test");
+        if (!joined) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    ASSERT_TRUE(joined) << "the sink did not join the server again";
+    for (int tries = 0; tries < 200 && capture.recorded.load() < 2 * judged; ++tries)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    finish(host);
+    if (HasFatalFailure()) return;
+    EXPECT_EQ(target.stop(), 0);
+    EXPECT_NE(target.printed.find("JACK server gone"), std::string::npos) << target.printed;
+    EXPECT_NE(target.printed.find("JACK server back"), std::string::npos) << target.printed;
+
+    ASSERT_EQ(capture.recorded.load(), 2 * judged) << "the stream stopped reaching the server";
+    // The source repeats every 251 frames and holds no zero: find where the
+    // capture starts in it; then every frame of the judged second must
+    // follow the one before, nothing lost and nothing stale. Silence may
+    // come between them only where jackd itself missed a deadline.
+    const std::vector<std::vector<float>>& in = capture.samples;
+    std::size_t lead = 0;
+    while (lead < judged && in[0][lead] == 0 && in[1][lead] == 0) ++lead;
+    std::uint64_t next = 0;
+    while (next < 251 &&
+           (in[0][lead] != expectedSample(2 * next) || in[1][lead] != expectedSample(2 * next + 1)))
+        ++next;
+    ASSERT_LT(next, 251u) << "what plays isn't the source";
+    std::size_t wrong = 0, gaps = 0;
+    bool silent = false;
+    for (std::size_t f = lead; f < lead + judged; ++f) {
+        bool nothing = in[0][f] == 0 && in[1][f] == 0;
+        gaps += nothing && !silent;
+        silent = nothing;
+        if (nothing) continue;
+        for (unsigned c = 0; c < channels; ++c) wrong += in[c][f] != expectedSample(next * channels + c);
+        ++next;
+    }
+    unsigned missed = capture.xruns.load() - capture.xrunsBeforeSound.load();
+    std::printf("after the return: %zu gaps, jackd missed %u deadlines\n", gaps, missed);
+    EXPECT_EQ(wrong, 0u) << "samples out of the source's order after the server came back";
+    EXPECT_LE(gaps, missed) << "the sink ran dry after the server came back";
 }
 
 // What velmora-target prints and returns for a set of options, its ports

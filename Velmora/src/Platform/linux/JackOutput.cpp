@@ -127,7 +127,6 @@ void JackOutput::reconnectLoop() {
             told = true;
             lock.unlock();
             leave();
-            ring.clear();  // no callback runs now, and the sink discards: the gap's audio is stale
             lock.lock();
         }
         lock.unlock();
@@ -154,7 +153,7 @@ int JackOutput::process(jack_nframes_t frames) {
         buffers[c] = static_cast<float*>(jack_port_get_buffer(ports[c], frames));
     std::size_t taken = 0;
     unsigned playedChannels = 0;
-    if (state.load(std::memory_order_acquire) == playing) {
+    if (state.load(std::memory_order_acquire) == playing && callbackReads.load(std::memory_order_acquire)) {
         if (!startSeen.load(std::memory_order_relaxed)) {
             startFrame.store(jack_last_frame_time(client), std::memory_order_relaxed);
             startSeen.store(true, std::memory_order_release);
@@ -229,31 +228,44 @@ bool JackOutput::open(FormatID format, double bufferFrames, std::string& error) 
 }
 
 bool JackOutput::write(const std::uint8_t* bytes, std::size_t size) {
-    if (lost.load(std::memory_order_relaxed)) return true;  // the gap plays nowhere
     return ring.write(bytes, size);
 }
 
 void JackOutput::startClock(Clock::time_point now) {
     steadyFrom = now;
+    voidFrames = 0;
     startSeen.store(false);
+    callbackReads.store(onServerClock, std::memory_order_release);
     state.store(playing, std::memory_order_release);
 }
 
 // Frames played: the server's frame time since the first cycle that took
-// audio, and, for a span without the server, the steady clock's.
+// audio, and, for a span without the server, the steady clock's. The ring
+// changes readers here: the callback stops reading once the server has gone
+// (it no longer runs), and starts again only after this thread has stopped.
 double JackOutput::played(Clock::time_point now) {
     bool gone = lost.load();
     if (gone && onServerClock) {
+        callbackReads.store(false, std::memory_order_release);
         playedBefore += serverPlayed;
         serverPlayed = 0;
         onServerClock = false;
         steadyFrom = now;
+        voidFrames = 0;
     } else if (!gone && !onServerClock) {
         playedBefore += std::chrono::duration<double>(now - steadyFrom).count() * nominal;
         onServerClock = true;
+        startSeen.store(false);
+        callbackReads.store(true, std::memory_order_release);
     }
-    if (!onServerClock)
-        return playedBefore + std::chrono::duration<double>(now - steadyFrom).count() * nominal;
+    if (!onServerClock) {
+        double frames = std::chrono::duration<double>(now - steadyFrom).count() * nominal;
+        // What was due and not there isn't made up later, as on a device.
+        auto due = std::uint64_t(frames) - voidFrames;
+        ring.consume(std::min<std::size_t>(due, ring.readable() / frameBytes) * frameBytes);
+        voidFrames += due;
+        return playedBefore + frames;
+    }
     if (!startSeen.load(std::memory_order_acquire)) return playedBefore;
     std::lock_guard<std::mutex> lock(clientMutex);
     if (client == nullptr) return playedBefore + serverPlayed;

@@ -6,8 +6,10 @@
 // which the callback first took audio, so the host follows JACK's clock.
 //
 // When the server goes away the output logs it, plays on the steady clock at
-// the nominal rate (the sink keeps answering the host), and connects again
-// once the server is back.
+// the nominal rate (the sink keeps answering the host, its level neutral),
+// and connects again once the server is back. Meanwhile the sink's thread
+// takes from the ring what that clock plays, into nothing, so that the ring
+// still holds the sink's level when the server's callback reads it again.
 #pragma once
 
 #include <jack/jack.h>
@@ -72,6 +74,9 @@ class JackOutput : public PlayoutOutput {
     std::atomic<std::uint8_t> state{idle};
     std::atomic<bool> lost{false};
     std::atomic<bool> startSeen{false};
+    // The callback reads the ring; else the sink's thread does, while the
+    // server is gone. Only the sink's thread changes it.
+    std::atomic<bool> callbackReads{false};
     std::atomic<jack_nframes_t> startFrame{0};
     std::atomic<std::uint64_t> cycles{0};
     std::atomic<std::uint64_t> xrunCount{0};
@@ -85,6 +90,7 @@ class JackOutput : public PlayoutOutput {
     double playedBefore = 0;  // by clocks before the current one
     bool onServerClock = true;
     Clock::time_point steadyFrom;  // of the steady clock while the server is gone
+    std::uint64_t voidFrames = 0;  // of its frames, those taken from the ring
     jack_nframes_t lastFrame = 0;
     double serverPlayed = 0;
 
