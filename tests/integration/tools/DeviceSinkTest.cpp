@@ -252,7 +252,10 @@ TEST(DeviceSinkLoss, TheServerGoingAndComingBackIsToldAndTheStreamPlaysOn) {
     ASSERT_NE(first->client, nullptr) << "jackd -d dummy did not start";
     std::vector<std::string> options = TargetProcess::anyPorts();
     options.insert(options.end(), {"--sink", "1,0,Main out", "--jack", "velmora-test", "--latency",
-                                   std::to_string(latencyUnits), "--log-level", "5"});
+                                   std::to_string(latencyUnits), "--log-level", "5",
+                                   // Arrivals in bursts of a few milliseconds: a ring the return left
+                                   // empty would run dry between them.
+                                   "--batch-wait", "4000"});
     TargetProcess target(toolPath, options, true);
     ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
     PatternSource host;
