@@ -47,6 +47,9 @@ SETTLE_BAND = 0.10  # settled: the mean level within this share of the centre
 #   cycle    the driver's CycleTime, us; sync: SyncBufferCount
 #   latency  the sink's buffer, velmora-target --latency (units of 100 us)
 #   ppm, step ("PPM@SECONDS"), drop: the sink's clock, a jump in it, loss
+#   jack     the sink plays to a jackd of its own (dummy backend, 48 kHz) with
+#            periods of this many frames: the server's clock is the sink's
+#   batch    velmora-target --batch-wait, us
 #   settings more setting.inf keys; sets: which sets hold the case
 BASE = dict(rate=48000, channels=2, bits=32, latency=200)
 CASES = [
@@ -83,6 +86,11 @@ CASES = [
     dict(name="low-sync4", **{**LOW_LATENCY, "sync": 4}, sets="matrix"),
     dict(name="low-asio16", **{**LOW_LATENCY, "buffer": 16, "sync": 6}, sets="matrix"),
     dict(name="low-sink2", **{**LOW_LATENCY, "latency": 20}, sets="matrix"),
+    dict(name="batch4000", batch=4000, sets="matrix"),
+    dict(name="jack256", jack=256, sets="matrix quick"),
+    dict(name="jack256-batch", jack=256, batch=4000, sets="matrix"),
+    dict(name="low-jack64", **LOW_LATENCY, jack=64, sets="matrix"),
+    dict(name="low-jack64-sink5", **{**LOW_LATENCY, "latency": 50}, jack=64, sets="matrix"),
     # The long goals: a minute each.
     dict(name="hold-48k-low", **LOW_LATENCY, sets="hold"),
     dict(name="hold-48k-low+1000", **LOW_LATENCY, ppm=1000, sets="hold"),
@@ -221,8 +229,10 @@ def commands(p, args, ns, work, seconds):
     target = ns.prefix() + [os.path.join(args.bin, "velmora-target"), "--loopback", "--name", "Bench",
                             "--sink", "1,0,Bench out", "--stats-json", os.path.join(work, "stats.json"),
                             "--log-level", "3"] + target_masks(p)
+    if p.get("jack"):
+        target[target.index("--sink") + 2:target.index("--sink") + 2] = ["--jack", "velmora-bench"]
     for field, option in (("latency", "--latency"), ("ppm", "--ppm"), ("step", "--ppm-step"),
-                          ("drop", "--drop")):
+                          ("drop", "--drop"), ("batch", "--batch-wait")):
         if p.get(field):
             target += [option, str(p[field])]
     play = ns.prefix() + [os.path.join(args.bin, "velmora-play"),
@@ -260,13 +270,34 @@ def wait_for_stats(work, target):
     time.sleep(0.1)
 
 
-def run_processes(target_cmd, play_cmd, work, seconds, result):
+class JackServer:
+    """jackd's dummy backend under a name of this run, for a case whose sink
+    plays to JACK; nothing for the others."""
+
+    def __init__(self, p, ns, work):
+        self.process = None
+        self.env = dict(os.environ)
+        if not p.get("jack"):
+            return
+        self.env["JACK_DEFAULT_SERVER"] = f"velmora-bench-{os.getpid()}"
+        with open(os.path.join(work, "jackd.out"), "w") as out:
+            self.process = subprocess.Popen(ns.prefix() + ["jackd", "-n", self.env["JACK_DEFAULT_SERVER"], "-d",
+                                                           "dummy", "-r", "48000", "-p", str(p["jack"])],
+                                            stdout=out, stderr=subprocess.STDOUT, env=self.env)
+        subprocess.run(["jack_wait", "-w", "-t", "5"], env=self.env, capture_output=True)
+
+    def close(self):
+        if self.process:
+            stop(self.process)
+
+
+def run_processes(target_cmd, play_cmd, work, seconds, result, env=None):
     """Runs the target, then the host to its end, sampling both processes'
     CPU time; the samples by role."""
     samples = {"host": [], "target": [], "steal": []}
     with open(os.path.join(work, "target.out"), "w") as target_out, \
             open(os.path.join(work, "play.out"), "w") as play_out:
-        target = subprocess.Popen(target_cmd, stdout=target_out, stderr=subprocess.STDOUT)
+        target = subprocess.Popen(target_cmd, stdout=target_out, stderr=subprocess.STDOUT, env=env)
         try:
             if not wait_for_text(target_out.name, "sink 1:", target):
                 result["error"] = "velmora-target didn't start"
@@ -310,7 +341,11 @@ def run_case(case, args, ns, out):
     with open(os.path.join(work, "commands.txt"), "w") as f:
         f.write(" ".join(target_cmd) + "\n" + " ".join(play_cmd) + "\n")
     result = {"name": case["name"], "parameters": p, "format": format_name(p), "seconds": seconds}
-    samples = run_processes(target_cmd, play_cmd, work, seconds, result)
+    jack = JackServer(p, ns, work)
+    try:
+        samples = run_processes(target_cmd, play_cmd, work, seconds, result, jack.env)
+    finally:
+        jack.close()
 
     play = load_json(os.path.join(work, "play.json"))
     stats = load_json(os.path.join(work, "stats.json"))
