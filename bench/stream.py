@@ -86,9 +86,9 @@ CASES = [
     dict(name="low-sync4", **{**LOW_LATENCY, "sync": 4}, sets="matrix"),
     dict(name="low-asio16", **{**LOW_LATENCY, "buffer": 16, "sync": 6}, sets="matrix"),
     dict(name="low-sink2", **{**LOW_LATENCY, "latency": 20}, sets="matrix"),
-    dict(name="batch4000", batch=4000, sets="matrix"),
+    dict(name="per-packet", batch=0, sets="matrix"),
     dict(name="jack256", jack=256, sets="matrix quick"),
-    dict(name="jack256-batch", jack=256, batch=4000, sets="matrix"),
+    dict(name="jack256-per-packet", jack=256, batch=0, sets="matrix"),
     dict(name="low-jack64", **LOW_LATENCY, jack=64, sets="matrix"),
     dict(name="low-jack64-sink5", **{**LOW_LATENCY, "latency": 50}, jack=64, sets="matrix"),
     # The long goals: a minute each.
@@ -233,7 +233,7 @@ def commands(p, args, ns, work, seconds):
         target[target.index("--sink") + 2:target.index("--sink") + 2] = ["--jack", "velmora-bench"]
     for field, option in (("latency", "--latency"), ("ppm", "--ppm"), ("step", "--ppm-step"),
                           ("drop", "--drop"), ("batch", "--batch-wait")):
-        if p.get(field):
+        if p.get(field) is not None:
             target += [option, str(p[field])]
     play = ns.prefix() + [os.path.join(args.bin, "velmora-play"),
                           "--driver", os.path.join(args.bin, "asio_kestrane.so"),

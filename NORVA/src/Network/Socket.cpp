@@ -267,17 +267,25 @@ bool Socket::receiveDatagram(void* data, std::size_t size, std::size_t& received
 }
 
 bool Socket::receiveMany(std::uint8_t* const* data, std::size_t size, std::size_t* received, IPAddress* peers,
-                         std::size_t count, std::size_t& taken) {
+                         std::chrono::nanoseconds* ages, std::size_t count, std::size_t& taken) {
     taken = 0;
     if (isInterrupted()) return failInterrupted();
     constexpr std::size_t most = 64;
     Platform::SocketAddress6 from[most];
+    std::int64_t agesNs[most];
     int result =
-        Platform::socketReceiveMany6(handle, data, size, received, from, count < most ? count : most);
+        Platform::socketReceiveMany6(handle, data, size, received, from, agesNs, count < most ? count : most);
     if (result < 0) return isNothingReceived(Platform::lastSocketError());
     taken = static_cast<std::size_t>(result);
-    for (std::size_t i = 0; i < taken; ++i) peers[i] = addressOf(from[i]);
+    for (std::size_t i = 0; i < taken; ++i) {
+        peers[i] = addressOf(from[i]);
+        ages[i] = std::chrono::nanoseconds(agesNs[i]);
+    }
     return true;
+}
+
+bool Socket::stampArrivals() {
+    return Platform::socketSetOption(handle, Platform::SocketOption::arrivalStamps, 1);
 }
 
 bool Socket::receiveFrom(void* data, std::size_t size, std::size_t& received, IPAddress& peer) {

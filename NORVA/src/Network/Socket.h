@@ -9,6 +9,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -101,10 +102,15 @@ class Socket {
     bool receive(void* data, std::size_t size, std::size_t& received);
     // The datagrams that wait, up to `count`, in one system call where the
     // system has one; never waits. Datagram i goes to data[i], cut to `size`
-    // bytes, its length to received[i], its sender to peers[i]. True with
-    // `taken` 0 when nothing was there; false on a failure of the socket.
+    // bytes, its length to received[i], its sender to peers[i], and how long
+    // it waited in the socket to ages[i] (0 unless arrivals are stamped).
+    // True with `taken` 0 when nothing was there; false on a failure of the
+    // socket.
     bool receiveMany(std::uint8_t* const* data, std::size_t size, std::size_t* received, IPAddress* peers,
-                     std::size_t count, std::size_t& taken);
+                     std::chrono::nanoseconds* ages, std::size_t count, std::size_t& taken);
+    // Has the system stamp each datagram's arrival, for receiveMany's ages.
+    // False where it can't: the ages then stay 0.
+    bool stampArrivals();
     // The same into an array made `receiveSize` long first; its size is then
     // what arrived, 0 for nothing.
     bool receiveFrom(ByteArray& array, IPAddress& peer);

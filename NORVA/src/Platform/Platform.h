@@ -147,7 +147,8 @@ enum class SocketOption {
     multicastLoop,       // IPV6_MULTICAST_LOOP
     multicastHops,       // IPV6_MULTICAST_HOPS
     receiveBufferSize,   // SO_RCVBUF
-    sendBufferSize       // SO_SNDBUF
+    sendBufferSize,      // SO_SNDBUF
+    arrivalStamps        // SO_TIMESTAMPNS, where the system has it
 };
 bool socketSetOption(SocketHandle handle, SocketOption option, int value);
 
@@ -187,10 +188,12 @@ std::int64_t socketReceiveFrom6(SocketHandle handle, void* data, std::size_t siz
 
 // The datagrams that wait, up to `count`, in one call where the system has
 // one; never waits. Datagram i goes to data[i], cut to `size` bytes; its
-// length lands in received[i], its sender in peers[i]. How many were taken
-// (0 for none), or -1 on failure.
+// length lands in received[i], its sender in peers[i], and in agesNs[i] how
+// long it had waited in the socket: 0 where the socket doesn't stamp
+// arrivals (SocketOption::arrivalStamps). How many were taken (0 for none),
+// or -1 on failure.
 int socketReceiveMany6(SocketHandle handle, std::uint8_t* const* data, std::size_t size,
-                       std::size_t* received, SocketAddress6* peers, std::size_t count);
+                       std::size_t* received, SocketAddress6* peers, std::int64_t* agesNs, std::size_t count);
 
 // select() on one socket for reading: 0 error, 1 timed out, 2 readable.
 int socketWaitReadable(SocketHandle handle, std::uint64_t timeoutMicroseconds);

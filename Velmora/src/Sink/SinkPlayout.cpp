@@ -67,7 +67,7 @@ bool SinkPlayout::start(FormatID streamFormat, std::uint32_t latencyUs) {
     awaitingResend = false;
     feedbackOwed = 0;
     receivedFrames = silentFrames = level = levelArea = areaSpan = sampleArea = sampleSpan = 0;
-    packetFrames = onTheirWay = 0;
+    packetFrames = onTheirWay = takenFrames = takenLateness = 0;
     lastReported = 0;
     inUnderrun = inOverrun = hasTransit = false;
     dropState = config.dropSeed != 0 ? config.dropSeed : 1;
@@ -117,11 +117,12 @@ int SinkPlayout::receive(const Packet& packet, Clock::time_point now, Answer (&a
         ++counts.dropped;
         return 0;
     }
+    Clock::time_point arrival = now - std::max(Clock::duration::zero(), packet.waited);
     if (!started) {
         started = true;
         expected = lastSequence = fullSequence(packet);
         newest = std::uint16_t(expected - 1);
-        firstArrival = nextSample = lastUpdate = lastReport = now;
+        firstArrival = nextSample = lastUpdate = lastReport = arrival;
     }
     int given = 0;
     std::uint16_t sequence = fullSequence(packet);
@@ -152,11 +153,15 @@ int SinkPlayout::receive(const Packet& packet, Clock::time_point now, Answer (&a
             LogLine(4) << "StreamSink output lost audio";
         counts.digest.feed(packet.body, packet.size);
         // Jitter: how the arrival moves against the audio's own time.
-        double transit = microseconds(now - firstArrival) - receivedFrames / format.rate() * 1e6;
+        double transit = microseconds(arrival - firstArrival) - receivedFrames / format.rate() * 1e6;
         if (hasTransit) counts.jitterUs += (std::fabs(transit - lastTransitUs) - counts.jitterUs) / 16;
         lastTransitUs = transit;
         hasTransit = true;
-        receivedFrames += std::floor(packet.size / frameBytes);
+        double frames = std::floor(packet.size / frameBytes);
+        receivedFrames += frames;
+        takenFrames += frames;
+        takenLateness +=
+            frames * std::chrono::duration<double>(std::max(arrival, lastUpdate) - lastUpdate).count();
     }
     if (packet.wantsFeedback) ++feedbackOwed;
     if (packet.queuedBehind) return given;
@@ -209,12 +214,16 @@ void SinkPlayout::playUntil(Clock::time_point now) {
         level = receivedFrames + silentFrames - output->played(now);
     }
     // Since the last update the level only fell, as the clock played: a
-    // straight line from where it stood, then whatever just arrived on top.
+    // straight line from where it stood, with what arrived meanwhile on top
+    // from its arrival.
     double span = std::chrono::duration<double>(now - lastUpdate).count();
     double fallen = counts.playing ? std::max(0.0, before - span * rate) : before;
-    levelArea += ((before + fallen) / 2 + onTheirWay) * span;
+    // What was taken since stood in the buffer from its arrival on.
+    double arrived = std::max(0.0, takenFrames * span - takenLateness);
+    takenFrames = takenLateness = 0;
+    levelArea += ((before + fallen) / 2 + onTheirWay) * span + arrived;
     areaSpan += span;
-    sampleArea += (before + fallen) / 2 * span;
+    sampleArea += (before + fallen) / 2 * span + arrived;
     sampleSpan += span;
     lastUpdate = now;
     onTheirWay = std::max(0, std::int16_t(newest - expected) + 1) * packetFrames;

@@ -31,7 +31,7 @@ struct SinkPlayConfig {
     double stepPpm = 0;           // added to `ppm` once the clock has played
     double stepAfterSeconds = 0;  // this long
     double dropShare = 0;         // of packets dropped on arrival, 0 to 1
-    double batchWaitUs = 0;       // the longest wait for a batch of arrivals; 0: none
+    double batchWaitUs = 4000;    // the longest wait for a batch of arrivals; 0: none
     int feedbackEncoding = 1;     // 1 centred, 2 signed, 3 level
     std::string wavPath;          // empty: the audio is discarded (without a device)
     std::uint32_t dropSeed = 1;
@@ -92,6 +92,9 @@ class SinkPlayout {
         // clock isn't read and a feedback request is answered with the last
         // of them, once all that has arrived is in the buffer.
         bool queuedBehind = false;
+        // How long it waited to be taken: its audio counts in the level
+        // from its arrival, not from when a batch was read.
+        Clock::duration waited{};
         const std::uint8_t* body = nullptr;
         std::uint32_t size = 0;
     };
@@ -120,12 +123,11 @@ class SinkPlayout {
     void advance(Clock::time_point now);
     // How long the receive loop may leave arrivals waiting in its socket, to
     // take several in one go: as long as configured, but no more than a
-    // small share of the centre, so that what it does to the level stays
-    // small against the room below it (the level the host hears gets the
-    // noisier for it, all the same), and no
-    // longer than `packets` of the stream take to come, so that a fast
-    // stream doesn't crowd the socket. Zero while no stream plays, and while
-    // a resend is awaited.
+    // small share of the centre, since a device plays only what was taken,
+    // and no longer than `packets` of the stream take to come, so that a
+    // fast stream doesn't crowd the socket. Zero while no stream plays, and
+    // while a resend is awaited. The level the host hears counts each packet
+    // from its arrival (Packet::waited), so the wait doesn't bias it.
     Clock::duration batchWait(std::size_t packets) const;
     // Ends the stream and closes the file.
     void end();
@@ -173,8 +175,12 @@ class SinkPlayout {
     // span: the host hears the mean, not a moment of a packet's sawtooth.
     Clock::time_point lastUpdate;
     Clock::time_point lastReport;
-    double levelArea = 0;   // frame seconds
-    double areaSpan = 0;    // seconds
+    double levelArea = 0;  // frame seconds
+    double areaSpan = 0;   // seconds
+    // Frames taken since the last update, and how long after it they
+    // arrived, summed frame by frame (frame seconds).
+    double takenFrames = 0;
+    double takenLateness = 0;
     double sampleArea = 0;  // the same since the last sample
     double sampleSpan = 0;
     std::int32_t lastReported = 0;

@@ -57,6 +57,10 @@ bool StreamSink::start() {
         dataSocket.close();
         return false;
     }
+    // Batches are taken late by design: the level counts each packet from
+    // its arrival. Where the system can't stamp them, from when taken.
+    socket.stampArrivals();
+    dataSocket.stampArrivals();
     sockets.clear();
     sockets.add(socket);
     sockets.add(dataSocket);
@@ -145,7 +149,8 @@ bool StreamSink::drainSocket(NORVA::UDPV6& from, bool& tookAudio) {
     bool onDataPort = &from == &dataSocket;
     for (std::size_t read = 0; read < drainLimit;) {
         std::size_t taken = 0;
-        if (!from.receiveMany(batchData, datagramRoom, batchLengths, batchPeers, batchSize, taken)) {
+        if (!from.receiveMany(batchData, datagramRoom, batchLengths, batchPeers, batchAges, batchSize,
+                              taken)) {
             LogLine(3) << "StreamSink receive failed, error " << from.lastError;
             return false;
         }
@@ -153,6 +158,7 @@ bool StreamSink::drainSocket(NORVA::UDPV6& from, bool& tookAudio) {
             Datagram& datagram = datagrams[i];
             datagram.size = batchLengths[i];
             datagram.from = batchPeers[i];
+            datagram.waited = batchAges[i];
             datagram.onDataPort = onDataPort;
             tookAudio = dispatch(datagram) || tookAudio;
         }
@@ -165,7 +171,7 @@ bool StreamSink::drainSocket(NORVA::UDPV6& from, bool& tookAudio) {
 bool StreamSink::dispatch(const Datagram& datagram) {
     if (datagram.onDataPort) return receiveData(datagram);
     Receive request(datagram.bytes.data(), std::uint32_t(datagram.size));
-    return request.isValid() && handle(request, datagram.from);
+    return request.isValid() && handle(request, datagram);
 }
 
 // The compact framings: a tag byte after the body (mode 1) or a 16-bit tag
@@ -180,6 +186,7 @@ bool StreamSink::receiveData(const Datagram& datagram) {
     packet.queuedBehind = backlog;
     packet.sequence = tag & 0x7F;
     packet.wantsFeedback = (tag & 0x80) != 0;
+    packet.waited = datagram.waited;
     packet.body = datagram.bytes.data() + (second ? 2 : 0);
     packet.size = std::uint32_t(received - 1 - (second ? 1 : 0));
     play(packet, datagram.from);
@@ -203,12 +210,14 @@ void StreamSink::sendAnswer(const SinkPlayout::Answer& answer, const IPAddress& 
     }
 }
 
-bool StreamSink::handle(const Receive& request, const IPAddress& from) {
+bool StreamSink::handle(const Receive& request, const Datagram& datagram) {
+    const IPAddress& from = datagram.from;
     if (request.type() == MessageType::STREAM_DATA) {
         SinkPlayout::Packet packet;
         packet.sequence = request.param0();
         packet.wantsFeedback = (request.flags() & streamWantsFeedback) != 0;
         packet.queuedBehind = backlog;
+        packet.waited = datagram.waited;
         packet.body = request.body();
         packet.size = request.bodySize();
         play(packet, from);

@@ -95,6 +95,7 @@ class StreamSink {
         std::vector<std::uint8_t> bytes;
         std::size_t size = 0;
         NORVA::IPAddress from;
+        std::chrono::nanoseconds waited{};  // in the socket before it was taken
         bool onDataPort = false;
     };
     // What the loop does with one datagram: the control port's messages, or
@@ -134,7 +135,7 @@ class StreamSink {
   private:
     void run();
     // True for a stream's audio, as dispatch.
-    bool handle(const Receive& request, const NORVA::IPAddress& from);
+    bool handle(const Receive& request, const Datagram& datagram);
     bool answer(const Receive& request, SendBuffer& reply);
     std::uint64_t formatAnswer(std::uint64_t query) const;
     LatencyAnswer latencyAnswer(std::uint16_t wanted) const;
@@ -172,6 +173,7 @@ class StreamSink {
     std::uint8_t* batchData[batchSize] = {};
     std::size_t batchLengths[batchSize] = {};
     NORVA::IPAddress batchPeers[batchSize];
+    std::chrono::nanoseconds batchAges[batchSize];
     // Audio read in a batch is counted as it comes and played out once at
     // the batch's end, where its feedback goes to the stream's sender.
     bool backlog = false;

@@ -40,6 +40,7 @@ struct Feed {
     Clock::time_point now = Clock::now();
     std::uint16_t next = 0;
     bool compact = false;
+    Clock::duration waited{};  // of the next packet, in the socket
     SinkPlayout::Answer answers[2] = {};
 
     explicit Feed(SinkPlayout& target) : sink(target) {}
@@ -51,6 +52,7 @@ struct Feed {
         packet.compact = compact;
         packet.wantsFeedback = feedback;
         packet.queuedBehind = queuedBehind;
+        packet.waited = waited;
         packet.body = body.data();
         packet.size = std::uint32_t(body.size());
         return sink.receive(packet, now, answers);
@@ -62,6 +64,18 @@ struct Feed {
             now += microseconds(hostUs);
             sink.advance(now);
         }
+    }
+};
+
+// A sink that has played 100 ms of 1 ms packets from its centre.
+struct Centred {
+    SinkPlayout sink{SinkPlayConfig{}};
+    Feed feed{sink};
+
+    Centred() {
+        sink.start(stereoS32At48k, latencyUs);
+        feed.stream(15, 0);
+        feed.stream(100);
     }
 };
 
@@ -175,11 +189,8 @@ TEST(SinkPlay, TheBufferIsCountedInFramesOfTheFormatsRate) {
 TEST(SinkPlay, FeedbackCountsThePacketsOnTheirWay) {
     std::int16_t reported[2] = {};
     for (bool lose : {false, true}) {
-        SinkPlayout sink({});
-        sink.start(stereoS32At48k, latencyUs);
-        Feed feed{sink};
-        feed.stream(15, 0);
-        feed.stream(100);
+        Centred centred;
+        Feed& feed = centred.feed;
         feed.send(feed.next++, true);  // the interval starts here
         if (lose) ++feed.next;
         feed.stream(lose ? 3 : 4);
@@ -194,11 +205,9 @@ TEST(SinkPlay, FeedbackCountsThePacketsOnTheirWay) {
 TEST(SinkPlay, ABatchIsAnsweredOnceAtItsEndAsItsLastPacketWouldBe) {
     std::int16_t reported[2] = {};
     for (bool batched : {false, true}) {
-        SinkPlayout sink({});
-        sink.start(stereoS32At48k, latencyUs);
-        Feed feed{sink};
-        feed.stream(15, 0);
-        feed.stream(100);
+        Centred centred;
+        SinkPlayout& sink = centred.sink;
+        Feed& feed = centred.feed;
         feed.now += milliseconds(5);  // five packets wait in the socket
         for (int i = 0; i < 5; ++i) {
             bool last = i == 4;
@@ -214,6 +223,32 @@ TEST(SinkPlay, ABatchIsAnsweredOnceAtItsEndAsItsLastPacketWouldBe) {
         reported[batched] = asHostReads(feed.answers[0]).deviation;
     }
     EXPECT_EQ(reported[1], reported[0]);
+}
+
+// Taken late in one batch, stamped packets read as if each had been taken
+// on arrival; unstamped, the same batch reads lower.
+TEST(SinkPlay, ABatchTakenLateCountsEachPacketFromItsArrival) {
+    enum Taking { onArrival, lateStamped, lateUnstamped };
+    std::int16_t reported[3] = {};
+    for (Taking taking : {onArrival, lateStamped, lateUnstamped}) {
+        Centred centred;
+        SinkPlayout& sink = centred.sink;
+        Feed& feed = centred.feed;
+        feed.send(feed.next++, true);  // the interval starts here
+        Clock::time_point start = feed.now;
+        for (int i = 1; i <= 5; ++i) {
+            Clock::time_point arrival = start + milliseconds(i);
+            feed.now = taking == onArrival ? arrival : start + milliseconds(5);
+            feed.waited = taking == lateStamped ? feed.now - arrival : Clock::duration::zero();
+            feed.send(feed.next++, i == 5, taking != onArrival);
+        }
+        if (taking != onArrival) {
+            ASSERT_EQ(sink.settle(feed.now, feed.answers), 1);
+        }
+        reported[taking] = asHostReads(feed.answers[0]).deviation;
+    }
+    EXPECT_NEAR(reported[lateStamped], reported[onArrival], 2);
+    EXPECT_LT(reported[lateUnstamped], reported[onArrival] - 100);
 }
 
 // The wait for a batch: as configured, within a fifth of the centre and the

@@ -171,6 +171,8 @@ bool socketSetOption(SocketHandle handle, SocketOption option, int value) {
         // makes it send out of that interface in the same way.
         case SocketOption::unicastInterface:
             return setInt(handle, SOL_SOCKET, SO_BINDTOIFINDEX, value);
+        case SocketOption::arrivalStamps:
+            return setInt(handle, SOL_SOCKET, SO_TIMESTAMPNS, value);
         default:
             return false;
     }
@@ -291,12 +293,38 @@ std::int64_t socketReceiveFrom6(SocketHandle handle, void* data, std::size_t siz
     return received;
 }
 
+namespace {
+
+std::int64_t nanosecondsOf(const timespec& time) {
+    return std::int64_t(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
+// The kernel stamps arrivals on the wall clock: the age is read against it
+// at once, so that a step of that clock can only shift the one batch.
+std::int64_t ageOf(const msghdr& message, std::int64_t wallNow) {
+    for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr;
+         c = CMSG_NXTHDR(const_cast<msghdr*>(&message), c)) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_TIMESTAMPNS) continue;
+        timespec stamp{};
+        std::memcpy(&stamp, CMSG_DATA(c), sizeof(stamp));
+        std::int64_t age = wallNow - nanosecondsOf(stamp);
+        return age > 0 ? age : 0;
+    }
+    return 0;
+}
+
+}  // namespace
+
 int socketReceiveMany6(SocketHandle handle, std::uint8_t* const* data, std::size_t size,
-                       std::size_t* received, SocketAddress6* peers, std::size_t count) {
+                       std::size_t* received, SocketAddress6* peers, std::int64_t* agesNs,
+                       std::size_t count) {
     constexpr std::size_t most = 64;
     mmsghdr messages[most];
     iovec pieces[most];
     sockaddr_storage natives[most];
+    struct alignas(cmsghdr) Control {
+        char bytes[CMSG_SPACE(sizeof(timespec))];
+    } controls[most];
     count = count < most ? count : most;
     for (std::size_t i = 0; i < count; ++i) {
         pieces[i] = iovec{data[i], size};
@@ -305,15 +333,20 @@ int socketReceiveMany6(SocketHandle handle, std::uint8_t* const* data, std::size
         messages[i].msg_hdr.msg_namelen = sizeof(natives[i]);
         messages[i].msg_hdr.msg_iov = &pieces[i];
         messages[i].msg_hdr.msg_iovlen = 1;
+        messages[i].msg_hdr.msg_control = controls[i].bytes;
+        messages[i].msg_hdr.msg_controllen = sizeof(controls[i].bytes);
     }
     int taken = recvmmsg(fd(handle), messages, static_cast<unsigned>(count), MSG_DONTWAIT, nullptr);
     if (taken < 0) {
         failed();
         return -1;
     }
+    timespec wall{};
+    clock_gettime(CLOCK_REALTIME, &wall);
     for (int i = 0; i < taken; ++i) {
         received[i] = messages[i].msg_len;
         fromNative(natives[i], peers[i]);
+        agesNs[i] = ageOf(messages[i].msg_hdr, nanosecondsOf(wall));
     }
     return taken;
 }

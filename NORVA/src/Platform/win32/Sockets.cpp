@@ -221,8 +221,10 @@ std::int64_t socketReceiveFrom6(SocketHandle handle, void* data, std::size_t siz
 }
 
 // Winsock has no call for several datagrams: one at a time until none waits.
+// Winsock stamps no arrivals: every age is 0, the datagram taken as it comes.
 int socketReceiveMany6(SocketHandle handle, std::uint8_t* const* data, std::size_t size,
-                       std::size_t* received, SocketAddress6* peers, std::size_t count) {
+                       std::size_t* received, SocketAddress6* peers, std::int64_t* agesNs,
+                       std::size_t count) {
     std::size_t taken = 0;
     for (; taken < count; ++taken) {
         std::int64_t result = socketReceiveFrom6(handle, data[taken], size, &peers[taken]);
@@ -232,6 +234,7 @@ int socketReceiveMany6(SocketHandle handle, std::uint8_t* const* data, std::size
             break;
         }
         received[taken] = static_cast<std::size_t>(result);
+        agesNs[taken] = 0;
     }
     return static_cast<int>(taken);
 }
