@@ -241,10 +241,6 @@ void buildStreamData(ConnectionBuffer& packet, std::uint16_t sequence, bool last
     packet.finish();
 }
 
-void buildSynchroStatusRequest(Message& request) {
-    setBare(request, MessageType::SYNCHRO_STATUS_REQ);
-}
-
 void buildDisconnectRequest(Message& request) {
     setBare(request, MessageType::DISCONNECT_REQ);
 }

@@ -17,7 +17,6 @@ namespace VELMORA {
 
 // FORMAT_REQ: which kinds exist, then one mask per kind.
 inline constexpr std::uint64_t formatKindsQuery = 0;
-inline constexpr std::uint64_t formatPcmQuery = 0xFF00;
 inline constexpr std::uint64_t formatDsdLsbQuery = 0x100000;
 inline constexpr std::uint64_t formatDsdMsbQuery = 0x200000;
 
@@ -145,7 +144,6 @@ void buildConnectRequest(ConnectionBuffer& request, std::uint32_t msMode, Format
 // The header, or the tag, of an audio packet whose body is already in
 // place. Allocates nothing: it runs on the worker's cycle.
 void buildStreamData(ConnectionBuffer& packet, std::uint16_t sequence, bool lastOfCycle, bool wantsFeedback);
-void buildSynchroStatusRequest(Message& request);
 void buildDisconnectRequest(Message& request);
 void buildHostDebugRequest(Message& request, bool starting);
 
