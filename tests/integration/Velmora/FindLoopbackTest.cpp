@@ -30,6 +30,8 @@ VELMORA::TargetConfig loopbackTarget() {
     config.allowLoopback = true;
     config.idleWithoutSynchro = false;
     config.ports.systemLog = 0;
+    // Long enough for every case here to read its sink, short enough to see one expire.
+    config.registrationLifetime = NORVA::TimeValue::fromSeconds(3);
     return config;
 }
 
@@ -126,7 +128,7 @@ TEST_F(FindLoopback, WithoutLoopbackNothingIsFound) {
 TEST_F(FindLoopback, ASinkNotRegisteredAgainDisappears) {
     registerAndSettle("Line out");
     ASSERT_EQ(records().size(), 1u);
-    std::this_thread::sleep_for(std::chrono::seconds(12));
+    std::this_thread::sleep_for(std::chrono::seconds(5));
     EXPECT_TRUE(records().empty());
 }
 

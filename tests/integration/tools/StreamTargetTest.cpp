@@ -23,6 +23,7 @@
 #include "Samples/SyncBuffer.h"
 #include "ScratchFile.h"
 #include "System/Threads.h"
+#include "TestFormats.h"
 #include "WavFile.h"
 #include "WorkerPriority.h"
 
@@ -35,7 +36,6 @@ using namespace StreamHost;
 std::string toolPath;
 int seconds = 4;
 
-const FormatID stereoS32At48k(0x802u, 0x000Cu);
 constexpr std::uint32_t frameBytes = 8;
 constexpr int latencyUnits = 400;  // 40 ms, in units of 100 us
 // The sink plays from its centre, three quarters of the latency; a quarter

@@ -15,6 +15,7 @@
 #include "ScratchFile.h"
 #include "Stream/StreamMessages.h"
 #include "Stream/SyncFeedback.h"
+#include "TestFormats.h"
 
 namespace {
 
@@ -23,7 +24,6 @@ using Clock = SinkPlayout::Clock;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
-const FormatID stereoS32At48k(0x802u, 0x000Cu);
 constexpr std::uint32_t frameBytes = 8;
 constexpr std::uint32_t framesPerPacket = 48;  // 1 ms
 constexpr std::uint32_t latencyUs = 20000;     // centre 15 ms

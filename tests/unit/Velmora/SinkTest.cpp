@@ -13,6 +13,7 @@
 #include "Samples/SyncBuffer.h"
 #include "ScratchFile.h"
 #include "System/Threads.h"
+#include "TestFormats.h"
 #include "WorkerPriority.h"
 
 namespace {
@@ -140,8 +141,6 @@ TEST_F(SinkExchange, StartsOnceAndAgainAfterStop) {
 }
 
 // ---- A whole stream: ring, stream worker and the playing sink ----------------
-
-const FormatID stereoS32At48k(0x802u, 0x000Cu);
 
 // Byte n of the source; never the silence byte.
 std::uint8_t patternByte(std::uint64_t n) {

@@ -14,6 +14,7 @@
 #include "Network/Socket.h"
 #include "Protocol/MessageTypes.h"
 #include "System/Threads.h"
+#include "TestFormats.h"
 #include "WorkerPriority.h"
 
 namespace {
@@ -21,7 +22,6 @@ namespace {
 using namespace VELMORA;
 
 const FormatID stereo16At44k(0x202u, 0x000Au);
-const FormatID stereo32At48k(0x802u, 0x000Cu);
 const FormatID dsd64Lsb(0x2510002u, 0x0202u);
 const FormatID dsd64Msb(0x2610002u, 0x0202u);
 
@@ -38,7 +38,7 @@ class CountingBuffer : public SyncBuffer {
     }
     // The stream is up as far as the ring can tell.
     void pretendConnected() { connectState = connected; }
-    CountingBuffer() { format.sourceFormat = stereo32At48k; }
+    CountingBuffer() { format.sourceFormat = stereoS32At48k; }
     void pretendGone() {
         connectState = idle;
         onStateChange();
@@ -108,7 +108,7 @@ TEST(SyncBufferRing, SilenceOfDsdFollowsItsBitOrder) {
 
 TEST(SyncBufferRing, DataGoesOutBeforeMuteAndStop) {
     CountingBuffer sync;
-    sync.format.sourceFormat = stereo32At48k;
+    sync.format.sourceFormat = stereoS32At48k;
     sync.setupRing(16, 2, 0, FormatID());
     sync.muteRequested = 1;
     StreamChunk chunk;
@@ -132,7 +132,7 @@ TEST(SyncBufferRing, DataGoesOutBeforeMuteAndStop) {
 
 TEST(SyncBufferRing, PushWaitsForAFreeSlotAndSeekStaysInsideTheData) {
     CountingBuffer sync;
-    sync.setupRing(4, 3, 0, stereo32At48k);
+    sync.setupRing(4, 3, 0, stereoS32At48k);
     sync.pretendConnected();
     StreamBuffer own;
     own.fill(sync.slotBytes, 0xAB);
@@ -172,7 +172,7 @@ TEST(SyncBufferRing, PushWaitsForAFreeSlotAndSeekStaysInsideTheData) {
 // in fill order, each once, after the ring's leading silence.
 void streamInOrder(std::uint32_t count, int chunks) {
     CountingBuffer sync;
-    sync.format.sourceFormat = stereo32At48k;
+    sync.format.sourceFormat = stereoS32At48k;
     sync.setupRing(8, count, 0, FormatID());
     sync.pretendConnected();
     sync.play();
@@ -212,7 +212,7 @@ TEST(SyncBufferWorker, ARingOfOneSlotStillWorks) {
 
 TEST(SyncBufferWorker, MarksTheFirstFillAfterACycleOnly) {
     CountingBuffer sync;
-    sync.setupRing(8, 4, 0, stereo32At48k);
+    sync.setupRing(8, 4, 0, stereoS32At48k);
     sync.pretendConnected();
     sync.play();
     StreamChunk chunk;
@@ -234,7 +234,7 @@ TEST(SyncBufferWorker, MarksTheFirstFillAfterACycleOnly) {
 
 TEST(SyncBufferWorker, StopPlaysTheRingOutAndPlayResumes) {
     CountingBuffer sync;
-    sync.setupRing(8, 4, 0, stereo32At48k);
+    sync.setupRing(8, 4, 0, stereoS32At48k);
     sync.pretendConnected();
     sync.play();
     ASSERT_TRUE(sync.startBufferThread());
@@ -274,7 +274,7 @@ TEST(SyncBufferWorker, StopPlaysTheRingOutAndPlayResumes) {
 
 TEST(SyncBufferWorker, EndsOnStopRequestAndLeavesSilenceUntilTheStreamIsDown) {
     CountingBuffer sync;
-    sync.setupRing(8, 2, 0, stereo32At48k);
+    sync.setupRing(8, 2, 0, stereoS32At48k);
     sync.pretendConnected();
     sync.play();
     ASSERT_TRUE(sync.startBufferThread());
@@ -316,12 +316,12 @@ TEST(SyncBufferShutdown, EndsAWorkerInsideTheConnectExchangeAtOnce) {
     auto sync = std::make_unique<CountingBuffer>();
     ASSERT_TRUE(sync->open(0, NORVA::TimeValue::fromMs(100), 0, "studio", 1, -1, -1, 0));
     sync->targetAddress = sink;
-    sync->format.streamFormat = stereo32At48k;
+    sync->format.streamFormat = stereoS32At48k;
     sync->profiles[0].cycle = NORVA::TimeValue::fromUs(1000);
     sync->profiles[0].packetCount = 1;
     sync->profiles[0].sizeQ14 = 48u << 14;
     sync->profileCount = 1;
-    sync->setupRing(48, 2, 0, stereo32At48k);
+    sync->setupRing(48, 2, 0, stereoS32At48k);
     ASSERT_TRUE(sync->connect());
 
     std::vector<std::uint8_t> frame(2048);

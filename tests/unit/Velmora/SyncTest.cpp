@@ -14,6 +14,7 @@
 #include "Protocol/Send.h"
 #include "Sink/StreamSink.h"
 #include "System/Threads.h"
+#include "TestFormats.h"
 #include "WorkerPriority.h"
 
 namespace {
@@ -22,7 +23,6 @@ using NORVA::IPAddress;
 using NORVA::TimeValue;
 using namespace VELMORA;
 
-const FormatID stereoS32At48k(0x802u, 0x000Cu);
 const FormatID sinkPcm(0xE06u, 0x003Eu);         // 2 or 4 channels, 16 to 32 bits, 44.1/48 kHz x1..x4
 const FormatID sinkDsdLsb(0x2510002u, 0x0202u);  // DSD64, LSB first, little-endian words
 

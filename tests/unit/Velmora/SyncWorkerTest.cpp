@@ -9,6 +9,7 @@
 #include "Protocol/MessageTypes.h"
 #include "SyncWorkerPeer.h"
 #include "System/Threads.h"
+#include "TestFormats.h"
 #include "WorkerPriority.h"
 
 namespace {
@@ -16,7 +17,6 @@ namespace {
 using NORVA::TimeValue;
 using namespace VELMORA;
 
-const FormatID stereoS32At48k(0x802u, 0x000Cu);
 constexpr std::uint32_t frameBytes = 8;
 
 // Byte n of the source; never the silence byte, so the audio's start and

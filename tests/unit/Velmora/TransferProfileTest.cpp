@@ -7,6 +7,7 @@
 #include "LogCapture.h"
 #include "Network/TimeValue.h"
 #include "Stream/TransferConfig.h"
+#include "TestFormats.h"
 
 using NORVA::TimeValue;
 using VELMORA::FormatID;
@@ -17,7 +18,6 @@ using VELMORA::TransferProfile;
 
 namespace {
 
-const FormatID stereo32At48k(0x802u, 0x000Cu);   // frameBytes 8, byteRate 384000
 const FormatID stereo32At44k(0x802u, 0x000Au);   // byteRate 352800
 const FormatID stereo32At768k(0x802u, 0x0084u);  // 48000 x 16
 const FormatID stereo32At8000(0x802u, 0x0009u);  // 8000 x 1, through the multiplier bit
@@ -36,7 +36,7 @@ TransferConfig planner(FormatID format, std::uint16_t size = 1432, std::uint16_t
 
 // A sink of 48 kHz stereo at most, 32 bits, x1.
 TransferConfig profilePlanner(std::uint16_t min, std::uint16_t max, std::uint16_t prof,
-                              FormatID format = stereo32At48k) {
+                              FormatID format = stereoS32At48k) {
     TransferConfig transfer = planner(format);
     transfer.sink.setAnswer(min, max, prof);
     transfer.sink.baseMin = 8;
@@ -47,7 +47,7 @@ TransferConfig profilePlanner(std::uint16_t min, std::uint16_t max, std::uint16_
 }  // namespace
 
 TEST(PlanFix, KnownPlansAt48k) {
-    TransferConfig transfer = planner(stereo32At48k);
+    TransferConfig transfer = planner(stereoS32At48k);
     ASSERT_TRUE(transfer.planFix(0, us(1000)));
     EXPECT_EQ(transfer.cycle, us(1000));
     EXPECT_EQ(transfer.fixedSize, 0u);
@@ -62,7 +62,7 @@ TEST(PlanFix, KnownPlansAt48k) {
 }
 
 TEST(PlanFix, ShortensTheCycleUntilItFitsTheAllowedPackets) {
-    TransferConfig transfer = planner(stereo32At48k);
+    TransferConfig transfer = planner(stereoS32At48k);
     ASSERT_TRUE(transfer.planFix(1, us(10000)));
     // 3600 us make 1424 bytes with headroom; 3650 us would make 1448.
     EXPECT_EQ(transfer.cycle.toUs(), 3600u);
@@ -78,7 +78,7 @@ TEST(PlanFix, ShortensTheCycleUntilItFitsTheAllowedPackets) {
 }
 
 TEST(PlanVar, KnownPlansAt48k) {
-    TransferConfig transfer = planner(stereo32At48k);
+    TransferConfig transfer = planner(stereoS32At48k);
     ASSERT_TRUE(transfer.planVar(1, us(1000)));
     EXPECT_EQ(transfer.fixedSize, 384u);
     EXPECT_EQ(transfer.dataSize, 384u);
@@ -103,7 +103,7 @@ TEST(PlanVar, SplitsIntoEqualPacketsOfWholeFrames) {
 }
 
 TEST(PlanAuto, FewestPacketsThatReachTheCycle) {
-    TransferConfig transfer = planner(stereo32At48k);
+    TransferConfig transfer = planner(stereoS32At48k);
     ASSERT_TRUE(transfer.planFixAuto(us(5000)));
     EXPECT_EQ(transfer.cycle, us(5000));
     EXPECT_EQ(transfer.packetCount, 2);
@@ -118,7 +118,7 @@ TEST(PlanAuto, FewestPacketsThatReachTheCycle) {
 }
 
 TEST(PlanAuto, EndsWhenNoPacketCountCanWork) {
-    TransferConfig noRoom = planner(stereo32At48k, 0, 0xFFFF);
+    TransferConfig noRoom = planner(stereoS32At48k, 0, 0xFFFF);
     EXPECT_FALSE(noRoom.planFixAuto(us(1000)));
     EXPECT_FALSE(noRoom.planVarAuto(us(1000)));
     // 768 kHz in 100-byte packets: more packets a second than the pool holds.
@@ -136,7 +136,7 @@ TEST(PlanAuto, StopsAtTheWorkersPacketLimit) {
 }
 
 TEST(PlanMax, GreatestPacketsUntilTheLimitCycle) {
-    TransferConfig transfer = planner(stereo32At48k, 1432, 10, us(10000));
+    TransferConfig transfer = planner(stereoS32At48k, 1432, 10, us(10000));
     transfer.mode = VELMORA::transferRandom;
     ASSERT_TRUE(transfer.planMax());
     EXPECT_EQ(transfer.fixedSize, 1432u);
@@ -149,7 +149,7 @@ TEST(PlanMax, GreatestPacketsUntilTheLimitCycle) {
 }
 
 TEST(PlanRandom, NeedsAShortestCycleBelowThePlannedOne) {
-    TransferConfig transfer = planner(stereo32At48k);
+    TransferConfig transfer = planner(stereoS32At48k);
     EXPECT_FALSE(transfer.planRandom(0, us(1000), TimeValue()));
     EXPECT_FALSE(transfer.planRandom(0, us(1000), us(1000)));
     ASSERT_TRUE(transfer.planRandom(0, us(1000), us(500)));
@@ -159,16 +159,16 @@ TEST(PlanRandom, NeedsAShortestCycleBelowThePlannedOne) {
 }
 
 TEST(PlanRefusal, ProfilesTheWorkerCannotRun) {
-    EXPECT_FALSE(planner(stereo32At48k, 0).planFix(0, us(1000)));
-    EXPECT_FALSE(planner(stereo32At48k, 4).planFix(1, us(1000)));  // not even 50 us fit
-    EXPECT_FALSE(planner(stereo32At48k).planFix(-1, us(1000)));
+    EXPECT_FALSE(planner(stereoS32At48k, 0).planFix(0, us(1000)));
+    EXPECT_FALSE(planner(stereoS32At48k, 4).planFix(1, us(1000)));  // not even 50 us fit
+    EXPECT_FALSE(planner(stereoS32At48k).planFix(-1, us(1000)));
 
     TransferConfig noRate = planner(stereo32NoRate);
     EXPECT_FALSE(noRate.planFix(0, us(1000)));
     EXPECT_FALSE(noRate.planVar(0, us(1000)));
     EXPECT_FALSE(noRate.planMax());
 
-    TransferConfig transfer = planner(stereo32At48k);
+    TransferConfig transfer = planner(stereoS32At48k);
     EXPECT_FALSE(transfer.planFix(0, TimeValue()));
     EXPECT_FALSE(transfer.planVar(0, TimeValue()));
 
@@ -179,7 +179,7 @@ TEST(PlanRefusal, ProfilesTheWorkerCannotRun) {
     EXPECT_TRUE(fast.planVar(1, us(40)));
 
     // 80 packets of 100 bytes in one cycle.
-    TransferConfig many = planner(stereo32At48k, 100, 100);
+    TransferConfig many = planner(stereoS32At48k, 100, 100);
     EXPECT_FALSE(many.planFix(0, us(20000)));
     EXPECT_EQ(many.packetCount, 80);
 }
@@ -343,7 +343,7 @@ TEST(PlanProfileAuto, FallbackOfASinkCycleTakesTheGreatestPackets) {
 
 TEST(ConfigTransfer, FastAndSlowProfiles) {
     TransferConfig transfer = profilePlanner(0, 0, 0);
-    StreamPath path{stereo32At48k, 1432, 10};
+    StreamPath path{stereoS32At48k, 1432, 10};
     auto profiles = transfer.configTransfer(path, us(1000), TimeValue(), us(5000));
     EXPECT_EQ(profiles[0].cycle.toUs(), 1050u);
     EXPECT_EQ(profiles[1].cycle.toUs(), 5150u);
