@@ -58,7 +58,9 @@ def try_mutant(m, build):
         code, output = run(["cmake", "--build", build, "--target", m["binary"]], 1800)
         if code != 0:
             return "invalid", "does not build"
-        code, output = run([os.path.join(build, "bin", m["binary"]), f"--gtest_filter={m['filter']}"], 600)
+        # The first failing test is enough to call it killed.
+        code, output = run([os.path.join(build, "bin", m["binary"]), f"--gtest_filter={m['filter']}",
+                            "--gtest_fail_fast"], 600)
         if code is None:
             return "killed", "the tests timed out"
         if code != 0:

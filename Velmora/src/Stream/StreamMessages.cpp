@@ -234,17 +234,6 @@ void buildConnectRequest(ConnectionBuffer& request, std::uint32_t msMode, Format
     request.finish();
 }
 
-void buildStreamData(ConnectionBuffer& packet, std::uint16_t sequence, bool lastOfCycle, bool wantsFeedback) {
-    std::uint16_t flags =
-        std::uint16_t((lastOfCycle ? streamLastOfCycle : 0) | (wantsFeedback ? streamWantsFeedback : 0));
-    packet.setHeader(MessageType::STREAM_DATA, flags, sequence, 0, 0, 0);
-    packet.finish();
-}
-
-void buildDisconnectRequest(Message& request) {
-    setBare(request, MessageType::DISCONNECT_REQ);
-}
-
 void buildHostDebugRequest(Message& request, bool starting) {
     setBare(request, MessageType::HOSTDEBUG_REQ, starting ? 1 : 0);
 }

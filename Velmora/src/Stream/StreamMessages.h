@@ -141,10 +141,6 @@ void buildSynchroChannelRequest(Message& request);
 // `mac` is the host interface's address for raw frames, or null.
 void buildConnectRequest(ConnectionBuffer& request, std::uint32_t msMode, FormatID streamFormat,
                          const std::uint8_t* mac);
-// The header, or the tag, of an audio packet whose body is already in
-// place. Allocates nothing: it runs on the worker's cycle.
-void buildStreamData(ConnectionBuffer& packet, std::uint16_t sequence, bool lastOfCycle, bool wantsFeedback);
-void buildDisconnectRequest(Message& request);
 void buildHostDebugRequest(Message& request, bool starting);
 
 // ---- The sink's side: its readings of requests and its answers --------------

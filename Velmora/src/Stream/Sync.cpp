@@ -15,6 +15,11 @@ using NORVA::TimeValue;
 
 namespace VELMORA {
 
+namespace {
+// connectWait's bound on a connection that doesn't come up.
+constexpr TimeValue connectWaitLimit = TimeValue::fromSeconds(50);
+}  // namespace
+
 Sync::Sync() : ownedRawSocket(NORVA::UDPV6::create(true)) {
     rawSocket = ownedRawSocket.get();
     transfer.cycle = TimeValue::fromMs(1000);

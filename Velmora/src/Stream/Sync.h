@@ -122,8 +122,6 @@ class Sync : public Connection {
     NORVA::IPAddress statusAddress;  // SYNCHRO_STATUS_REQ and DISCONNECT_REQ
     NORVA::IPAddress dataAddress;    // audio
     StreamRoute route;
-    // connectWait's bound on a connection that doesn't come up.
-    NORVA::TimeValue connectWaitLimit = NORVA::TimeValue::fromSeconds(50);
 
     // With sockets of its own, the raw frame path's among them.
     Sync();

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cstdint>
 #include <random>
 #include <vector>
@@ -13,24 +12,8 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-struct Named {
-    const char* name;
-    CopyKernel kernel;
-};
-
-constexpr Named allKernels[] = {
-    {"copyPlain", copyPlain},
-    {"copyInvert", copyInvert},
-    {"copySwap", copySwap},
-    {"copySwapInvert", copySwapInvert},
-    {"copyReverse", copyReverse},
-    {"copyReverseInvert", copyReverseInvert},
-    {"copyReverseSwap", copyReverseSwap},
-    {"copyReverseSwapInvert", copyReverseSwapInvert},
-};
-
-Bytes run(CopyKernel kernel, const Bytes& source, std::uint8_t fill = 0xEE) {
-    Bytes destination(source.size(), fill);
+Bytes run(CopyKernel kernel, const Bytes& source) {
+    Bytes destination(source.size(), 0xEE);
     kernel(destination.data(), source.data(), source.size());
     return destination;
 }
@@ -61,23 +44,25 @@ TEST(CopyKernels, OneGroupOfEachKernel) {
     EXPECT_EQ(run(copyReverseInvert, source), (Bytes{0x7F, 0xBF, 0x3F, 0xDF}));
     EXPECT_EQ(run(copyReverseSwap, source), (Bytes{0x20, 0xC0, 0x40, 0x80}));
     EXPECT_EQ(run(copyReverseSwapInvert, source), (Bytes{0xDF, 0x3F, 0xBF, 0x7F}));
-    EXPECT_EQ(run(copyReverseInvert, Bytes{0, 0, 0, 0}), (Bytes{0xFF, 0xFF, 0xFF, 0xFF}));
 }
 
 // Every kernel against the rule byte by byte, at lengths on both sides of
-// the 64-byte vector steps, so that the vector path and the tail both count.
+// the 64-byte vector steps, so that the vector path and the tail both count;
+// a partial group at the end stays unwritten.
 TEST(CopyKernels, EveryLengthFollowsTheByteRule) {
-    for (std::size_t length : {4u, 60u, 64u, 68u, 131u, 1440u}) {
+    for (std::size_t length : {3u, 4u, 11u, 60u, 64u, 68u, 131u, 1440u}) {
         const Bytes source = randomBytes(length, std::uint32_t(length));
         for (KernelForm form :
              {KernelForm::plain, KernelForm::swap, KernelForm::reverse, KernelForm::reverseSwap}) {
             bool swapped = form == KernelForm::swap || form == KernelForm::reverseSwap;
             bool reversed = form == KernelForm::reverse || form == KernelForm::reverseSwap;
+            std::size_t whole = form == KernelForm::plain ? length : length / 4 * 4;
             for (bool invert : {false, true}) {
                 Bytes out = run(kernelFor(form, invert), source);
-                for (std::size_t i = 0; i < length / 4 * 4; ++i) {
+                for (std::size_t i = 0; i < length; ++i) {
                     std::uint8_t in = source[swapped ? i / 4 * 4 + 3 - i % 4 : i];
-                    std::uint8_t want = (reversed ? reversedBits(in) : in) ^ (invert ? 0xFF : 0);
+                    std::uint8_t want =
+                        i >= whole ? 0xEE : (reversed ? reversedBits(in) : in) ^ (invert ? 0xFF : 0);
                     ASSERT_EQ(out[i], want) << int(form) << invert << " length " << length << " at " << i;
                 }
             }
@@ -85,57 +70,15 @@ TEST(CopyKernels, EveryLengthFollowsTheByteRule) {
     }
 }
 
-TEST(CopyKernels, EachInvertedKernelIsTheNotOfItsPartner) {
-    const Bytes source = randomBytes(1024 + 4, 7);
-    for (KernelForm form :
-         {KernelForm::plain, KernelForm::swap, KernelForm::reverse, KernelForm::reverseSwap}) {
-        Bytes plain = run(kernelFor(form, false), source);
-        Bytes inverted = run(kernelFor(form, true), source);
-        for (std::size_t i = 0; i < source.size(); ++i) {
-            ASSERT_EQ(inverted[i], static_cast<std::uint8_t>(~plain[i]))
-                << static_cast<int>(form) << " at " << i;
-        }
-    }
-}
-
-TEST(CopyKernels, ByteWiseKernelsTakeAnyLengthAndTouchNothingElse) {
-    // Lengths around the eight-byte steps of the inverting copy.
-    for (std::size_t length = 0; length <= 20; ++length) {
+TEST(CopyKernels, TheInvertingCopyTakesAnyLengthAndTouchesNothingElse) {
+    // Lengths around its eight-byte steps.
+    for (std::size_t length = 1; length <= 20; ++length) {
         const Bytes source = randomBytes(length, static_cast<std::uint32_t>(length));
         Bytes destination(length + 2, 0xEE);
         copyInvert(destination.data() + 1, source.data(), length);
         EXPECT_EQ(destination.front(), 0xEE);
         EXPECT_EQ(destination.back(), 0xEE);
         for (std::size_t i = 0; i < length; ++i)
-            ASSERT_EQ(destination[i + 1], static_cast<std::uint8_t>(~source[i]));
-        EXPECT_EQ(run(copyPlain, source), source);
+            ASSERT_EQ(destination[i + 1], static_cast<std::uint8_t>(~source[i])) << length;
     }
-    copyPlain(nullptr, nullptr, 0);
-    copyInvert(nullptr, nullptr, 0);
-}
-
-TEST(CopyKernels, GroupKernelsLeaveAPartialGroupUnwritten) {
-    const Bytes source = randomBytes(11, 3);
-    for (const Named& entry : allKernels) {
-        if (entry.kernel == copyPlain || entry.kernel == copyInvert) continue;
-        Bytes written = run(entry.kernel, source, 0xEE);
-        EXPECT_EQ(Bytes(written.begin() + 8, written.end()), (Bytes{0xEE, 0xEE, 0xEE})) << entry.name;
-        Bytes none = run(entry.kernel, Bytes(3, 0x55), 0xEE);
-        EXPECT_EQ(none, Bytes(3, 0xEE)) << entry.name;
-    }
-}
-
-TEST(CopyKernels, ReorderingTwiceGivesTheSourceBack) {
-    const Bytes source = randomBytes(4096, 11);
-    for (KernelForm form : {KernelForm::swap, KernelForm::reverse, KernelForm::reverseSwap}) {
-        for (bool invert : {false, true}) {
-            CopyKernel kernel = kernelFor(form, invert);
-            EXPECT_EQ(run(kernel, run(kernel, source)), source) << static_cast<int>(form) << invert;
-        }
-    }
-}
-
-TEST(CopyKernels, DsdSilenceChangesBitOrder) {
-    EXPECT_EQ(run(copyReverse, Bytes(8, 0x96)), Bytes(8, 0x69));
-    EXPECT_EQ(run(copyReverseSwapInvert, Bytes(8, 0x69)), Bytes(8, 0x69));
 }

@@ -1,6 +1,5 @@
-// A scripted target for Find's tests: a socket on [::1] at a port of the
-// system's choice, a thread that hands every datagram to a script, and a
-// record of the requests it saw.
+// A scripted target for Find's tests: a socket on [::1], a thread that hands every datagram to a
+// script, and a record of the requests it saw.
 #pragma once
 
 #include <atomic>
@@ -21,26 +20,22 @@
 struct SeenRequest {
     std::uint16_t type;
     std::uint16_t params[4];
-    std::uint32_t size;  // of the datagram
 };
 
 class FindPeer {
   public:
     using Script = std::function<void(FindPeer& peer, const VELMORA::Receive& request)>;
-
     NORVA::UDPV6 socket;
     NORVA::IPAddress address = NORVA::IPAddress::loopback(0);
     NORVA::IPAddress from;  // of the request being handled
 
     explicit FindPeer(Script onRequest) : script(std::move(onRequest)) {
         socket.openNonBlocking();
+        socket.receiveSize = 70000;
         socket.bind(address);
         thread = std::thread([this] { serve(); });
     }
     ~FindPeer() { stop(); }
-    FindPeer(const FindPeer&) = delete;
-    FindPeer& operator=(const FindPeer&) = delete;
-
     // Ends the thread after it has taken what arrived.
     void stop() {
         if (!thread.joinable()) return;
@@ -53,17 +48,12 @@ class FindPeer {
         socket.sendTo(from, true, message.bytes.data, message.bytes.size);
     }
     void reply(std::uint16_t type, std::uint16_t flags, std::uint16_t p0 = 0, std::uint16_t p1 = 0,
-               std::uint16_t p2 = 0, std::uint16_t p3 = 0) {
-        VELMORA::Send message(type, flags, p0, p1, p2, p3);
-        reply(message);
-    }
-    void replyText(std::uint16_t type, std::uint16_t flags, const std::string& text, std::uint16_t p0 = 0,
-                   std::uint16_t p1 = 0, std::uint16_t p2 = 0, std::uint16_t p3 = 0) {
+               std::uint16_t p2 = 0, std::uint16_t p3 = 0, const std::string& text = "") {
         VELMORA::SendBuffer message(type, flags, p0, p1, p2, p3);
         message.setBodyText(text);
         reply(message);
     }
-    // The answer of the request's own type plus one, with `flags` yes.
+    // A yes of the request's type plus one.
     void yes(const VELMORA::Receive& request, std::uint16_t p0 = 0, std::uint16_t p1 = 0,
              std::uint16_t p2 = 0, std::uint16_t p3 = 0) {
         reply(static_cast<std::uint16_t>(request.type() + 1), VELMORA::flagYes, p0, p1, p2, p3);
@@ -71,39 +61,33 @@ class FindPeer {
     // What a target does with a request it doesn't know.
     void echo(const VELMORA::Receive& request) { reply(request.type(), 0); }
 
-    std::vector<SeenRequest> requests() {
-        std::lock_guard<std::mutex> guard(lock);
-        return seen;
-    }
     std::vector<SeenRequest> requestsOf(std::uint16_t type) {
+        std::lock_guard<std::mutex> guard(lock);
         std::vector<SeenRequest> matching;
-        for (const SeenRequest& request : requests()) {
+        for (const SeenRequest& request : seen)
             if (request.type == type) matching.push_back(request);
-        }
         return matching;
     }
 
   private:
     void serve() {
         NORVA::ByteArray datagram;
-        socket.receiveSize = 70000;
         for (;;) {
             bool last = stopping;
             if (socket.waitReadable(NORVA::TimeValue::fromMs(5)) == 2 && socket.receiveFrom(datagram, from) &&
                 !datagram.empty()) {
                 VELMORA::Receive request(datagram.data(), static_cast<std::uint32_t>(datagram.size()));
-                record(request);
+                {
+                    std::lock_guard<std::mutex> guard(lock);
+                    seen.push_back(
+                        {request.type(),
+                         {request.param0(), request.param1(), request.param2(), request.param3()}});
+                }
                 script(*this, request);
             } else if (last) {
                 return;
             }
         }
-    }
-    void record(const VELMORA::Receive& request) {
-        std::lock_guard<std::mutex> guard(lock);
-        seen.push_back({request.type(),
-                        {request.param0(), request.param1(), request.param2(), request.param3()},
-                        request.size});
     }
 
     Script script;
@@ -113,7 +97,6 @@ class FindPeer {
     std::thread thread;
 };
 
-// A Find on [::1] whose targets listen at `port`.
 inline VELMORA::FindSettings loopbackSettings() {
     VELMORA::FindSettings settings;
     settings.withLoopback = true;

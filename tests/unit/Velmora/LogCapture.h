@@ -1,5 +1,5 @@
-// Collects the log lines made while it lives, at every severity, from any
-// thread: a target's or a stream worker's lines arrive on threads of their own.
+// Collects the log lines made while it lives, at every severity and from any thread: a target's or
+// a stream worker's lines arrive on threads of their own.
 #pragma once
 
 #include <algorithm>
@@ -15,8 +15,8 @@ class LogCapture {
   public:
     LogCapture() : threshold(NORVA::logThreshold.load()) {
         {
-            std::lock_guard<std::mutex> lock(mutex());
-            texts().clear();
+            std::lock_guard<std::mutex> lock(mutex);
+            texts.clear();
         }
         log.configure(16, &LogCapture::collect, 0);
         previous = NORVA::Syslog::install(&log);
@@ -31,35 +31,28 @@ class LogCapture {
 
     // The texts of the lines so far, without the syslog header.
     std::vector<std::string> lines() const {
-        std::lock_guard<std::mutex> lock(mutex());
-        return texts();
+        std::lock_guard<std::mutex> lock(mutex);
+        return texts;
     }
     bool has(std::string_view text) const {
-        return any([&](const std::string& line) { return line == text; });
+        const auto all = lines();
+        return std::find(all.begin(), all.end(), text) != all.end();
     }
     bool hasPrefix(std::string_view prefix) const {
-        return any([&](const std::string& line) { return line.starts_with(prefix); });
+        const auto all = lines();
+        return std::any_of(all.begin(), all.end(),
+                           [&](const std::string& line) { return line.starts_with(prefix); });
     }
 
   private:
-    template <class Match>
-    bool any(Match match) const {
-        std::lock_guard<std::mutex> lock(mutex());
-        return std::any_of(texts().begin(), texts().end(), match);
-    }
-    static std::mutex& mutex() {
-        static std::mutex shared;
-        return shared;
-    }
-    static std::vector<std::string>& texts() {
-        static std::vector<std::string> collected;
-        return collected;
-    }
+    static inline std::mutex mutex;
+    static inline std::vector<std::string> texts;
+
     static void collect(const char* line) {
         std::string_view text(line);
         std::string_view::size_type start = text.find("localhost ");
-        std::lock_guard<std::mutex> lock(mutex());
-        texts().emplace_back(start == std::string_view::npos ? text : text.substr(start + 10));
+        std::lock_guard<std::mutex> lock(mutex);
+        texts.emplace_back(start == std::string_view::npos ? text : text.substr(start + 10));
     }
 
     std::int32_t threshold;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Protocol/ConnectionBuffer.h"
+#include "Protocol/MessageTypes.h"
 #include "Stream/StreamMessages.h"
 
 namespace {
@@ -22,7 +23,8 @@ std::vector<std::uint8_t> hostFrame(std::uint16_t bodySize, std::uint16_t sequen
     ConnectionBuffer packet(*socket, 3, hostMac, sinkMac, etherType, linkByte);
     packet.setBodySize(bodySize);
     for (std::uint16_t i = 0; i < bodySize; ++i) packet.body()[i] = std::uint8_t(0xA0 + i);
-    buildStreamData(packet, sequence, false, wantsFeedback);
+    packet.setHeader(MessageType::STREAM_DATA, wantsFeedback ? streamWantsFeedback : 0, sequence, 0, 0, 0);
+    packet.finish();
     return {packet.frame->frame(), packet.frame->frame() + packet.frame->length};
 }
 
@@ -86,8 +88,7 @@ TEST(SinkRawFrames, ConnectNeedsTheHostsMacAndAnswersWithTheSinksLink) {
     ConnectRequest request;
     request.msMode = msModeRawFrames;
     ConnectAnswer route;
-    EXPECT_FALSE(raw.connect(request, host, route));
-
+    EXPECT_FALSE(raw.connect(request, host, route)) << "no MAC address of the host";
     request.hasHostMac = true;
     std::memcpy(request.hostMac, hostMac, 6);
     ASSERT_TRUE(raw.connect(request, host, route));

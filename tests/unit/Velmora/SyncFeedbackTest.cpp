@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "Stream/SyncWorker.h"
 
@@ -16,20 +19,28 @@ TEST(SyncFeedbackFilter, ProportionalAndDerivativeTermsAccumulateUpToTheClamp) {
     EXPECT_EQ(filter.add(8192), -1146) << "327 of the average, 819 of its change";
     EXPECT_EQ(filter.add(8192), -1473) << "no change: the average term alone";
     EXPECT_EQ(filter.add(8192), FeedbackFilter::adjustMin);
-    EXPECT_EQ(filter.add(8192), FeedbackFilter::adjustMin);
 
     FeedbackFilter rising(1);
     EXPECT_EQ(rising.add(-16384), FeedbackFilter::adjustMax);
 }
 
-TEST(SyncFeedbackFilter, AveragesTheNewestReportsOnly) {
-    FeedbackFilter filter(4);
-    for (std::int16_t d : {9999, 400, 300, 200, 100}) filter.add(d);
-    EXPECT_EQ(filter.average(), 250);
-
-    FeedbackFilter truncating(3);
-    truncating.add(-1);
-    EXPECT_EQ(truncating.average(), 0) << "towards zero";
+TEST(SyncFeedbackFilter, AveragesTheNewestReportsOfItsDepth) {
+    const struct {
+        std::uint32_t depth;
+        std::vector<std::int16_t> reports;  // oldest first
+        std::int16_t average;
+    } cases[] = {
+        {4, {9999, 400, 300, 200, 100}, 250},
+        {8, {9999, 800, 700, 600, 500, 400, 300, 200, 100}, 450},
+        {20, {9999, 800, 700, 600, 500, 400, 300, 200, 100}, 450},  // at most 8
+        {0, {5, 7}, 7},                                             // at least 1
+        {3, {-1}, 0},                                               // towards zero
+    };
+    for (const auto& c : cases) {
+        FeedbackFilter filter(c.depth);
+        for (std::int16_t d : c.reports) filter.add(d);
+        EXPECT_EQ(filter.average(), c.average) << "depth " << c.depth;
+    }
     EXPECT_EQ(feedbackDepthOf(0xE0), 8u);
     EXPECT_EQ(feedbackDepthOf(0), 1u);
 }
@@ -39,16 +50,11 @@ TEST(SyncFeedbackCorrection, WorksOnTheProfilesOwnValue) {
     EXPECT_EQ(correctedSize(786432, 491), 810000);
     EXPECT_EQ(correctedCycle(TimeValue::fromRaw(3'333'333'333), 491).raw(), 3'233'439'128u)
         << "a positive correction shortens the cycle";
-}
-
-TEST(SyncFeedbackTrace, FormatsQ14InEightCharacters) {
     char text[9];
-    formatQ14(text, 8192);
-    EXPECT_EQ(std::string(text), "  0.5000");
-    formatQ14(text, -16384);
-    EXPECT_EQ(std::string(text), " -1.0000");
-    formatQ14(text, -1638);
-    EXPECT_EQ(std::string(text), " -0.1000");
+    for (auto [value, shown] : {std::pair{8192, "  0.5000"}, {-16384, " -1.0000"}, {-1638, " -0.1000"}}) {
+        formatQ14(text, value);
+        EXPECT_EQ(std::string(text), shown);
+    }
 }
 
 TEST(SyncWorkerPacketSize, TheCarryKeepsEveryFractionOfAFrame) {
@@ -59,59 +65,44 @@ TEST(SyncWorkerPacketSize, TheCarryKeepsEveryFractionOfAFrame) {
     EXPECT_EQ(carry, 16380);
     EXPECT_EQ(rule.next(carry, frames), 45u * 8);
 
-    // Over many packets nothing is lost but the fraction in hand.
-    std::uint64_t total = 0;
-    carry = 0;
-    for (int i = 0; i < 1000; ++i) total += rule.next(carry, frames);
-    EXPECT_EQ((total / 8 << 14) + std::uint64_t(carry), 1000u * frames);
-}
-
-TEST(SyncWorkerPacketSize, TooBigIsCutToWholeFramesButAFixedSizeIsNot) {
+    // Too big is cut to whole frames, but a fixed size is not.
     PacketSizeRule cut{0, 6, 1432};
-    std::int32_t carry = 0;
     EXPECT_EQ(cut.next(carry, std::int64_t(250) << 14), 1428u);
     PacketSizeRule fixed{1432, 6, 1000};
     EXPECT_EQ(fixed.next(carry, 1), 1432u);
 }
 
 TEST(SyncWorkerSchedule, WaitModeFollowsTheFlags) {
-    EXPECT_EQ(waitModeFor(0), 0);
-    EXPECT_EQ(waitModeFor(0x0400), 0) << "yield variants need a spin group";
-    EXPECT_EQ(waitModeFor(0x0002), 1);
-    EXPECT_EQ(waitModeFor(0x0602), 2);
-    EXPECT_EQ(waitModeFor(0x0202), 3);
-    EXPECT_EQ(waitModeFor(0x0004), 4);
-    EXPECT_EQ(waitModeFor(0x0604), 5) << "yielding on every pass goes first";
-    EXPECT_EQ(waitModeFor(0x0A00), 6);
+    const std::pair<std::uint32_t, int> modes[] = {
+        {0, 0},      {0x0400, 0}, {0x0002, 1}, {0x0602, 2},
+        {0x0202, 3}, {0x0004, 4}, {0x0604, 5}, {0x0A00, 6},  // 0x0400 alone: yield needs a spin group
+    };
+    for (auto [flags, mode] : modes) EXPECT_EQ(waitModeFor(flags), mode) << std::hex << flags;
 }
 
 TEST(SyncWorkerSchedule, SmallMachinesSpinLessAndStartShortCyclesOnTheLastProfile) {
     WorkerPlacement two = placementFor(0x0005, 2, TimeValue::fromUs(500));
     EXPECT_EQ(two.flags, 0x0001u) << "no spin through whole cycles on 2 processors";
     EXPECT_TRUE(two.lowCpu);
-    EXPECT_EQ(waitModeFor(two.flags), 0);
     WorkerPlacement forced = placementFor(0x0805, 2, TimeValue::fromUs(500));
     EXPECT_EQ(forced.flags, 0x0805u);
     EXPECT_FALSE(forced.lowCpu);
-    EXPECT_EQ(waitModeFor(forced.flags), 4);
     EXPECT_FALSE(placementFor(0x0005, 2, TimeValue::fromUs(1000)).lowCpu) << "1 ms is not short";
     WorkerPlacement eight = placementFor(0x0604, 8, TimeValue::fromUs(500));
     EXPECT_EQ(eight.flags, 0x0604u);
     EXPECT_FALSE(eight.lowCpu);
-    EXPECT_EQ(feedbackDepthOf(0xE0), 8u);
-    EXPECT_EQ(feedbackDepthOf(0), 1u);
 }
 
 TEST(SyncWorkerSchedule, PoolHoldsASecondOfPacketsAsAPowerOfTwo) {
     TransferProfile profile;
-    profile.cycle = TimeValue::fromUs(1000);
     profile.packetCount = 1;
-    EXPECT_EQ(poolSizeFor(profile, 1, false), 1024u);
-    EXPECT_EQ(poolSizeFor(profile, 1, true), 128u);
-    profile.cycle = TimeValue::fromMs(100);
-    EXPECT_EQ(poolSizeFor(profile, 1, false), 32u);
-    profile.cycle = TimeValue::fromUs(30);
-    EXPECT_EQ(poolSizeFor(profile, 1, false), 0u) << "more than 16 bits can number";
+    for (auto [cycleUs, ms, size] : {std::tuple{1000u, false, 1024u},
+                                     {1000u, true, 128u},
+                                     {100000u, false, 32u},
+                                     {30u, false, 0u}}) {  // 30 us: more than 16 bits can number
+        profile.cycle = TimeValue::fromUs(cycleUs);
+        EXPECT_EQ(poolSizeFor(profile, 1, ms), size) << cycleUs << " us, ms " << ms;
+    }
 }
 
 }  // namespace

@@ -21,11 +21,9 @@ using namespace VELMORA;
 // Notes its thread's allocations at two cycles and serves silence-free audio.
 class CountingSync : public Sync {
   public:
-    static constexpr std::uint32_t firstCycle = 40;
-    static constexpr std::uint32_t lastCycle = 340;
+    static constexpr std::uint32_t firstCycle = 40, lastCycle = 340;
     std::atomic<std::uint32_t> cycles{0};
-    std::size_t atFirst = 0;
-    std::size_t atLast = 0;
+    std::size_t atFirst = 0, atLast = 0;
     std::atomic<bool> measured{false};
 
     ~CountingSync() override {
@@ -52,15 +50,14 @@ class CountingSync : public Sync {
 };
 
 TEST(SyncWorkerAllocations, TheCycleAllocatesNothing) {
+    if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
     const std::int32_t threshold = NORVA::logThreshold.load();
     NORVA::logThreshold = 3;  // lines that pass the threshold may allocate
     SinkScript script;
     script.deviation = 3000;
     for (std::uint16_t seq = 100; seq < 600; seq += 97) script.lose.insert(seq);
     ScriptedSink sink(script);
-
     CountingSync sync;
-    if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
     ASSERT_TRUE(sync.open(0, TimeValue::fromMs(1), 0, "count", 1, -1, -1, 0));
     sync.format.sink.pcm = FormatID(0xE06u, 0x003Eu);
     ASSERT_TRUE(sync.format.setFormat(FormatID(0x802u, 0x000Cu)));
@@ -69,13 +66,12 @@ TEST(SyncWorkerAllocations, TheCycleAllocatesNothing) {
     sync.profiles[0].sizeQ14 = 722534;  // 44.1 frames: the carry at work
     sync.profiles[0].mode = transferFix;
     sync.profileCount = 1;
-    sync.targetAddress = sink.address();
+    sync.targetAddress = sink.address;
     ASSERT_TRUE(sync.connect());
     ASSERT_TRUE(sync.connectWait());
     sync.play();
-    for (int i = 0; i < 5000 && !sync.measured && sync.connectState == Sync::connected; ++i) {
+    for (int i = 0; i < 5000 && !sync.measured && sync.connectState == Sync::connected; ++i)
         NORVA::sleepMilliseconds(2);
-    }
     // The source never runs dry: stopping it lets the stream end.
     sync.stop();
     sync.requestDisconnect();

@@ -6,6 +6,7 @@
 #include <array>
 #include <chrono>
 
+#include "LogCapture.h"
 #include "Protocol/MessageTypes.h"
 #include "SyncWorkerPeer.h"
 #include "System/Threads.h"
@@ -32,7 +33,6 @@ class PatternSync : public Sync {
     std::uint64_t sourceBytes = 0;  // then getBuffer fails
     std::atomic<std::uint64_t> given{0};
     std::atomic<std::uint32_t> cycles{0};
-    std::atomic<std::uint32_t> loadUs{0};  // work that onCycle pretends to do
 
     PatternSync() {
         EXPECT_TRUE(open(0, TimeValue::fromMs(100), 0, "worker test", 1, -1, -1, 0));
@@ -60,9 +60,7 @@ class PatternSync : public Sync {
         return true;
     }
     bool onCycle() override {
-        // Every fourth cycle overruns; the others leave time to catch up
-        // and to read what came in.
-        if (++cycles % 4 == 0 && loadUs != 0) NORVA::sleepMicroseconds(loadUs);
+        ++cycles;
         return true;
     }
 
@@ -91,18 +89,17 @@ class SyncWorkerStream : public ::testing::Test {
 
     void SetUp() override {
 #ifdef _WIN32
-        // Under Wine a wait for 1 ms lasts a timer tick of about 15 ms: the
-        // stream runs too slowly for the receive timeout these scripts are
-        // built around. The worker is the same code; it is tested natively.
+        // Under Wine a wait for 1 ms lasts a timer tick of about 15 ms: too
+        // slow for the receive timeout these scripts are built around.
         GTEST_SKIP() << "millisecond cycles need a native timer";
 #endif
         if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
     }
 
-    void connectTo(ScriptedSink& sink) {
-        sync.targetAddress = sink.address();
-        sync.debugAddress = sink.address();
-        sync.msMode = script.msMode;
+    void connectTo(ScriptedSink& sink, std::uint64_t bytes = ~0ull) {
+        sync.sourceBytes = bytes;
+        sync.targetAddress = sink.address;
+        sync.debugAddress = sink.address;
         ASSERT_TRUE(sync.connect());
         ASSERT_TRUE(sync.connectWait());
         ASSERT_EQ(sync.connectState, Sync::connected);
@@ -110,37 +107,27 @@ class SyncWorkerStream : public ::testing::Test {
 
     // Plays `bytes` of the source, asks for the end and waits for it.
     void playAndEnd(ScriptedSink& sink, std::uint64_t bytes) {
-        sync.sourceBytes = bytes;
-        connectTo(sink);
+        connectTo(sink, bytes);
         sync.play();
         sync.requestDisconnect();
         ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(20)));
         EXPECT_TRUE(sync.disconnectWait());
     }
 
-    // The stream as the sink has it: silence, the whole source in order,
-    // silence.
-    static void expectWholePattern(const std::vector<std::uint8_t>& stream, std::uint64_t bytes) {
-        std::size_t lead = leadingSilence(stream);
-        ASSERT_GE(stream.size(), lead + bytes);
+    // The stream as the sink has it: silence, the source in order and, if
+    // it was played whole (`bytes` not 0), silence after it.
+    static void expectPattern(const std::vector<std::uint8_t>& stream, std::uint64_t bytes = 0) {
+        auto first = std::find_if(stream.begin(), stream.end(), [](std::uint8_t b) { return b != 0; });
+        std::size_t lead = std::size_t(first - stream.begin());
+        EXPECT_EQ(lead % frameBytes, 0u);
+        std::uint64_t end = bytes == 0 ? stream.size() - lead : bytes;
+        ASSERT_GE(stream.size(), lead + end);
         std::size_t wrong = 0;
-        for (std::uint64_t n = 0; n < bytes; ++n) wrong += stream[lead + n] != patternByte(n);
+        for (std::uint64_t n = 0; n < end; ++n) wrong += stream[lead + n] != patternByte(n);
         EXPECT_EQ(wrong, 0u) << "bytes out of place";
-        EXPECT_TRUE(std::all_of(stream.begin() + std::ptrdiff_t(lead + bytes), stream.end(),
+        EXPECT_TRUE(std::all_of(stream.begin() + std::ptrdiff_t(lead + end), stream.end(),
                                 [](std::uint8_t b) { return b == 0; }))
             << "after the source, silence";
-        EXPECT_EQ(lead % frameBytes, 0u);
-    }
-    // A stream cut off while playing: silence, then the source in order.
-    static void expectPatternToTheEnd(const std::vector<std::uint8_t>& stream) {
-        std::size_t lead = leadingSilence(stream);
-        std::size_t wrong = 0;
-        for (std::size_t n = lead; n < stream.size(); ++n) wrong += stream[n] != patternByte(n - lead);
-        EXPECT_EQ(wrong, 0u) << "bytes out of place";
-    }
-    static std::size_t leadingSilence(const std::vector<std::uint8_t>& stream) {
-        auto first = std::find_if(stream.begin(), stream.end(), [](std::uint8_t b) { return b != 0; });
-        return std::size_t(first - stream.begin());
     }
 };
 
@@ -148,7 +135,7 @@ TEST_F(SyncWorkerStream, PlaysTheSourceOutInOrderAndDisconnects) {
     LogCapture log;
     ScriptedSink sink(script);
     playAndEnd(sink, 100'000);
-    expectWholePattern(sink.stream(), 100'000);
+    expectPattern(sink.stream(), 100'000);
 
     std::vector<ScriptedSink::Packet> packets = sink.arrivals();
     ASSERT_FALSE(packets.empty());
@@ -165,21 +152,8 @@ TEST_F(SyncWorkerStream, PlaysTheSourceOutInOrderAndDisconnects) {
     EXPECT_EQ(std::count_if(packets.rbegin(), lastAudio,
                             [](const ScriptedSink::Packet& packet) { return packet.wantsFeedback; }),
               1);
-    EXPECT_TRUE(log.has("buffer Final"));
     EXPECT_TRUE(log.has("DISCONNECT_REQ done"));
-    EXPECT_TRUE(log.has("discone done"));
-    EXPECT_TRUE(log.hasPrefix("wth lateness us median "));
     EXPECT_EQ(sync.connectState, Sync::idle);
-}
-
-TEST_F(SyncWorkerStream, TagFramingOnADataPortCarriesTheSameStream) {
-    script.msMode = msMode2;
-    ScriptedSink sink(script);
-    playAndEnd(sink, 60'000);
-    EXPECT_EQ(sync.route.framing, FramingMode::tagFirst);
-    expectWholePattern(sink.stream(), 60'000);
-    EXPECT_GE(sink.count(MessageType::MSCONNECT_REQ), 1u);
-    EXPECT_EQ(sink.count(MessageType::STREAM_DATA), 0u) << "audio goes to the data port only";
 }
 
 TEST_F(SyncWorkerStream, LostPacketsAreSentAgainFromThePool) {
@@ -187,7 +161,7 @@ TEST_F(SyncWorkerStream, LostPacketsAreSentAgainFromThePool) {
     script.lose = {30, 31, 90};
     ScriptedSink sink(script);
     playAndEnd(sink, 100'000);
-    expectWholePattern(sink.stream(), 100'000);
+    expectPattern(sink.stream(), 100'000);
     EXPECT_TRUE(log.hasPrefix("   count resend 30"));
 
     // A packet that comes again is the same packet.
@@ -200,13 +174,11 @@ TEST_F(SyncWorkerStream, LostPacketsAreSentAgainFromThePool) {
         EXPECT_EQ(it->second, packet.body) << "sequence " << packet.seq;
     }
     EXPECT_GT(repeats, 0u) << "go-back-N repeats what followed the gap";
-    EXPECT_TRUE(firstCopy.count(30) && firstCopy.count(90));
 }
 
 TEST_F(SyncWorkerStream, ARequestOlderThanThePoolEndsTheStream) {
     LogCapture log;
     ScriptedSink sink(script);
-    sync.sourceBytes = ~0ull;
     connectTo(sink);
     sync.play();
     ASSERT_TRUE(sync.waitForCycles(20));
@@ -217,13 +189,11 @@ TEST_F(SyncWorkerStream, ARequestOlderThanThePoolEndsTheStream) {
     EXPECT_EQ(sink.count(MessageType::DISCONNECT_REQ), 0u);
 }
 
-// Resend requests that come in one cycle's answers: the last one's count
-// stands, whether it reaches back further or less far than the others. A
-// busy machine may split them over two cycles, each going back in turn:
-// the last going back is the one that stands either way.
+// Of resend requests in one cycle's answers the last one's count stands,
+// whether it reaches back further or less far than the others. A busy
+// machine may split them over two cycles: the last going back stands either way.
 TEST_F(SyncWorkerStream, OfResendRequestsReadTogetherTheLastStands) {
     ScriptedSink sink(script);
-    sync.sourceBytes = ~0ull;
     connectTo(sink);
     sync.play();
     for (std::uint16_t back : {std::uint16_t(12), std::uint16_t(30)}) {
@@ -260,13 +230,12 @@ TEST_F(SyncWorkerStream, PhaseChangesInTheFeedbackTurnTheStreamOver) {
         std::uint8_t silence;
     } steps[] = {{false, false, 0x00}, {true, false, 0xFF}, {true, true, 0x00}, {false, true, 0xFF}};
     ScriptedSink sink(script);
-    connectTo(sink);  // not playing: silence flows
+    connectTo(sink, 0);  // not playing: silence flows
     for (const auto& step : steps) {
         SCOPED_TRACE(testing::Message() << "sink " << step.sink << " host " << step.host);
         script.invert = step.sink;
         sync.format.hostInvert = step.host;
-        // Feedback is asked for every 100 ms.
-        ASSERT_TRUE(sync.waitForCycles(sync.cycles + 250));
+        ASSERT_TRUE(sync.waitForCycles(sync.cycles + 250));  // feedback comes every 100 ms
         const std::vector<std::uint8_t> newest = sink.arrivals().back().body;
         EXPECT_TRUE(
             std::all_of(newest.begin(), newest.end(), [&](std::uint8_t b) { return b == step.silence; }));
@@ -278,7 +247,7 @@ TEST_F(SyncWorkerStream, PhaseChangesInTheFeedbackTurnTheStreamOver) {
 TEST_F(SyncWorkerStream, ATargetThatGoesSilentEndsTheStreamWithoutDisconnect) {
     LogCapture log;
     ScriptedSink sink(script);
-    connectTo(sink);  // not playing: silence flows
+    connectTo(sink, 0);
     ASSERT_TRUE(sync.waitForCycles(20));
     script.silent = true;
     ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
@@ -290,31 +259,11 @@ TEST_F(SyncWorkerStream, ATargetThatGoesSilentEndsTheStreamWithoutDisconnect) {
 TEST_F(SyncWorkerStream, ASourceThatFailsWhileConnectedEndsTheStream) {
     LogCapture log;
     ScriptedSink sink(script);
-    sync.sourceBytes = 5000;
-    connectTo(sink);
+    connectTo(sink, 5000);
     sync.play();
     ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
     EXPECT_TRUE(log.has("buffer timeout"));
     EXPECT_EQ(sink.count(MessageType::DISCONNECT_REQ), 0u);
-}
-
-TEST_F(SyncWorkerStream, StopKeepsTheStreamGoingInSilence) {
-    ScriptedSink sink(script);
-    sync.sourceBytes = ~0ull;
-    connectTo(sink);
-    ASSERT_TRUE(sync.waitForCycles(30));
-    EXPECT_EQ(sync.given, 0u) << "no audio is asked for before play";
-    sync.play();
-    ASSERT_TRUE(sync.waitForCycles(60));
-    sync.stop();
-    std::uint64_t taken = sync.given;  // the worker may finish its chunk
-    ASSERT_TRUE(sync.waitForCycles(120));
-    EXPECT_EQ(sync.connectState, Sync::connected);
-    EXPECT_LE(sync.given, taken + 1000);
-    sync.disconnect();
-    EXPECT_EQ(sync.connectState, Sync::disconnecting);
-    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
-    EXPECT_GE(sink.count(MessageType::DISCONNECT_REQ), 1u);
 }
 
 TEST_F(SyncWorkerStream, DisconnectGivesUpOnATargetThatDoesNotAnswer) {
@@ -326,122 +275,13 @@ TEST_F(SyncWorkerStream, DisconnectGivesUpOnATargetThatDoesNotAnswer) {
     EXPECT_GT(sink.count(MessageType::DISCONNECT_REQ), 5u) << "asked again while waiting";
 }
 
-TEST_F(SyncWorkerStream, OccupiedBindsTheWorkerToItsProcessorOrEndsBeforeConnecting) {
-    ScriptedSink sink(script);
-    const std::uint32_t flags = ThreadFlag::occupied | ThreadFlag::noSleep4Core;
-    sync.threadFlags = flags;
-    {
-        LogCapture log;
-        sync.cpuSend = 0;
-        playAndEnd(sink, 2000);
-        EXPECT_TRUE(log.has("Worker Thread CPU change 0"));
-        // A small machine doesn't spin whole cycles, and the field says so.
-        const bool small = NORVA::processorCount() <= 2;
-        EXPECT_EQ(sync.threadFlags, small ? ThreadFlag::occupied : flags);
-    }
-    {
-        LogCapture log;
-        sync.cpuSend = -1;
-        playAndEnd(sink, 2000);
-        // Processor 2, or on a machine without it processor 1.
-        if (NORVA::processorCount() <= 2) {
-            EXPECT_TRUE(log.has("Worker Thread CPU change 1"));
-        } else {
-            EXPECT_TRUE(log.has("Worker Thread CPU change 2") || log.has("Worker Thread CPU change 1"));
-        }
-    }
-    LogCapture log;
-    sync.cpuSend = 40;  // no such processor
-    std::size_t connects = sink.count(MessageType::CONNECT_REQ);
-    ASSERT_TRUE(sync.connect());
-    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(5)));
-    EXPECT_TRUE(log.has("Worker Thread CPU set error 40"));
-    EXPECT_FALSE(log.has("wth end"));
-    EXPECT_EQ(sink.count(MessageType::CONNECT_REQ), connects) << "nothing went out";
-}
-
-TEST_F(SyncWorkerStream, ASmallMachineStartsCyclesUnderAMillisecondOnTheLastProfile) {
-    LogCapture log;
-    TransferProfile& fast = sync.profiles[0];
-    fast.cycle = TimeValue::fromUs(500);
-    fast.packetCount = 1;
-    sync.profiles[1] = sync.profiles[0];
-    sync.profiles[1].cycle = TimeValue::fromUs(2000);
-    sync.profiles[1].sizeQ14 = 96u << 14;
-    sync.profiles[1].dataSize = 96 * frameBytes;
-    sync.profileCount = 2;
-    ScriptedSink sink(script);
-    playAndEnd(sink, 20'000);
-    expectWholePattern(sink.stream(), 20'000);
-    bool small = NORVA::processorCount() <= 2;
-    EXPECT_EQ(log.has("low cpu change profile 1"), small);
-    EXPECT_EQ(sync.lowCpu, small);
-    std::size_t longPackets = 0;
-    for (const ScriptedSink::Packet& packet : sink.arrivals())
-        longPackets += packet.body.size() == 96 * frameBytes;
-    EXPECT_EQ(longPackets > 0, small) << "the last profile's packets";
-}
-
-// Each way of pacing carries the same audio.
-enum class Pacing { fixedSize, random };
-
-class SyncWorkerPacing : public SyncWorkerStream, public ::testing::WithParamInterface<Pacing> {};
-
-TEST_P(SyncWorkerPacing, CarriesTheSourceWhole) {
-    TransferProfile& profile = sync.profiles[0];
-    if (GetParam() == Pacing::fixedSize) {
-        profile.fixedSize = 40 * frameBytes;  // the cycle follows the feedback
-        profile.sizeQ14 = 0;
-        profile.cycle = TimeValue::fromRaw(833'333'333);
-    } else {
-        profile.mode = transferRandom;
-        profile.cycleMin = TimeValue::fromUs(300);
-        profile.sizeQ14 = 722534;  // 44.1 frames, scaled by each cycle's length
-    }
-    script.deviation = -3000;
-    ScriptedSink sink(script);
-    playAndEnd(sink, 80'000);
-    expectWholePattern(sink.stream(), 80'000);
-    if (GetParam() == Pacing::fixedSize) {
-        for (const ScriptedSink::Packet& packet : sink.arrivals())
-            ASSERT_EQ(packet.body.size(), 40 * frameBytes);
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Profiles, SyncWorkerPacing, ::testing::Values(Pacing::fixedSize, Pacing::random));
-
-TEST_F(SyncWorkerStream, UnderLoadMovesToTheSlowerProfileAndKeepsTheStreamWhole) {
-    LogCapture log;
-    sync.profiles[1] = sync.profiles[0];
-    sync.profiles[1].cycle = TimeValue::fromUs(8000);
-    sync.profiles[1].sizeQ14 = 192u << 14;  // the same rate in longer cycles
-    sync.profileCount = 2;
-    sync.infoRequestTime = TimeValue::fromMs(1);
-    sync.loadUs = 3000;  // two 1 ms cycles in four come late
-    ScriptedSink sink(script);
-    playAndEnd(sink, 150'000);
-    expectWholePattern(sink.stream(), 150'000);
-    EXPECT_TRUE(log.hasPrefix("over time "));
-    EXPECT_TRUE(log.has("over time change profile 0 to 1"));
-    bool longPackets = false;
-    for (const ScriptedSink::Packet& packet : sink.arrivals())
-        longPackets |= packet.body.size() > 24 * frameBytes;
-    EXPECT_TRUE(longPackets) << "the slower profile's packets went out";
-}
-
-// Feedback drives the packet size: a target that holds too much gets less.
-struct FeedbackCase {
-    int encoding;
-    std::int16_t deviation;
-};
-
-class SyncWorkerFeedback : public SyncWorkerStream, public ::testing::WithParamInterface<FeedbackCase> {};
+// Feedback drives the packet size: a target that holds too much gets less,
+// but no less and no more than the clamp allows.
+class SyncWorkerFeedback : public SyncWorkerStream, public ::testing::WithParamInterface<std::int16_t> {};
 
 TEST_P(SyncWorkerFeedback, MovesPacketSizesTheRightWay) {
-    script.encoding = GetParam().encoding;
-    script.deviation = GetParam().deviation;
+    script.deviation = GetParam();
     ScriptedSink sink(script);
-    sync.sourceBytes = ~0ull;
     sync.infoRequestTime = TimeValue::fromMs(1);  // ask on every 16th cycle
     connectTo(sink);
     sync.play();
@@ -452,23 +292,18 @@ TEST_P(SyncWorkerFeedback, MovesPacketSizesTheRightWay) {
     std::vector<ScriptedSink::Packet> packets = sink.arrivals();
     ASSERT_GT(packets.size(), 100u);
     std::uint64_t lateBytes = 0;
-    std::size_t late = 0;
-    for (std::size_t i = packets.size() - 40; i < packets.size(); ++i, ++late)
-        lateBytes += packets[i].body.size();
-    double perPacket = double(lateBytes) / double(late);
-    if (GetParam().deviation > 0) {
-        EXPECT_LT(perPacket, 24.0 * frameBytes);
-        EXPECT_GE(perPacket, 21.0 * frameBytes) << "no lower than the clamp allows";
+    for (std::size_t i = packets.size() - 40; i < packets.size(); ++i) lateBytes += packets[i].body.size();
+    double perPacket = double(lateBytes) / 40 / frameBytes;
+    if (GetParam() > 0) {
+        EXPECT_LT(perPacket, 24.0);
+        EXPECT_GE(perPacket, 21.0);
     } else {
-        EXPECT_GT(perPacket, 24.0 * frameBytes);
-        EXPECT_LE(perPacket, 25.0 * frameBytes) << "no higher than the clamp allows";
+        EXPECT_GT(perPacket, 24.0);
+        EXPECT_LE(perPacket, 25.0);
     }
-    expectPatternToTheEnd(sink.stream());
+    expectPattern(sink.stream());
 }
 
-INSTANTIATE_TEST_SUITE_P(Encodings, SyncWorkerFeedback,
-                         ::testing::Values(FeedbackCase{1, 4096}, FeedbackCase{1, -4096},
-                                           FeedbackCase{2, 6000}, FeedbackCase{2, -6000},
-                                           FeedbackCase{3, 8192}, FeedbackCase{3, -4096}));
+INSTANTIATE_TEST_SUITE_P(Deviations, SyncWorkerFeedback, ::testing::Values(4096, -4096));
 
 }  // namespace

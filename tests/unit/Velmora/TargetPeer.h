@@ -1,9 +1,7 @@
-// A plain Target on ports of the system's choice on [::1], and a local peer
-// that talks to its three sockets.
+// A Target on ports of the system's choice on [::1], and a local peer that talks to its sockets.
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 
 #include "Discovery/Target.h"
@@ -27,29 +25,21 @@ inline VELMORA::TargetConfig testConfig() {
 class TargetPeer {
   public:
     NORVA::UDPV6 socket;
+    NORVA::IPAddress local = NORVA::IPAddress::loopback(0);
     NORVA::ByteArray datagram;
-    NORVA::IPAddress from;
-    std::uint16_t port = 0;
 
     TargetPeer() {
-        socket.openNonBlocking();
-        socket.receiveSize = 70000;
-        NORVA::IPAddress local = NORVA::IPAddress::loopback(0);
-        socket.bind(local);
-        port = local.port();
+        if (socket.openNonBlocking()) socket.bind(local);
     }
-
     void send(VELMORA::Send& message, std::uint16_t to) {
         message.finish();
         socket.sendTo(NORVA::IPAddress::loopback(to), false, message.bytes.data, message.bytes.size);
     }
-    void sendBytes(const void* data, std::size_t size, std::uint16_t to) {
-        socket.sendTo(NORVA::IPAddress::loopback(to), false, data, size);
-    }
     // The next datagram, within a bound that only a broken target reaches.
     bool receive(VELMORA::Receive& out) {
-        if (socket.waitReadable(NORVA::TimeValue::fromSeconds(3)) != 2) return false;
-        if (!socket.receiveFrom(datagram, from)) return false;
+        NORVA::IPAddress from;
+        if (socket.waitReadable(NORVA::TimeValue::fromSeconds(3)) != 2 || !socket.receiveFrom(datagram, from))
+            return false;
         out = VELMORA::Receive(datagram.data(), static_cast<std::uint32_t>(datagram.size()));
         return true;
     }
@@ -64,7 +54,7 @@ class TargetPeer {
         VELMORA::Send message(type, 0, p0, p1, p2, p3);
         return ask(message, to);
     }
-    std::string body(const VELMORA::Receive& frame) {
+    static std::string body(const VELMORA::Receive& frame) {
         std::string text;
         frame.bodyText(text);
         return text;
@@ -73,15 +63,11 @@ class TargetPeer {
 
 // A Target opened on the loopback address only.
 template <class T = VELMORA::Target>
-class OpenTarget {
-  public:
+struct OpenTarget {
     T target;
-    explicit OpenTarget(const VELMORA::TargetConfig& config = testConfig()) : target(config) {
-        opened = target.open(NORVA::IPAddress::loopback(0), true);
-    }
+    bool opened = target.open(NORVA::IPAddress::loopback(0), true);
+    explicit OpenTarget(const VELMORA::TargetConfig& config = testConfig()) : target(config) {}
     ~OpenTarget() { target.close(); }
     std::uint16_t control() const { return target.boundPorts().control; }
     std::uint16_t registration() const { return target.boundPorts().registration; }
-    std::uint16_t log() const { return target.boundPorts().log; }
-    bool opened = false;
 };

@@ -1,6 +1,5 @@
-// Points the driver's per-user folder at a temporary folder, so that a
-// driver made in a test reads no one's real settings. Windows has no such
-// switch; its tests run in a Wine prefix of their own.
+// Points the driver's per-user folder at a temporary one, so that a test reads
+// no one's real settings. Windows can't; its tests run in a Wine prefix of their own.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -22,9 +22,8 @@ using VELMORA::FrameHeader;
 namespace MessageType = VELMORA::MessageType;
 using Clock = std::chrono::steady_clock;
 
-// A service on a loopback port of the system's choice that records every
-// frame and answers the n-th (counted from 0) as `answer` says: with the
-// bytes it gives, or not at all if they are empty.
+// A service on a loopback port that records every frame and answers the n-th
+// (from 0) with the bytes `answer` gives, or not at all if they are empty.
 class FakeService {
   public:
     using Answer = std::function<std::vector<std::uint8_t>(int index, const FrameHeader& request)>;
@@ -94,17 +93,13 @@ DriverSettings placement(std::int32_t cpuSend, std::int32_t cpuOther, std::int32
     return settings;
 }
 
-void expectFrame(const FrameHeader& frame, std::uint16_t type, std::uint16_t flags, std::uint16_t p0,
-                 std::uint16_t p1, std::uint16_t p2, std::uint16_t p3) {
+// Type, flags and the four parameters, after checking version and length.
+std::vector<std::uint16_t> fields(const FrameHeader& frame) {
     EXPECT_EQ(VELMORA::readU16(frame.bytes), VELMORA::protocolVersion);
     EXPECT_EQ(frame.length(), 16);
-    EXPECT_EQ(frame.type(), type);
-    EXPECT_EQ(frame.flags(), flags);
-    EXPECT_EQ(frame.param(0), p0);
-    EXPECT_EQ(frame.param(1), p1);
-    EXPECT_EQ(frame.param(2), p2);
-    EXPECT_EQ(frame.param(3), p3);
+    return {frame.type(), frame.flags(), frame.param(0), frame.param(1), frame.param(2), frame.param(3)};
 }
+using Fields = std::vector<std::uint16_t>;
 
 constexpr std::uint64_t processId = 0x0000123456789ABCull;
 
@@ -118,26 +113,18 @@ TEST(LocalService, WithoutWaitingEachRequestGoesOutOnce) {
 
     std::vector<FrameHeader> frames = service.frames();
     ASSERT_EQ(frames.size(), 4u);
-    expectFrame(frames[0], MessageType::LOCALSERVICE_REQ, 2, 0x9ABC, 0x5678, 0x1234, 0);
-    expectFrame(frames[1], MessageType::LOCALCPU_REQ, 2, 0xFFFF, 1, 2, 4);
-    expectFrame(frames[2], MessageType::LOCALSERVICE_REQ, 0, 0x9ABC, 0x5678, 0x1234, 0);
-    expectFrame(frames[3], MessageType::LOCALCPU_REQ, 0, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF);
+    EXPECT_EQ(fields(frames[0]), Fields({MessageType::LOCALSERVICE_REQ, 2, 0x9ABC, 0x5678, 0x1234, 0}));
+    EXPECT_EQ(fields(frames[1]), Fields({MessageType::LOCALCPU_REQ, 2, 0xFFFF, 1, 2, 4}));
+    EXPECT_EQ(fields(frames[2]), Fields({MessageType::LOCALSERVICE_REQ, 0, 0x9ABC, 0x5678, 0x1234, 0}));
+    EXPECT_EQ(fields(frames[3]), Fields({MessageType::LOCALCPU_REQ, 0, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF}));
 }
 
 TEST(LocalService, WaitingResendsUntilTheRightAnswer) {
-    // The first request goes unanswered, the second gets a short datagram,
-    // the third an answer of the wrong type; then the service answers right.
+    // No answer, a short datagram, the wrong type; then the right answer.
     FakeService service([](int index, const FrameHeader& request) -> std::vector<std::uint8_t> {
-        switch (index) {
-            case 0:
-                return {};
-            case 1:
-                return {1, 2, 3, 4};
-            case 2:
-                return answerOf(MessageType::LOCALCPU_ANS);
-            default:
-                return answerOf(std::uint16_t(request.type() + 1));
-        }
+        if (index < 2)
+            return index == 0 ? std::vector<std::uint8_t>() : std::vector<std::uint8_t>{1, 2, 3, 4};
+        return answerOf(index == 2 ? MessageType::LOCALCPU_ANS : std::uint16_t(request.type() + 1));
     });
     LocalServiceExchange exchange;
     exchange.port = service.port;
@@ -147,7 +134,7 @@ TEST(LocalService, WaitingResendsUntilTheRightAnswer) {
     std::vector<FrameHeader> frames = service.frames();
     ASSERT_EQ(frames.size(), 5u);
     for (int i = 0; i < 4; ++i) EXPECT_EQ(frames[i].type(), MessageType::LOCALSERVICE_REQ) << i;
-    expectFrame(frames[4], MessageType::LOCALCPU_REQ, 2, 3, 1, 0xFFFF, 0xFFFF);
+    EXPECT_EQ(fields(frames[4]), Fields({MessageType::LOCALCPU_REQ, 2, 3, 1, 0xFFFF, 0xFFFF}));
 }
 
 TEST(LocalService, SilentServiceIsAskedUntilTheLimit) {
@@ -170,17 +157,15 @@ TEST(LocalService, SilentServiceIsAskedUntilTheLimit) {
 }
 
 TEST(LocalService, OnlyCpuPlacementInvolvesTheService) {
-    DriverSettings settings;
-    EXPECT_FALSE(wantsLocalService(settings));
-    settings.cpuSend = 2;
-    EXPECT_FALSE(wantsLocalService(settings));  // the send side's thread mode bit is clear
-    settings.thredMode |= thredModeCpuSend;
-    EXPECT_TRUE(wantsLocalService(settings));
-    settings.cpuSend = -1;
-    EXPECT_FALSE(wantsLocalService(settings));
-    settings.thredMode = 1;
-    settings.cpuOther = 0;
-    EXPECT_TRUE(wantsLocalService(settings));
+    auto wants = [](std::int32_t cpuSend, std::int32_t cpuOther, std::uint32_t thredMode) {
+        DriverSettings settings = placement(cpuSend, cpuOther, -1, false);
+        settings.thredMode = thredMode;
+        return wantsLocalService(settings);
+    };
+    EXPECT_FALSE(wants(-1, -1, 1 | thredModeCpuSend));
+    EXPECT_FALSE(wants(2, -1, 1)) << "the send side needs its thread mode bit";
+    EXPECT_TRUE(wants(2, -1, 1 | thredModeCpuSend));
+    EXPECT_TRUE(wants(-1, 0, 1));
 }
 
 }  // namespace

@@ -50,13 +50,19 @@ class Registry : public ::testing::Test {
     void TearDown() override { DllUnregisterServer(); }
 };
 
-TEST_F(Registry, RegisterWritesBothKeys) {
+TEST_F(Registry, RegisterWritesBothKeysAndUnregisterRemovesThem) {
     ASSERT_EQ(DllRegisterServer(), S_FALSE);
     EXPECT_EQ(value(HKEY_CLASSES_ROOT, classKey, nullptr), "KESTRANE Velmora");
     EXPECT_EQ(value(HKEY_CLASSES_ROOT, classKey + "\\InprocServer32", nullptr), programPathLowered());
     EXPECT_EQ(value(HKEY_CLASSES_ROOT, classKey + "\\InprocServer32", "ThreadingModel"), "Apartment");
     EXPECT_EQ(value(HKEY_LOCAL_MACHINE, driverKey, "CLSID"), "{2D388F1A-9F7B-4C34-88F2-337E95484C68}");
     EXPECT_EQ(value(HKEY_LOCAL_MACHINE, driverKey, "Description"), "KESTRANE Velmora");
+
+    EXPECT_EQ(DllUnregisterServer(), S_FALSE);
+    EXPECT_FALSE(keyExists(HKEY_CLASSES_ROOT, classKey));
+    EXPECT_FALSE(keyExists(HKEY_LOCAL_MACHINE, driverKey));
+    EXPECT_TRUE(keyExists(HKEY_LOCAL_MACHINE, "SOFTWARE\\ASIO"));
+    EXPECT_EQ(DllUnregisterServer(), S_FALSE);
 }
 
 TEST_F(Registry, SamePathKeepsTheClassKeyAndRenewsTheDriverKey) {
@@ -80,15 +86,6 @@ TEST_F(Registry, OtherPathReplacesTheClassKey) {
     ASSERT_EQ(DllRegisterServer(), S_FALSE);
     EXPECT_FALSE(keyExists(HKEY_CLASSES_ROOT, classKey + "\\Stale"));
     EXPECT_EQ(value(HKEY_CLASSES_ROOT, classKey + "\\InprocServer32", nullptr), programPathLowered());
-}
-
-TEST_F(Registry, UnregisterRemovesBothKeysAndKeepsTheAsioRoot) {
-    ASSERT_EQ(DllRegisterServer(), S_FALSE);
-    EXPECT_EQ(DllUnregisterServer(), S_FALSE);
-    EXPECT_FALSE(keyExists(HKEY_CLASSES_ROOT, classKey));
-    EXPECT_FALSE(keyExists(HKEY_LOCAL_MACHINE, driverKey));
-    EXPECT_TRUE(keyExists(HKEY_LOCAL_MACHINE, "SOFTWARE\\ASIO"));
-    EXPECT_EQ(DllUnregisterServer(), S_FALSE);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Starting the configuration tool through the shell and waiting for its end,
-// on Windows: a command script stands in for the tool.
+// Starting the configuration tool and waiting for its end, on Windows: a
+// command script stands in for the tool.
 #ifdef _WIN32
 
 #include <gtest/gtest.h>
@@ -19,12 +19,10 @@ std::string utf8(const std::filesystem::path& path) {
 
 TEST(RunTool, WaitsForTheToolToEnd) {
     TempFolder folder;
-    // A blank and a letter outside ASCII in the path: it goes to the shell
-    // as UTF-8 turned wide, not through the narrow code page.
+    // A blank and a non-ASCII letter: the path must reach the shell as UTF-8 turned wide.
     std::filesystem::path tool = folder.path / u8"set up \u00e9" / "tool.cmd";
     std::filesystem::path done = folder.path / "done.txt";
-    // Busy for a while before it writes, so that a return before its end
-    // finds no file.
+    // Busy before it writes, so that a return before its end finds no file.
     std::filesystem::create_directories(tool.parent_path());
     std::ofstream(tool, std::ios::binary)
         << "@echo off\r\nfor /L %%i in (1,1,3000) do rem\r\necho done> \"" << done.string() << "\"\r\n";

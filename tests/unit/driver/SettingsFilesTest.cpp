@@ -49,41 +49,24 @@ TEST_F(SettingsFiles, ReferenceCopyWhenNothingElseLoads) {
     EXPECT_FALSE(std::filesystem::exists(userFile()));
 }
 
-TEST_F(SettingsFiles, NoFileAtAllStillGivesAPath) {
-    ::SettingsFiles files = choose();
-    EXPECT_TRUE(files.referenceInUse);
-    DriverSettings settings;
-    EXPECT_FALSE(settings.load(files.settingPath, 4));
-}
-
-TEST_F(SettingsFiles, DifferentVersionReplacesTheUsersFileWhole) {
-    writeUser("Version=1\nCycleTime=2000\nStartDelay=7\n");
-    library.write("setting_org.inf", "Version=2\nCycleTime=900\n[LOW]\nCycleTime=1800\n");
-    ::SettingsFiles files = choose();
-    EXPECT_EQ(files.settingPath, userFile());
-    EXPECT_EQ(readUser(), "[LOW]\r\nCycleTime=1800\r\n\r\n[global]\r\nCycleTime=900\r\nVersion=2\r\n\r\n");
-}
-
-TEST_F(SettingsFiles, OlderReferenceVersionReplacesToo) {
-    writeUser("Version=5\nCycleTime=2000\n");
-    library.write("setting_org.inf", "Version=4\n");
-    choose();
-    EXPECT_EQ(readUser(), "[global]\r\nVersion=4\r\n\r\n");
-}
-
-TEST_F(SettingsFiles, UsersFileWithoutVersionIsReplaced) {
-    writeUser("CycleTime=2000\n");
-    library.write("setting_org.inf", "Version=1\n");
-    choose();
-    EXPECT_EQ(readUser(), "[global]\r\nVersion=1\r\n\r\n");
-}
-
-TEST_F(SettingsFiles, EqualVersionLeavesTheUsersFileUntouched) {
-    const std::string mine = "Version=3\n; my notes\nCycleTime=2000\n";
-    writeUser(mine);
-    library.write("setting_org.inf", "Version=3\nCycleTime=900\n");
-    choose();
-    EXPECT_EQ(readUser(), mine);
+// A reference copy of another version, older too, replaces the user's file
+// whole, sections first; an equal version leaves it untouched.
+TEST_F(SettingsFiles, AnotherVersionReplacesTheUsersFileWhole) {
+    const struct {
+        const char *mine, *reference, *after;
+    } rows[] = {
+        {"Version=1\nCycleTime=2000\nStartDelay=7\n", "Version=2\nCycleTime=900\n[LOW]\nCycleTime=1800\n",
+         "[LOW]\r\nCycleTime=1800\r\n\r\n[global]\r\nCycleTime=900\r\nVersion=2\r\n\r\n"},
+        {"Version=5\nCycleTime=2000\n", "Version=4\n", "[global]\r\nVersion=4\r\n\r\n"},
+        {"CycleTime=2000\n", "Version=1\n", "[global]\r\nVersion=1\r\n\r\n"},
+        {"Version=3\n; my notes\nCycleTime=2000\n", "Version=3\nCycleTime=900\n", nullptr},
+    };
+    for (const auto& row : rows) {
+        writeUser(row.mine);
+        library.write("setting_org.inf", row.reference);
+        EXPECT_EQ(choose().settingPath, userFile());
+        EXPECT_EQ(readUser(), row.after ? row.after : row.mine) << row.mine;
+    }
 }
 
 TEST_F(SettingsFiles, FileNamedByPointerIsReplacedOnNewVersion) {

@@ -1,6 +1,5 @@
-// What start does before it reaches the network: format word, silence,
-// multiplier and ring, and the transfer decision with its texts. Without a
-// target, connectPrepare is where it stops.
+// What start does before it reaches the network: format word, silence, ring
+// and the transfer plan. Without a target, connectPrepare is where it stops.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,8 +17,8 @@ void ASIO_CALLBACK ignoreSwitch(AsioLong, ASIOBool) {}
 
 class Start : public DriverEnvironment {
   protected:
-    // As init leaves the driver for a stereo sink of 16 and 32-bit integers
-    // at 44.1 and 48 kHz times 1 to 4, and DSD64 MSB first.
+    // As init leaves it for a stereo sink of 16 and 32-bit integers at 44.1
+    // and 48 kHz times 1 to 4, and DSD64 MSB first.
     Start() {
         driver.sync.format.sink = {FormatID(0xA02u, 0x3Eu), FormatID(), FormatID(0x2A10002u, 0x202u)};
         driver.formatMode = 0x200;
@@ -59,7 +58,6 @@ TEST_F(Start, DsdRingScalesWithTheRateAndStartsInSilence) {
     LogCapture log;
 
     EXPECT_EQ(driver.start(), ASE_NotPresent);
-    EXPECT_TRUE(log.has("connectPrepare error"));
     EXPECT_TRUE(log.has("configTransfer Fix"));
     EXPECT_EQ(driver.sync.format.sourceFormat, FormatID(0x2A10002u, 0x202u));
     EXPECT_TRUE(buffersHold(0x96));
@@ -92,8 +90,6 @@ TEST_F(Start, RandomCyclesNeedAShortestCycle) {
     EXPECT_EQ(driver.start(), ASE_NotPresent);
     EXPECT_TRUE(log.has("configTransfer Random"));
     EXPECT_TRUE(log.has("error configTransfer Var"));
-    EXPECT_FALSE(driver.running);
-
     driver.settings.cycleMinTime = driver.settings.cycleTime;  // not shorter than the cycle
     EXPECT_EQ(driver.start(), ASE_NotPresent);
     EXPECT_FALSE(driver.running);
@@ -104,8 +100,6 @@ TEST_F(Start, RandomCyclesNeedAShortestCycle) {
     driver.stop();
 }
 
-// The settings pick the plan, each with its own name in the log; a plan that
-// can't be made fails start with its own text, and VarMax keeps what it got.
 // The settings pick the plan, each with its own name in the log, at 44.1 kHz
 // 16-bit stereo and a 1 ms cycle: Fix keeps the cycle and carries 44.1
 // frames in it, Var sends whole frames (45, or 2 x 22 where a packet holds

@@ -1,5 +1,4 @@
-// A fresh folder under the system's temporary directory, removed with all
-// it holds when the test ends.
+// A fresh temporary folder, removed with all it holds when the test ends.
 #pragma once
 
 #include <filesystem>
