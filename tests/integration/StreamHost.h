@@ -1,7 +1,5 @@
-// The host's side of a stream to the velmora-target program, set up as the
-// driver's start does it: a SyncBuffer whose source is a byte pattern, one
-// profile of fixed 1 ms cycles, and the sink's statistics read back from
-// the JSON it writes at the stream's end.
+// The host's side of a stream to velmora-target, set up as the driver's
+// start does it (fixed 1 ms cycles), and the statistics its sink writes.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -35,9 +33,8 @@ class PatternSource : public VELMORA::SyncBuffer {
     }
 };
 
-// Sets the stream up and starts playing; the caller's test fails where a
-// step does. The worker takes its real priority: callers skip where the
-// system refuses it (workerPriorityGranted).
+// Sets the stream up and plays; callers skip where the system refuses the
+// worker its priority (workerPriorityGranted).
 inline void start(PatternSource& host, std::uint16_t sinkPort, VELMORA::FormatID format,
                   std::uint16_t latency, std::uint32_t slotFrames, std::uint32_t ringSlots) {
     using NORVA::TimeValue;
@@ -70,19 +67,17 @@ inline void finish(PatternSource& host) {
 
 // What the sink wrote at the stream's end.
 struct SinkReport {
-    double underruns = -1;
-    double resends = -1;
-    double dropped = -1;
-    double xruns = -1;
+    double underruns = -1, resends = -1, dropped = -1, xruns = -1;
     std::vector<std::pair<std::uint32_t, std::int32_t>> deviation;  // ms, Q14
 
     explicit SinkReport(const std::string& path) {
         std::ifstream in(path);
         std::string json((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        underruns = number(json, "underruns");
-        resends = number(json, "resends");
-        dropped = number(json, "dropped");
-        xruns = number(json, "xruns");
+        for (auto [key, value] : {std::pair{"underruns", &underruns},
+                                  {"resends", &resends},
+                                  {"dropped", &dropped},
+                                  {"xruns", &xruns}})
+            *value = number(json, key);
         std::size_t at = json.find("\"deviation\":[");
         if (at == std::string::npos) return;
         const char* p = json.c_str() + at + 13;

@@ -1,6 +1,4 @@
-// velmora-target as a child process, as a user runs it: started with the
-// caller's options, ready once it has said where its first sink listens, and
-// ended with SIGTERM. Linux only, like the program.
+// The tools as a user runs them, as child processes. Linux only, like them.
 #pragma once
 
 #include <signal.h>
@@ -10,19 +8,24 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
+// A program running on until stop() (SIGTERM); ready once a line of its
+// output holds `readyText`. By default velmora-target, ready once it says
+// where its first sink listens.
 class TargetProcess {
   public:
-    // The options that put every port of the target where the system
-    // chooses, so that tests need no lock on the fixed ones.
+    // Every port of the target where the system chooses: no lock on the fixed ones.
     static std::vector<std::string> anyPorts() {
         return {"--control-port", "0", "--registration-port", "0", "--log-port", "0", "--syslog-port", "0"};
     }
 
-    // With `withLog` its log (on stderr) lands in `printed` too.
-    TargetProcess(const std::string& tool, std::vector<std::string> options, bool withLog = false) {
+    // With `withLog` its stderr lands in `printed` too.
+    TargetProcess(const std::string& tool, std::vector<std::string> options, bool withLog = false,
+                  const char* readyText = "sink ") {
         int out[2];
         if (pipe(out) != 0) return;
         options.insert(options.begin(), tool);
@@ -39,24 +42,27 @@ class TargetProcess {
             _exit(127);
         }
         close(out[1]);
-        if (pid < 0) {
-            close(out[0]);
-            return;
+        output = pid > 0 ? fdopen(out[0], "r") : (close(out[0]), nullptr);
+        char line[512];
+        while (output != nullptr && fgets(line, sizeof line, output) != nullptr) {
+            printed += line;
+            if (std::strstr(line, readyText) == nullptr) continue;
+            readyLine = line;
+            unsigned port = 0;
+            if (std::sscanf(line, "sink %*u: port %u", &port) == 1) sinkPort = std::uint16_t(port);
+            break;
         }
-        output = fdopen(out[0], "r");
-        readUntilSink();
     }
     ~TargetProcess() { stop(); }
     TargetProcess(const TargetProcess&) = delete;
     TargetProcess& operator=(const TargetProcess&) = delete;
 
-    // The first sink's port; 0 if the program ended or said nothing of it.
-    std::uint16_t sinkPort = 0;
-    std::uint16_t controlPort = 0;
-    bool ready() const { return sinkPort != 0; }
+    std::uint16_t sinkPort = 0;  // the first sink's; 0 if it said nothing of it
+    std::string readyLine;
+    bool ready() const { return !readyLine.empty(); }
+    std::string printed;  // from the start on; all of it after stop()
 
-    // Ends the program and returns its exit status (-1 if it never ran);
-    // what it printed from the start on is in `printed`.
+    // Ends the program; its exit status, -1 if it never ran.
     int stop() {
         if (pid <= 0) return exitStatus;
         kill(pid, SIGTERM);
@@ -71,25 +77,19 @@ class TargetProcess {
         return exitStatus;
     }
 
-    std::string printed;
-
   private:
-    void readUntilSink() {
-        char line[512];
-        while (output != nullptr && fgets(line, sizeof line, output) != nullptr) {
-            printed += line;
-            unsigned port = 0, second = 0;
-            if (std::sscanf(line, "velmora-target: control port %u, registration port %u", &port, &second) ==
-                2) {
-                controlPort = std::uint16_t(port);
-            } else if (std::sscanf(line, "sink %*u: port %u", &port) == 1) {
-                sinkPort = std::uint16_t(port);
-                return;
-            }
-        }
-    }
-
     pid_t pid = -1;
     FILE* output = nullptr;
     int exitStatus = -1;
 };
+
+// A shell command run to its end: its exit code (-1 if killed) and all it printed.
+inline std::pair<int, std::string> runCommand(const std::string& command) {
+    FILE* pipe = popen((command + " 2>&1 </dev/null").c_str(), "r");
+    std::string printed;
+    char buffer[4096];
+    std::size_t got = 0;
+    while (pipe != nullptr && (got = fread(buffer, 1, sizeof buffer, pipe)) > 0) printed.append(buffer, got);
+    int status = pipe != nullptr ? pclose(pipe) : -1;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, printed};
+}

@@ -1,7 +1,9 @@
-// A host on one side of the link loads the driver library and initialises
-// it with settings that name no target, so that it finds one by discovery.
+// A host on one side of the link loads the driver library, as hosts do,
+// and initialises it with settings that name no target, so that it finds
+// one by discovery.
 //
 //     netns_driver_init DRIVER_LIBRARY
+#include <dlfcn.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,24 +12,33 @@
 #include <fstream>
 #include <string>
 
-#include "DriverHost.h"
+#include "ComServer.h"
+#include "asio/Asio.h"
 
 int main(int argc, char** argv) {
     if (argc != 2) {
         std::fprintf(stderr, "usage: %s DRIVER_LIBRARY\n", argv[0]);
         return 2;
     }
-    // A settings folder of this run's own, with a file that leaves every key
-    // at its default.
+    // A settings folder of this run's own, its file leaving every key at its default.
     char pattern[] = "/tmp/velmora-netns-XXXXXX";
     std::string root = mkdtemp(pattern);
-    std::string folder = root + "/KESTRANE Velmora";
-    mkdir(folder.c_str(), 0700);
-    std::ofstream(folder + "/setting.inf") << "; discovery\r\n";
+    mkdir((root + "/KESTRANE Velmora").c_str(), 0700);
+    std::ofstream(root + "/KESTRANE Velmora/setting.inf") << "; discovery\r\n";
     setenv("XDG_CONFIG_HOME", root.c_str(), 1);
 
-    DriverHost host(argv[1]);
-    IASIO* driver = host.loaded() ? host.create() : nullptr;
+    // The driver object through the COM entry point, asked for with its class identifier.
+    using GetClassObject = HRESULT (*)(REFCLSID, REFIID, void**);
+    void* library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
+    auto getClassObject =
+        library != nullptr ? reinterpret_cast<GetClassObject>(dlsym(library, "DllGetClassObject")) : nullptr;
+    IClassFactory* factory = nullptr;
+    IASIO* driver = nullptr;
+    if (getClassObject != nullptr &&
+        getClassObject(classIdVelmora, IID_IClassFactory, reinterpret_cast<void**>(&factory)) == S_OK) {
+        factory->CreateInstance(nullptr, classIdVelmora, reinterpret_cast<void**>(&driver));
+        factory->Release();
+    }
     if (driver == nullptr) {
         std::fprintf(stderr, "the driver library could not be loaded\n");
         return 1;
@@ -37,12 +48,9 @@ int main(int argc, char** argv) {
     char name[32] = {};
     driver->getErrorMessage(text);
     driver->getDriverName(name);
-    if (initialised) {
-        std::printf("init done: %s\n", name);
-    } else {
-        std::printf("init failed: %s\n", text);
-    }
+    std::printf(initialised ? "init done: %s\n" : "init failed: %s\n", initialised ? name : text);
     driver->Release();
+    dlclose(library);
     std::system(("rm -rf '" + root + "'").c_str());
     return initialised ? 0 : 1;
 }

@@ -1,12 +1,8 @@
-// A relay in front of a target's control port that loses datagrams of one
-// size on purpose: the link tests drop chosen frames with it, since the
-// test machines may have no packet filter.
+// A relay to [::1]:TARGET_PORT that drops the client's datagrams of
+// DROP_SIZE bytes (the test machines may have no packet filter); answers go
+// back to whoever sent last. Runs until killed.
 //
 //     find_netns_relay LISTEN_PORT TARGET_PORT DROP_SIZE
-//
-// Datagrams to LISTEN_PORT go to [::1]:TARGET_PORT from a socket of the
-// relay's own; answers go back to whoever sent last. Those of DROP_SIZE
-// bytes from the client are dropped. Runs until killed.
 #include <cstdio>
 #include <cstdlib>
 #include <string>

@@ -1,7 +1,8 @@
 // A whole stream across a real link, in whatever transfer mode the set-up
-// settles on: the host side finds the target's first sink, connects, plays
-// a counted pattern and ends; the compare side reads the sink's WAV file
-// and checks that it holds the pattern bit for bit between silences.
+// settles on: the host side measures the path MTU, takes the target's first
+// sink, prints the packet size the set-up settled on, then (for SECONDS > 0)
+// connects, plays a counted pattern and ends; the compare side checks that
+// the sink's WAV file holds the pattern bit for bit between silences.
 //
 //     netns_raw_stream play ADDRESS%SCOPE THREAD_FLAGS SECONDS
 //     netns_raw_stream compare WAV SECONDS
@@ -16,8 +17,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -25,6 +24,7 @@
 #include "Stream/Sync.h"
 #include "System/Log.h"
 #include "System/Threads.h"
+#include "WavFile.h"
 
 namespace {
 
@@ -64,16 +64,7 @@ class PatternSync : public Sync {
 };
 
 const char* modeName(std::uint32_t mode) {
-    switch (mode) {
-        case msModeRawFrames:
-            return "RFS";
-        case msMode2:
-            return "mode2";
-        case msMode1:
-            return "mode1";
-        default:
-            return "none";
-    }
+    return mode == msModeRawFrames ? "RFS" : mode == msMode2 ? "mode2" : mode == msMode1 ? "mode1" : "none";
 }
 
 int play(const char* address, std::uint32_t flags, std::uint32_t seconds) {
@@ -92,10 +83,13 @@ int play(const char* address, std::uint32_t flags, std::uint32_t seconds) {
     }
     PatternSync sync;
     if (!sync.open(flags, TimeValue::fromMs(50), std::uint16_t(sink.scope()), "netns host", 0, -1, -1, 0) ||
-        !sync.getInfo(sink, TimeValue(), false, mtu) || !sync.format.setFormat(stereoS16At48k)) {
+        !sync.getInfo(sink, TimeValue(), false, mtu)) {
         std::puts("the sink's set-up failed");
         return 1;
     }
+    std::printf("mtu=%u smtu=%u maxPacketSize=%u\n", mtu, sync.smtu, sync.maxPacketSize);
+    if (seconds == 0) return 0;
+    if (!sync.format.setFormat(stereoS16At48k)) return 1;
     TransferProfile& profile = sync.profiles[0];
     profile.cycle = TimeValue::fromUs(875);
     profile.packetCount = 4;
@@ -125,46 +119,25 @@ int play(const char* address, std::uint32_t flags, std::uint32_t seconds) {
     return ended && sync.given == sync.sourceBytes ? 0 : 1;
 }
 
-// The data chunk of a RIFF/WAVE file.
-bool wavData(const char* path, std::vector<std::uint8_t>& data) {
-    std::ifstream file(path, std::ios::binary);
-    std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(file), {}};
-    for (std::size_t at = 12; at + 8 <= bytes.size();) {
-        std::uint32_t size = std::uint32_t(bytes[at + 4] | bytes[at + 5] << 8 | bytes[at + 6] << 16) |
-                             std::uint32_t(bytes[at + 7]) << 24;
-        if (std::memcmp(bytes.data() + at, "data", 4) == 0) {
-            if (at + 8 + size > bytes.size()) return false;
-            data.assign(bytes.begin() + std::ptrdiff_t(at + 8),
-                        bytes.begin() + std::ptrdiff_t(at + 8 + size));
-            return true;
-        }
-        at += 8 + size + (size & 1);
-    }
-    return false;
-}
-
 int compare(const char* path, std::uint32_t seconds) {
-    std::vector<std::uint8_t> data;
-    if (!wavData(path, data)) {
-        std::printf("%s has no complete data chunk\n", path);
+    WavData wav;
+    std::string error;
+    if (!readWav(path, wav, error)) {
+        std::printf("%s: %s\n", path, error.c_str());
         return 1;
     }
-    const std::uint64_t source = std::uint64_t(seconds) * bytesPerSecond;
-    auto first = std::find_if(data.begin(), data.end(), [](std::uint8_t b) { return b != 0; });
-    std::size_t lead = std::size_t(first - data.begin());
-    if (lead % frameBytes != 0 || data.size() < lead + source) {
-        std::printf("%zu bytes of silence, then %zu of %llu bytes of the source\n", lead, data.size() - lead,
-                    static_cast<unsigned long long>(source));
-        return 1;
-    }
-    std::uint64_t wrong = 0;
-    for (std::uint64_t n = 0; n < source; ++n) wrong += data[lead + n] != patternByte(n);
-    bool silentEnd = std::all_of(data.begin() + std::ptrdiff_t(lead + source), data.end(),
-                                 [](std::uint8_t b) { return b == 0; });
-    std::printf("%zu bytes of silence, the source with %llu bytes wrong, then %zu bytes of %s\n", lead,
-                static_cast<unsigned long long>(wrong), data.size() - lead - source,
-                silentEnd ? "silence" : "something else");
-    return wrong == 0 && silentEnd ? 0 : 1;
+    const std::vector<std::uint8_t>& data = wav.data;
+    const std::size_t source = std::size_t(seconds) * bytesPerSecond;
+    std::size_t lead =
+        std::size_t(std::find_if(data.begin(), data.end(), [](auto b) { return b != 0; }) - data.begin());
+    bool whole = lead % frameBytes == 0 && data.size() >= lead + source;
+    std::size_t wrong = 0;
+    for (std::size_t n = 0; whole && n < source; ++n) wrong += data[lead + n] != patternByte(n);
+    bool silentEnd = whole && std::all_of(data.begin() + std::ptrdiff_t(lead + source), data.end(),
+                                          [](std::uint8_t b) { return b == 0; });
+    std::printf("%zu bytes of silence, then %zu bytes: %zu of the source's %zu wrong, %s after it\n", lead,
+                data.size() - lead, wrong, source, silentEnd ? "silence" : "no silence");
+    return whole && wrong == 0 && silentEnd ? 0 : 1;
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 # asks for large packets gets them where the link carries them, and 1500
 # bytes where it doesn't.
 #
-#     sync-probe-netns.sh VELMORA_TARGET NETNS_SYNC_PROBE
+#     sync-probe-netns.sh VELMORA_TARGET NETNS_RAW_STREAM
 #
 # Exits 77 (skipped) where namespaces can't be made.
 set -u
@@ -26,7 +26,7 @@ settles() {
     local pid=$!
     sleep 1
     local result
-    result=$(in_host "$probe_tool" "$numbered" 2>&1)
+    result=$(in_host "$probe_tool" play "$numbered" 0 0 2>&1)
     echo "link $mtu, sink asks $request (at most $greatest): $result"
     ip netns pids "$target_ns" | xargs -r kill 2>/dev/null
     wait "$pid" 2>/dev/null

@@ -35,19 +35,29 @@ VELMORA::TargetConfig loopbackTarget() {
     return config;
 }
 
-// A local sink program: its socket is the sink's port, and it registers
-// that port with the target as a sink does.
-class LocalSink {
-  public:
-    NORVA::UDPV6 socket;
-    IPAddress address = IPAddress::loopback(0);
+class FindLoopback : public ::testing::Test {
+  protected:
+    VELMORA::Target target{loopbackTarget()};
+    NORVA::UDPV6 sinkSocket;  // a sink program's: the port it registers
+    IPAddress sinkAddress = IPAddress::loopback(0);
+    VELMORA::FindSettings settings;
 
-    LocalSink() {
-        socket.openNonBlocking();
-        socket.bind(address);
+    void SetUp() override {
+        ASSERT_TRUE(target.open(-1, false)) << "the fixed ports 19638 and 19642 are taken";
+        ASSERT_TRUE(sinkSocket.openNonBlocking() && sinkSocket.bind(sinkAddress));
+        settings.withLoopback = true;
+        settings.filterId = VELMORA::anyProductId;
     }
-    void registerPort(const std::string& name) {
-        VELMORA::SendBuffer registration(MessageType::PORT_REGIST, 0, sinkIndex, 0, address.port(), sinkList);
+    void TearDown() override { target.close(); }
+
+    void send(VELMORA::SendBuffer& message, std::uint16_t port) {
+        message.finish();
+        sinkSocket.sendTo(IPAddress::loopback(port), true, message.bytes.data, message.bytes.size);
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));  // taken on the target's thread
+    }
+    void registerSink(const std::string& name) {
+        VELMORA::SendBuffer registration(MessageType::PORT_REGIST, 0, sinkIndex, 0, sinkAddress.port(),
+                                         sinkList);
         registration.setBodyText(name);
         send(registration, registrationPort);
     }
@@ -59,29 +69,7 @@ class LocalSink {
         std::memcpy(request.body(), &host, sizeof host);
         send(request, Find::controlPort);
     }
-
-  private:
-    void send(VELMORA::SendBuffer& message, std::uint16_t port) {
-        message.finish();
-        socket.sendTo(IPAddress::loopback(port), true, message.bytes.data, message.bytes.size);
-    }
-};
-
-class FindLoopback : public ::testing::Test {
-  protected:
-    VELMORA::Target target{loopbackTarget()};
-    LocalSink sink;
-    VELMORA::FindSettings settings;
-
-    void SetUp() override {
-        ASSERT_TRUE(target.open(-1, false)) << "the fixed ports 19638 and 19642 are taken";
-        settings.withLoopback = true;
-        settings.filterId = VELMORA::anyProductId;
-    }
-    void TearDown() override { target.close(); }
-
-    // The sinks that Find reads through ::1. The target also hears the
-    // multicast probes of this host's links and answers them from there.
+    // The sinks Find reads through ::1 (the target answers the links' multicast too).
     VELMORA::TargetRecordMap records() {
         Find find(settings);
         EXPECT_TRUE(find.open());
@@ -92,15 +80,10 @@ class FindLoopback : public ::testing::Test {
         std::erase_if(found, [](const auto& entry) { return !entry.first.isLoopback(); });
         return found;
     }
-    // The registration is taken on the target's thread.
-    void registerAndSettle(const std::string& name) {
-        sink.registerPort(name);
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    }
 };
 
-TEST_F(FindLoopback, DiscoveryFindsTheTargetAndItsRegisteredSink) {
-    registerAndSettle("Line out");
+TEST_F(FindLoopback, DiscoveryFindsTheTargetAndItsRegisteredSinkOnlyWithLoopback) {
+    registerSink("Line out");
     Find find(settings);
     ASSERT_TRUE(find.open());
     VELMORA::TargetMap targets;
@@ -110,32 +93,28 @@ TEST_F(FindLoopback, DiscoveryFindsTheTargetAndItsRegisteredSink) {
 
     VELMORA::TargetRecordMap found;
     ASSERT_TRUE(find.readTargetRecords(targets, found));
-    ASSERT_EQ(found.count(sink.address), 1u);
-    EXPECT_EQ(found.at(sink.address).outputName, "Line out");
-    EXPECT_EQ(found.at(sink.address).portIndex, sinkIndex);
-}
+    ASSERT_EQ(found.count(sinkAddress), 1u);
+    EXPECT_EQ(found.at(sinkAddress).outputName, "Line out");
+    EXPECT_EQ(found.at(sinkAddress).portIndex, sinkIndex);
 
-TEST_F(FindLoopback, WithoutLoopbackNothingIsFound) {
-    registerAndSettle("Line out");
     settings.withLoopback = false;
-    Find find(settings);
-    ASSERT_TRUE(find.open());
-    VELMORA::TargetMap targets;
-    ASSERT_TRUE(find.searchTargets(targets));
+    Find without(settings);
+    ASSERT_TRUE(without.open());
+    targets.clear();
+    ASSERT_TRUE(without.searchTargets(targets));
     EXPECT_EQ(targets.count(IPAddress::loopback(Find::controlPort)), 0u);
 }
 
 TEST_F(FindLoopback, ASinkNotRegisteredAgainDisappears) {
-    registerAndSettle("Line out");
+    registerSink("Line out");
     ASSERT_EQ(records().size(), 1u);
     std::this_thread::sleep_for(std::chrono::seconds(5));
     EXPECT_TRUE(records().empty());
 }
 
 TEST_F(FindLoopback, AHeldOffHostSeesTheSinkOnlyAfterBreakingTheHoldOff) {
-    registerAndSettle("Line out");
-    sink.holdOff();
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    registerSink("Line out");
+    holdOff();
     EXPECT_TRUE(records().empty());
     settings.nopBreak = true;
     ASSERT_EQ(records().size(), 1u);

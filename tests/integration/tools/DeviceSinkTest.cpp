@@ -1,32 +1,21 @@
 // A stream through the driver's stream engine to velmora-target playing to
-// a JACK server: jackd's dummy backend, a real clocked server that needs no
-// sound card, started under a name of this test's own. A capture client
-// here records what reaches the server. The sink plays to the server as a
-// JACK client of its own, or through ALSA: a private configuration makes an
-// ALSA device of the ALSA JACK plugin, whose ports lead to the capture.
-//
-// Bit-exact, for JACK's float samples: each 16-bit source sample x arrives
-// as exactly x / 32768 (float holds every 16- and 24-bit integer), so the
-// capture turned back into integers is the source, sample for sample,
-// after the silence before the sink's clock starts. And the stream plays
-// with no underrun of the sink, and no xrun, where the server keeps its
-// deadlines on its own: on a machine whose load or hypervisor makes the
-// dummy backend late with no client at all (a quiet second before the
-// stream tells), xruns are printed, not judged, and through ALSA, whose
-// JACK plugin turns them into silence mid-stream, the data isn't either.
+// jackd's dummy backend (clocked, no sound card) under a name of the test's
+// own, as a JACK client or through the ALSA JACK plugin; a capture client
+// records what reaches the server. JACK's float holds every 16-bit sample
+// exactly, so the capture must be the source bit for bit after its leading
+// silence, without an underrun or xrun where the server keeps its own
+// deadlines (a busy or virtual machine may not: then the stream is skipped).
 //
 // Arguments: <velmora-target> <jackd> <seconds of audio>.
 #include <jack/jack.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -54,7 +43,11 @@ constexpr std::uint32_t slotFrames = 192;
 // jackd -d dummy under a name of its own, ended at the test's end.
 class JackServer {
   public:
-    explicit JackServer(const std::string& serverName) : name(serverName) { start(); }
+    explicit JackServer(const std::string& suffix)
+        : name("velmora-test-" + std::to_string(getpid()) + "-" + suffix) {
+        setenv("JACK_DEFAULT_SERVER", name.c_str(), 1);
+        start();
+    }
     ~JackServer() { stop(); }
     void start() {
         pid = fork();
@@ -154,48 +147,34 @@ struct Output {
     bool alsa;
 };
 
-class DeviceSink : public ::testing::TestWithParam<Output> {
-  protected:
-    // The ALSA device "velmora": the ALSA JACK plugin with its ports led to
-    // the capture's, read by velmora-target from the ~/.asoundrc of a home
-    // of the test's own.
-    void makeAlsaDevice() {
-        std::string dir = ::testing::TempDir() + "velmora-alsa-XXXXXX";
-        ASSERT_NE(mkdtemp(dir.data()), nullptr);
-        home = dir;
-        std::FILE* rc = std::fopen((home + "/.asoundrc").c_str(), "w");
-        ASSERT_NE(rc, nullptr);
-        std::fprintf(rc,
-                     "pcm.velmora {\n  type jack\n  playback_ports {\n    0 capture:in_1\n    1 "
-                     "capture:in_2\n  }\n}\n");
-        std::fclose(rc);
-        ASSERT_EQ(setenv("HOME", home.c_str(), 1), 0);
-    }
-    void TearDown() override {
-        if (home.empty()) return;
-        std::remove((home + "/.asoundrc").c_str());
-        rmdir(home.c_str());
-    }
-    std::string home;
-};
+class DeviceSink : public ::testing::TestWithParam<Output> {};
 
 TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
-    JackServer server("velmora-test-" + std::to_string(getpid()) + "-" + GetParam().name);
-    ASSERT_EQ(setenv("JACK_DEFAULT_SERVER", server.name.c_str(), 1), 0);
+    JackServer server(GetParam().name);
     Capture capture(server.name, std::size_t(seconds + 2) * 48000);
     ASSERT_NE(capture.client, nullptr) << "jackd -d dummy did not start";
     std::this_thread::sleep_for(std::chrono::seconds(1));
     unsigned idleXruns = capture.xruns.exchange(0);
 
     ScratchFile json{"velmora-jack-sink", ".json"};
-    std::vector<std::string> options = TargetProcess::anyPorts();
     const bool alsa = GetParam().alsa;
-    if (alsa) makeAlsaDevice();
-    if (HasFatalFailure()) return;
-    options.insert(options.end(), {"--sink", "1,0,Main out"});
-    options.insert(options.end(), {alsa ? "--alsa" : "--jack", alsa ? "velmora" : "velmora-test"});
-    options.insert(options.end(), {"--latency", std::to_string(latencyUnits), "--stats-json", json.path,
-                                   "--log-level", "3"});
+    // The ALSA device "velmora": the plugin's ports led to the capture's, in
+    // the ~/.asoundrc of a home of the test's own.
+    struct Home {
+        std::string path = ::testing::TempDir() + "velmora-alsa-XXXXXX";
+        ~Home() { std::remove((path + "/.asoundrc").c_str()), rmdir(path.c_str()); }
+    } home;
+    if (alsa) {
+        ASSERT_NE(mkdtemp(home.path.data()), nullptr);
+        std::ofstream(home.path + "/.asoundrc") << "pcm.velmora {\n  type jack\n  playback_ports {\n    0 "
+                                                   "capture:in_1\n    1 capture:in_2\n  }\n}\n";
+        ASSERT_EQ(setenv("HOME", home.path.c_str(), 1), 0);
+    }
+    std::vector<std::string> options = TargetProcess::anyPorts();
+    options.insert(
+        options.end(),
+        {"--sink", "1,0,Main out", alsa ? "--alsa" : "--jack", alsa ? "velmora" : "velmora-test", "--latency",
+         std::to_string(latencyUnits), "--stats-json", json.path, "--log-level", "3"});
     TargetProcess target(toolPath, options);
     ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
     if (!alsa) {
@@ -213,13 +192,8 @@ TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
 
     SinkReport report(json.path);
     EXPECT_GE(report.xruns, 0) << "the statistics count the device's xruns";
-    std::printf(
-        "xruns: the server %u in the second before the stream, %u during it; the sink's device %.0f; %zu "
-        "frames captured\n",
-        idleXruns, capture.xruns.load(), report.xruns, capture.recorded.load());
-    // An xrun of the server itself (a busy or virtual machine keeping jackd
-    // from its deadlines) drops or repeats a period for every client: the
-    // stream can't be judged then. Without one, the sink must have none.
+    // An xrun of the server itself drops or repeats a period for every
+    // client: the stream can't be judged then. Without one, the sink must have none.
     if (capture.xruns.load() != 0) {
         GTEST_SKIP() << "jackd missed " << capture.xruns.load() << " deadlines (" << idleXruns
                      << " in the idle second before): this machine can't judge the stream";
@@ -227,10 +201,8 @@ TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
     EXPECT_EQ(report.xruns, 0) << "xruns of the sink's device";
     EXPECT_EQ(report.underruns, 0) << "the sink ran dry";
 
-    std::size_t frames = capture.recorded.load();
-    const std::vector<float>& left = capture.samples[0];
-    std::size_t lead = 0;
-    while (lead < frames && left[lead] == 0 && capture.samples[1][lead] == 0) ++lead;
+    std::size_t frames = capture.recorded.load(), lead = 0;
+    while (lead < frames && capture.samples[0][lead] == 0 && capture.samples[1][lead] == 0) ++lead;
     std::uint64_t sourceFrames = host.filled / frameBytes;
     ASSERT_GT(sourceFrames, std::uint64_t(seconds) * 48000 * 9 / 10);
     ASSERT_GE(frames, lead + sourceFrames) << "the source came out short";
@@ -246,8 +218,7 @@ TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
 // the host's stream going meanwhile, joins the new server by itself, and
 // plays the stream on from where it stands, in order.
 TEST(DeviceSinkLoss, TheServerGoingAndComingBackIsToldAndTheStreamPlaysOn) {
-    JackServer server("velmora-test-" + std::to_string(getpid()) + "-loss");
-    ASSERT_EQ(setenv("JACK_DEFAULT_SERVER", server.name.c_str(), 1), 0);
+    JackServer server("loss");
     auto first = std::make_unique<Capture>(server.name, 1);
     ASSERT_NE(first->client, nullptr) << "jackd -d dummy did not start";
     std::vector<std::string> options = TargetProcess::anyPorts();
@@ -314,24 +285,13 @@ TEST(DeviceSinkLoss, TheServerGoingAndComingBackIsToldAndTheStreamPlaysOn) {
     EXPECT_LE(gaps, missed) << "the sink ran dry after the server came back";
 }
 
-// What velmora-target prints and returns for a set of options, its ports
-// left to the system.
-std::pair<int, std::string> runTarget(const std::string& options) {
-    // A program that took them would run on: 10 s ends it.
-    std::string command = "timeout 10 " + toolPath +
-                          " --control-port 0 --registration-port 0 --log-port 0 --syslog-port 0 " + options +
-                          " 2>&1 </dev/null";
-    std::FILE* pipe = popen(command.c_str(), "r");
-    std::string printed;
-    char line[512];
-    while (pipe != nullptr && std::fgets(line, sizeof line, pipe) != nullptr) printed += line;
-    int status = pipe != nullptr ? pclose(pipe) : -1;
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, printed};
-}
-
 TEST(DeviceSinkOptions, ChoicesADeviceCantHonourAreRefusedWithTheReason) {
-    JackServer server("velmora-test-" + std::to_string(getpid()) + "-options");
-    ASSERT_EQ(setenv("JACK_DEFAULT_SERVER", server.name.c_str(), 1), 0);
+    JackServer server("options");
+    // A program that took the options would run on: 10 s ends it.
+    auto runTarget = [](const std::string& options) {
+        return runCommand("timeout 10 " + toolPath +
+                          " --control-port 0 --registration-port 0 --log-port 0 --syslog-port 0 " + options);
+    };
     Capture waitForServer(server.name, 1);
     ASSERT_NE(waitForServer.client, nullptr) << "jackd -d dummy did not start";
     const std::pair<const char*, const char*> cases[] = {

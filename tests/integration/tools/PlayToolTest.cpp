@@ -2,13 +2,8 @@
 // in process, and the programs as a user runs them against the driver
 // library and velmora-target on the loopback address.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdio.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -16,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "../TargetProcess.h"
 #include "Compare.h"
 #include "HostSource.h"
 #include "Network/Socket.h"
@@ -57,13 +53,9 @@ std::vector<std::uint8_t> channelBytes(const HostSource& source, unsigned channe
 }
 
 TEST(PlaySource, IntegerSamplesKeepTheirValueInAWiderType) {
-    TempDir dir;
-    std::string error;
-    ASSERT_TRUE(writeWav(dir.path + "/in.wav", stereo16({0x1234, -2, -32768, 32767}), error)) << error;
-    WavData wav;
-    ASSERT_TRUE(readWav(dir.path + "/in.wav", wav, error)) << error;
     HostSource source;
-    ASSERT_TRUE(source.fromWav(wav, ASIOSTInt24LSB, 2, error)) << error;
+    std::string error;
+    ASSERT_TRUE(source.fromWav(stereo16({0x1234, -2, -32768, 32767}), ASIOSTInt24LSB, 2, error)) << error;
     EXPECT_EQ(channelBytes(source, 0), (std::vector<std::uint8_t>{0, 0x34, 0x12, 0, 0x00, 0x80}));
     EXPECT_EQ(channelBytes(source, 1), (std::vector<std::uint8_t>{0, 0xFE, 0xFF, 0, 0xFF, 0x7F}));
     // Past the end comes silence.
@@ -90,26 +82,6 @@ TEST(PlaySource, FloatInputIsRoundedAndClampedForIntegerOutputs) {
               (std::vector<std::uint8_t>{0xFF, 0x7F, 0x00, 0x80, 0x00, 0x40, 0x00, 0xE0}));
 }
 
-TEST(PlaySource, GivenFileInterleavesTheChannelsAndEndsInSilence) {
-    TempDir dir;
-    HostSource source;
-    std::string error;
-    ASSERT_TRUE(source.makeSignal({SignalSpec::noise, 0}, ASIOSTInt32LSB, 2, 48000, 8, error)) << error;
-    // Ten frames were given: the eight of the source and two of silence.
-    ASSERT_TRUE(source.writeGiven(dir.path + "/given.wav", 40, 48000, error)) << error;
-    WavData given;
-    ASSERT_TRUE(readWav(dir.path + "/given.wav", given, error)) << error;
-    ASSERT_EQ(given.frames(), 10u);
-    EXPECT_EQ(given.bits, 32);
-    std::vector<std::uint8_t> left = channelBytes(source, 0), right = channelBytes(source, 1);
-    for (int frame = 0; frame < 8; ++frame) {
-        EXPECT_EQ(std::memcmp(given.data.data() + frame * 8, left.data() + frame * 4, 4), 0) << frame;
-        EXPECT_EQ(std::memcmp(given.data.data() + frame * 8 + 4, right.data() + frame * 4, 4), 0) << frame;
-    }
-    EXPECT_EQ(given.sample(8, 0), 0.0);
-    EXPECT_EQ(given.sample(9, 1), 0.0);
-}
-
 TEST(PlaySource, DsdBitOrdersAreMirrorImages) {
     HostSource lsb, msb;
     std::string error;
@@ -132,28 +104,22 @@ TEST(PlaySource, DsdBitOrdersAreMirrorImages) {
     EXPECT_EQ(idle, 0x69);
 }
 
-TEST(PlayCompare, MatchesAfterLeadsOfDifferentLength) {
+TEST(PlayCompare, MatchesAfterLeadsAndFindsADifferenceAShortSinkAndAnotherFormat) {
     WavData given = stereo16({0, 0, 5, -5, 7, 8, 0, 0});
-    WavData sink = stereo16({0, 0, 0, 0, 0, 0, 5, -5, 7, 8});
-    Comparison result = compareWav(given, sink);
+    Comparison result = compareWav(given, stereo16({0, 0, 0, 0, 0, 0, 5, -5, 7, 8}));
     EXPECT_TRUE(result.exact) << result.text();
     EXPECT_EQ(result.givenLead, 1u);
     EXPECT_EQ(result.sinkLead, 3u);
     EXPECT_EQ(result.text().substr(0, 15), "bit-exact: yes ");
-}
 
-TEST(PlayCompare, FindsADifferenceAShortSinkAndAnotherFormat) {
-    WavData given = stereo16({1, 2, 3, 4, 5, 6});
+    given = stereo16({1, 2, 3, 4, 5, 6});
     Comparison changed = compareWav(given, stereo16({1, 2, 3, 5, 5, 6}));
     EXPECT_FALSE(changed.exact);
     EXPECT_TRUE(changed.differs);
     EXPECT_EQ(changed.firstDifference, 1u);
-
     Comparison shortSink = compareWav(given, stereo16({0, 0, 1, 2, 3, 4}));
-    EXPECT_FALSE(shortSink.exact);
-    EXPECT_FALSE(shortSink.differs);
+    EXPECT_FALSE(shortSink.exact || shortSink.differs);
     EXPECT_NE(shortSink.text().find("only 2 of 3 frames"), std::string::npos) << shortSink.text();
-
     WavData wider = given;
     wider.bits = 32;
     wider.channels = 1;
@@ -161,9 +127,8 @@ TEST(PlayCompare, FindsADifferenceAShortSinkAndAnotherFormat) {
     EXPECT_FALSE(compareWav(stereo16({0, 0}), stereo16({0, 0})).exact) << "silence proves nothing";
 }
 
-// DSD goes out in 32-bit words per channel: the given file has them so, under
-// the header a sink writes, and matches the sink's file after its idle
-// pattern; the fingerprint of what was handed over is the sink's.
+// DSD goes out in 32-bit words per channel: the given file matches the sink's
+// after its idle pattern, and so does the fingerprint of what was handed over.
 TEST(PlayCompare, DsdGivenMatchesTheSinksFileAfterItsIdlePattern) {
     TempDir dir;
     HostSource source;
@@ -175,9 +140,8 @@ TEST(PlayCompare, DsdGivenMatchesTheSinksFileAfterItsIdlePattern) {
     WavData given, received;
     ASSERT_TRUE(readWav(dir.path + "/given.wav", given, error)) << error;
     std::vector<std::uint8_t> left = channelBytes(source, 0), right = channelBytes(source, 1);
-    EXPECT_EQ(std::memcmp(given.data.data(), left.data(), 4), 0);
-    EXPECT_EQ(std::memcmp(given.data.data() + 4, right.data(), 4), 0);
-    EXPECT_EQ(std::memcmp(given.data.data() + 8, left.data() + 4, 4), 0);
+    const std::uint8_t* words[] = {left.data(), right.data(), left.data() + 4};
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(std::memcmp(given.data.data() + 4 * i, words[i], 4), 0) << i;
 
     VELMORA::WavWriter sink;
     std::vector<std::uint8_t> idle(24, 0x69);
@@ -196,8 +160,7 @@ TEST(PlayCompare, DsdGivenMatchesTheSinksFileAfterItsIdlePattern) {
     EXPECT_EQ(handed.lead(), 0u);
     EXPECT_EQ(arrived.lead(), 24u);
     EXPECT_EQ(handed.length(), 2 * perChannel) << "the idle tail isn't the source's";
-    ASSERT_EQ(handed.checkpoints().size(), 1u);
-    ASSERT_EQ(arrived.checkpoints().size(), 1u);
+    ASSERT_TRUE(handed.checkpoints().size() == 1 && arrived.checkpoints().size() == 1);
     EXPECT_EQ(handed.checkpoints()[0].hash, arrived.checkpoints()[0].hash);
 
     received.data[100] ^= 1;
@@ -223,67 +186,12 @@ TEST(PlayOptionsTest, ContradictionsAreRefused) {
 
 // ---- The programs --------------------------------------------------------
 
-struct Outcome {
-    int code = -1;
-    std::string output;
-};
-
-Outcome runProgram(const std::string& command) {
-    Outcome outcome;
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) return outcome;
-    char buffer[4096];
-    std::size_t got = 0;
-    while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) outcome.output.append(buffer, got);
-    int status = pclose(pipe);
-    outcome.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return outcome;
-}
-
 std::string readFile(const std::string& path) {
     std::ifstream file(path);
     std::stringstream text;
     text << file.rdbuf();
     return text.str();
 }
-
-// A program in the background until the object ends; ready once its output
-// holds `readyText`.
-class Background {
-  public:
-    Background(const std::vector<std::string>& arguments, const std::string& outputPath,
-               const std::string& readyText) {
-        pid = fork();
-        if (pid == 0) {
-            FILE* out = fopen(outputPath.c_str(), "w");
-            dup2(fileno(out), STDOUT_FILENO);
-            dup2(fileno(out), STDERR_FILENO);
-            std::vector<char*> argv;
-            for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        for (int tries = 0; tries < 200 && !ready; ++tries) {
-            usleep(25000);
-            ready = readFile(outputPath).find(readyText) != std::string::npos;
-        }
-    }
-    // Ends the program as a user's Ctrl-C would; true if it exited cleanly.
-    bool end() {
-        if (pid <= 0) return false;
-        kill(pid, SIGTERM);
-        int status = 0;
-        waitpid(pid, &status, 0);
-        pid = -1;
-        return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    }
-    ~Background() { end(); }
-    bool ready = false;
-
-  private:
-    pid_t pid = -1;
-};
 
 std::string settingsFolder(const TempDir& dir) {
     std::string folder = dir.path + "/config/KESTRANE Velmora";
@@ -292,63 +200,60 @@ std::string settingsFolder(const TempDir& dir) {
     return dir.path + "/config";
 }
 
-TEST(PlayTool, WithoutATargetTheDriversErrorTextIsReported) {
+TEST(PlayTool, ErrorsExitWithTheirCodeAndSayWhy) {
     TempDir dir;
-    std::string config = settingsFolder(dir);
-    Outcome outcome = runProgram(playPath + " --driver " + driverPath + " --settings " + config + " --json " +
-                                 dir.path + "/report.json");
-    EXPECT_EQ(outcome.code, 4) << outcome.output;
-    EXPECT_NE(outcome.output.find("error text   Velmora"), std::string::npos) << outcome.output;
+    std::string withDriver = playPath + " --driver " + driverPath + " --settings ";
+    const struct {
+        std::string command;
+        int code;
+        const char* text;
+    } cases[] = {
+        {playPath + " --driver " + dir.path + "/none.so", 3, "can't load the driver"},
+        {withDriver + dir.path, 2, "no \"KESTRANE Velmora/setting.inf\""},
+        // No target runs: the driver's own error text is reported.
+        {withDriver + settingsFolder(dir) + " --json " + dir.path + "/report.json", 4,
+         "error text   Velmora"},
+    };
+    for (const auto& c : cases) {
+        auto [code, output] = runCommand(c.command);
+        EXPECT_EQ(code, c.code) << c.command << "\n" << output;
+        EXPECT_NE(output.find(c.text), std::string::npos) << c.command << "\n" << output;
+    }
     std::string json = readFile(dir.path + "/report.json");
     // Every call with its duration, the release too.
     EXPECT_NE(json.find("\"calls\":[{\"call\":\"init\",\"result\":0,\"ms\":"), std::string::npos) << json;
     EXPECT_NE(json.find("{\"call\":\"release\",\"result\":0,\"ms\":"), std::string::npos) << json;
-    EXPECT_NE(outcome.output.find("init=false ("), std::string::npos) << outcome.output;
     EXPECT_NE(json.find("\"exitCode\":4"), std::string::npos) << json;
-}
-
-TEST(PlayTool, AMissingDriverOrSettingsFolderIsAClearError) {
-    TempDir dir;
-    Outcome noDriver = runProgram(playPath + " --driver " + dir.path + "/none.so");
-    EXPECT_EQ(noDriver.code, 3);
-    EXPECT_NE(noDriver.output.find("can't load the driver"), std::string::npos) << noDriver.output;
-    Outcome noSettings = runProgram(playPath + " --driver " + driverPath + " --settings " + dir.path);
-    EXPECT_EQ(noSettings.code, 2);
-    EXPECT_NE(noSettings.output.find("no \"KESTRANE Velmora/setting.inf\""), std::string::npos)
-        << noSettings.output;
 }
 
 // The whole host's order against a target whose sink writes what it
 // receives: the sink's file holds exactly what the driver was given.
 TEST(PlayTool, PlaysToTheSinkBitForBit) {
     TempDir dir;
-    Background target({targetPath, "--loopback", "--name", "Desk", "--sink", "1,0,Main out", "--wav",
-                       dir.path + "/sink.wav"},
-                      dir.path + "/target.out", "sink 1:");
-    ASSERT_TRUE(target.ready) << readFile(dir.path + "/target.out");
-    std::string config = settingsFolder(dir);
-    Outcome play = runProgram(playPath + " --driver " + driverPath + " --settings " + config +
-                              " --signal noise --seconds 1 --buffer 256 --given " + dir.path +
-                              "/given.wav --json " + dir.path + "/report.json");
-    ASSERT_TRUE(target.end());
-    ASSERT_EQ(play.code, 0) << play.output;
-    EXPECT_NE(play.output.find("\"Desk"), std::string::npos) << play.output;
+    TargetProcess target(targetPath, {"--loopback", "--name", "Desk", "--sink", "1,0,Main out", "--wav",
+                                      dir.path + "/sink.wav"});
+    ASSERT_TRUE(target.ready()) << target.printed;
+    auto [code, output] =
+        runCommand(playPath + " --driver " + driverPath + " --settings " + settingsFolder(dir) +
+                   " --signal noise --seconds 1 --buffer 256 --given " + dir.path + "/given.wav --json " +
+                   dir.path + "/report.json");
+    ASSERT_EQ(target.stop(), 0) << target.printed;
+    ASSERT_EQ(code, 0) << output;
+    EXPECT_NE(output.find("\"Desk"), std::string::npos) << output;
     std::string json = readFile(dir.path + "/report.json");
     // Every callback moved the position by one buffer and switched halves.
     EXPECT_NE(json.find("\"positionJumps\":0,\"indexRepeats\":0"), std::string::npos) << json;
     EXPECT_NE(json.find("\"timeline\":[[0,"), std::string::npos) << json;
-    Outcome compare =
-        runProgram(playPath + " --compare " + dir.path + "/given.wav " + dir.path + "/sink.wav");
-    EXPECT_EQ(compare.code, 0) << compare.output << play.output;
+    auto compare = runCommand(playPath + " --compare " + dir.path + "/given.wav " + dir.path + "/sink.wav");
+    EXPECT_EQ(compare.first, 0) << compare.second << output;
 }
 
 TEST(LogTool, PrintsTheDriversLinesReadably) {
     TempDir dir;
-    Background log({logPath, "--port", "0", "--file", dir.path + "/lines"}, dir.path + "/out", "listening");
-    ASSERT_TRUE(log.ready) << readFile(dir.path + "/out");
+    TargetProcess log(logPath, {"--port", "0", "--file", dir.path + "/lines"}, true, "listening on [::1]:");
     unsigned port = 0;
-    std::string out = readFile(dir.path + "/out");
-    ASSERT_EQ(std::sscanf(out.c_str() + out.find("]:") + 2, "%u", &port), 1) << out;
+    ASSERT_EQ(std::sscanf(log.readyLine.c_str(), "velmora-log: listening on [::1]:%u", &port), 1)
+        << log.printed;
     NORVA::UDPV6 sender;
     ASSERT_TRUE(sender.open(NORVA::Socket::udp6));
     std::string line = "<131>Nov 23 08:54:46 localhost Velmora get info err";
@@ -359,7 +264,7 @@ TEST(LogTool, PrintsTheDriversLinesReadably) {
         usleep(20000);
         lines = readFile(dir.path + "/lines");
     }
-    EXPECT_TRUE(log.end());
+    EXPECT_EQ(log.stop(), 0) << "a user's Ctrl-C ends it cleanly";
     EXPECT_EQ(lines, "Nov 23 08:54:46 error Velmora get info err\n");
 }
 

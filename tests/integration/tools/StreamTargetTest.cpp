@@ -9,13 +9,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "../StreamHost.h"
@@ -45,22 +41,12 @@ constexpr std::uint32_t ringSlots = 8;
 constexpr std::uint32_t slotFrames = 192;  // 4 ms
 constexpr double centreFrames = 48 * latencyUnits / 10 * 3 / 4.0;
 constexpr double settledMs = 1000;
-// The sanitizers slow the stream worker several-fold, so that it misses
-// cycles and can't send at the rate its correction asks for: there the rate
-// the correction settles at says nothing about the product.
+// Under the sanitizers the worker misses cycles: its correction's rate says nothing there.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool workerKeepsTime = false;
 #else
 constexpr bool workerKeepsTime = true;
 #endif
-
-// The samples of the sink's WAV file, read as velmora-play reads it.
-std::vector<std::uint8_t> wavData(const std::string& path) {
-    WavData wav;
-    std::string error;
-    EXPECT_TRUE(readWav(path, wav, error)) << error;
-    return wav.data;
-}
 
 struct Case {
     const char* name;
@@ -79,30 +65,13 @@ class StreamToTarget : public ::testing::TestWithParam<Case> {
     };
     std::vector<Adjust> adjusts;  // every 10 ms of play
 
-    // Sets the stream up as the driver's start does, plays for the run's
-    // length, lets the ring play out and ends the stream.
-    void stream(TargetProcess& target) {
-        ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
-        if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
-        StreamHost::start(host, target.sinkPort, stereoS32At48k, latencyUnits, slotFrames, ringSlots);
-        if (HasFatalFailure()) return;
-        auto begin = std::chrono::steady_clock::now();
-        auto end = begin + std::chrono::seconds(seconds);
-        while (std::chrono::steady_clock::now() < end && host.connectState == Sync::connected) {
-            NORVA::sleepMilliseconds(10);
-            std::chrono::duration<double, std::milli> ms = std::chrono::steady_clock::now() - begin;
-            adjusts.push_back({ms.count(), host.timing.adjust.load()});
-        }
-        finish(host);
-        if (HasFatalFailure()) return;
-        EXPECT_EQ(target.stop(), 0) << target.printed;
-    }
-
-    // Where the host's ring ran dry the worker sent 10 ms of silence in its
-    // place (timing.ringDry): the machine held the buffer worker back. The
-    // source must run on unbroken around each such silence.
+    // Where the host's ring ran dry (the machine held the buffer worker back)
+    // the worker sent 10 ms of silence: the source runs on around each.
     void expectSourceBitForBit() {
-        std::vector<std::uint8_t> stream = wavData(wav.path);
+        WavData file;  // read as velmora-play reads it
+        std::string error;
+        EXPECT_TRUE(readWav(wav.path, file, error)) << error;
+        const std::vector<std::uint8_t>& stream = file.data;
         std::size_t lead = 0;
         while (lead < stream.size() && stream[lead] == 0) ++lead;
         EXPECT_EQ(lead % frameBytes, 0u);
@@ -128,8 +97,7 @@ class StreamToTarget : public ::testing::TestWithParam<Case> {
         })) << "after the source, silence";
     }
 
-    // The correction's mean once the first second has settled it, each
-    // value weighted by the time it stood.
+    // The correction's mean after the first second, weighted by the time each value stood.
     double meanAdjust() const {
         double sum = 0, span = 0;
         for (std::size_t i = 1; i < adjusts.size(); ++i) {
@@ -152,18 +120,13 @@ class StreamToTarget : public ::testing::TestWithParam<Case> {
 
     // Keeps the figures of the run with the test's result.
     void record(const SinkReport& report) {
-        std::int32_t least = 0, greatest = 0;
-        for (auto [ms, q14] : report.deviation) {
-            least = std::min(least, q14);
-            greatest = std::max(greatest, q14);
-        }
-        std::int32_t final = report.deviation.empty() ? 0 : report.deviation.back().second;
+        auto [least, greatest] = std::minmax_element(report.deviation.begin(), report.deviation.end(),
+                                                     [](auto a, auto b) { return a.second < b.second; });
         std::printf(
-            "%s: deviation Q14 min %d max %d final %d, underruns %.0f, resends %.0f (host %u), dropped %.0f, "
-            "adjust mean "
-            "%.1f, "
-            "lateness us median %u p99 %u latest %u, over time %u of %u cycles, ring dry %u\n",
-            GetParam().name, least, greatest, final, report.underruns, report.resends,
+            "%s: deviation Q14 %d..%d, underruns %.0f, resends %.0f (host %u), dropped %.0f, adjust mean "
+            "%.1f, lateness us median %u p99 %u latest %u, over time %u of %u cycles, ring dry %u\n",
+            GetParam().name, report.deviation.empty() ? 0 : least->second,
+            report.deviation.empty() ? 0 : greatest->second, report.underruns, report.resends,
             host.timing.resendRequests.load(), report.dropped, meanAdjust(), host.timing.latenessUsAt(0.5),
             host.timing.latenessUsAt(0.99), host.timing.latestUs.load(), host.timing.overTime.load(),
             host.timing.cycles.load(), host.timing.ringDry.load());
@@ -173,15 +136,26 @@ class StreamToTarget : public ::testing::TestWithParam<Case> {
 TEST_P(StreamToTarget, SourceArrivesWholeAndTheBufferStaysCentred) {
     const Case& run = GetParam();
     std::vector<std::string> options = TargetProcess::anyPorts();
-    char ppm[32], drop[32];
-    std::snprintf(ppm, sizeof ppm, "%g", run.ppm);
-    std::snprintf(drop, sizeof drop, "%g", run.drop);
     options.insert(options.end(),
                    {"--sink", "1,0,Main out", "--latency", std::to_string(latencyUnits), "--wav", wav.path,
-                    "--stats-json", json.path, "--ppm", ppm, "--drop", drop, "--log-level", "3"});
+                    "--stats-json", json.path, "--ppm", std::to_string(run.ppm), "--drop",
+                    std::to_string(run.drop), "--log-level", "3"});
     TargetProcess target(toolPath, options);
-    stream(target);
+    ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
+    if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
+    StreamHost::start(host, target.sinkPort, stereoS32At48k, latencyUnits, slotFrames, ringSlots);
     if (HasFatalFailure()) return;
+    // The correction every 10 ms of the run's length.
+    auto begin = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() < begin + std::chrono::seconds(seconds) &&
+           host.connectState == Sync::connected) {
+        NORVA::sleepMilliseconds(10);
+        std::chrono::duration<double, std::milli> ms = std::chrono::steady_clock::now() - begin;
+        adjusts.push_back({ms.count(), host.timing.adjust.load()});
+    }
+    finish(host);
+    if (HasFatalFailure()) return;
+    EXPECT_EQ(target.stop(), 0) << target.printed;
 
     SinkReport report(json.path);
     record(report);

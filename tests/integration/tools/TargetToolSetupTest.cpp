@@ -1,12 +1,7 @@
 // The host's stream set-up against the velmora-target program, as a user
 // runs it: the sink offers what its command line says.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdio.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -20,28 +15,27 @@ using namespace VELMORA;
 
 std::string toolPath;
 
-// velmora-target on ports of the system's choice, with one sink and the
-// test's options.
-TargetProcess startTarget(const std::vector<std::string>& sinkOptions) {
-    std::vector<std::string> options = TargetProcess::anyPorts();
-    options.insert(options.end(), {"--sink", "1,0,Main out"});
-    options.insert(options.end(), sinkOptions.begin(), sinkOptions.end());
-    return TargetProcess(toolPath, options);
-}
-
 class NoRingSync : public Sync {
   public:
     bool getBuffer(StreamChunk&) override { return false; }
 };
 
-TEST(TargetToolSetup, GetInfoReadsWhatTheSinkWasStartedWith) {
-    TargetProcess target = startTarget({"--pcm", "0x0C02:0x001E", "--latency", "45", "--data-req", "1400",
-                                        "--sink-cycle", "500,2000,2", "--modes", "0"});
-    ASSERT_NE(target.sinkPort, 0) << "velmora-target did not start its sink";
-
-    NoRingSync sync;
+// What the host's set-up reads from the sink of a velmora-target started with `sinkOptions`.
+void readSink(const std::vector<std::string>& sinkOptions, NoRingSync& sync) {
+    std::vector<std::string> options = TargetProcess::anyPorts();
+    options.insert(options.end(), {"--sink", "1,0,Main out"});
+    options.insert(options.end(), sinkOptions.begin(), sinkOptions.end());
+    TargetProcess target(toolPath, options);
+    ASSERT_NE(target.sinkPort, 0) << "velmora-target did not start its sink:\n" << target.printed;
     ASSERT_TRUE(sync.open(0, TimeValue::fromMs(100), 0, "studio", 0x4B45, -1, -1, 0));
     ASSERT_TRUE(sync.getInfo(NORVA::IPAddress::loopback(target.sinkPort), TimeValue(), false, 1500));
+}
+
+TEST(TargetToolSetup, GetInfoReadsWhatTheSinkWasStartedWith) {
+    NoRingSync sync;
+    ASSERT_NO_FATAL_FAILURE(readSink({"--pcm", "0x0C02:0x001E", "--latency", "45", "--data-req", "1400",
+                                      "--sink-cycle", "500,2000,2", "--modes", "0"},
+                                     sync));
     EXPECT_EQ(sync.format.sink.pcm, FormatID(0x0C02u, 0x001Eu));
     EXPECT_EQ(sync.latency, 45);
     EXPECT_EQ(sync.transfer.sink.min, 500);
@@ -51,11 +45,8 @@ TEST(TargetToolSetup, GetInfoReadsWhatTheSinkWasStartedWith) {
 }
 
 TEST(TargetToolSetup, SilentSinkKeepsTheDefaults) {
-    TargetProcess target = startTarget({"--silent-modes", "--silent-datasize"});
-    ASSERT_NE(target.sinkPort, 0);
     NoRingSync sync;
-    ASSERT_TRUE(sync.open(0, TimeValue::fromMs(100), 0, "studio", 0x4B45, -1, -1, 0));
-    ASSERT_TRUE(sync.getInfo(NORVA::IPAddress::loopback(target.sinkPort), TimeValue(), false, 1500));
+    ASSERT_NO_FATAL_FAILURE(readSink({"--silent-modes", "--silent-datasize"}, sync));
     EXPECT_EQ(sync.msMode, msModeNone);
     EXPECT_EQ(sync.maxPacketSize, 1432);
 }

@@ -64,22 +64,20 @@ TEST(IPAddressParse, GroupsAndGaps) {
     }
 }
 
+// The port wraps at 16 bits; the scope is never touched; the address is set
+// even when the port behind it is refused.
 TEST(IPAddressParse, V6PortNeedsTheComma) {
     IPAddress address;
     address.setPort(7);
     address.setScope(3);
     EXPECT_FALSE(address.parseV6Port("fe80::1"));
-    EXPECT_TRUE(address.isAny()) << "nothing changes without a comma";
-    EXPECT_EQ(address.port(), 7);
-    ASSERT_TRUE(address.parseV6Port("fe80::1,19642"));
-    EXPECT_EQ(address.port(), 19642);
-    EXPECT_EQ(address.scope(), 3u) << "the scope is not touched";
-    ASSERT_TRUE(address.parseV6Port("::1,"));
-    EXPECT_EQ(address.port(), 0);
-    ASSERT_TRUE(address.parseV6Port("::1,65537"));
-    EXPECT_EQ(address.port(), 1) << "the port wraps at 16 bits";
-    EXPECT_FALSE(address.parseV6Port("::2,12x"));
-    EXPECT_EQ(address.group(7), 2) << "the address is set even when the port is refused";
+    EXPECT_TRUE(address.isAny() && address.port() == 7) << "nothing changes without a comma";
+    const std::pair<const char*, int> ports[] = {{"fe80::1,19642", 19642}, {"::1,", 0}, {"::1,65537", 1}};
+    for (const auto& [text, port] : ports) {
+        ASSERT_TRUE(address.parseV6Port(text)) << text;
+        EXPECT_TRUE(address.port() == port && address.scope() == 3u) << text;
+    }
+    EXPECT_TRUE(!address.parseV6Port("::2,12x") && address.group(7) == 2);
     EXPECT_FALSE(address.parseV6Port("::g,1"));
 }
 
@@ -100,21 +98,10 @@ TEST(IPAddressParse, PersonTypedText) {
     }
 }
 
-TEST(IPAddressParse, DottedQuadWithPort) {
-    IPAddress address;
-    ASSERT_TRUE(address.parseV4Port("192.168.1.4,514"));
-    EXPECT_EQ(address.toStringPort(), "192.168.1.4,514");
-    ASSERT_TRUE(address.parseV4Port("10.0.0.1"));
-    EXPECT_EQ(address.port(), 0);
-    for (const char* text : {"256.1.1.1", "1.2.3", "1.2.3.4.5", "1..3.4", "1.2.3.4,70000"})
-        EXPECT_FALSE(address.parseV4Port(text)) << text;
-}
-
 TEST(IPAddressValue, TestsAndOrder) {
     EXPECT_EQ(IPAddress::multicast(0xff02, 19642).toStringPort(), "ff02::1,19642");
     EXPECT_FALSE(IPAddress::multicast(0xff02, 0).isLinkLocal());
-    EXPECT_TRUE(parsed("fe80::9").isLinkLocal());
-    EXPECT_FALSE(parsed("fe81::9").isLinkLocal()) << "fe80::/16, not /10";
+    EXPECT_TRUE(parsed("fe80::9").isLinkLocal() && !parsed("fe81::9").isLinkLocal()) << "fe80::/16, not /10";
     EXPECT_FALSE(IPAddress(0, 0, 0, 1, 0).isLoopback()) << "::ffff:0.0.0.1 is not ::1";
     EXPECT_FALSE(IPAddress::loopback(0).isAnyNoPort());
 
@@ -122,9 +109,7 @@ TEST(IPAddressValue, TestsAndOrder) {
     IPAddress a = IPAddress::loopback(1), b = IPAddress::loopback(1);
     a.setScope(1);
     b.setScope(2);
-    EXPECT_EQ(a.compare(b), -1);
-    EXPECT_EQ(b.compare(a), 1);
-    EXPECT_FALSE(a == b);
+    EXPECT_TRUE(a.compare(b) == -1 && b.compare(a) == 1 && !(a == b));
     EXPECT_EQ(IPAddress::loopback(1).compare(IPAddress::loopback(256)), -1);
     EXPECT_EQ(IPAddress::loopback(9).compare(parsed("::2")), -1);
 }

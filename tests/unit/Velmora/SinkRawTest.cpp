@@ -46,7 +46,6 @@ TEST(SinkRawFrames, ReadsWhatTheHostBuildsShortOrNot) {
         EXPECT_EQ(packet.sequence, (0x1234 + size) & 0x7F) << size;
         EXPECT_EQ(packet.wantsFeedback, size % 2 == 1) << size;
         expectBody(packet, size);
-
         // A link that pads a short frame to the Ethernet minimum changes nothing.
         if (frame.size() < 60) {
             frame.resize(60, 0xEE);
@@ -60,14 +59,12 @@ TEST(SinkRawFrames, FramesForAnotherStreamOrCutShortAreSkipped) {
     SinkPlayout::Packet packet;
     EXPECT_FALSE(read(hostFrame(100, 1, false, 0x88B6), packet)) << "ether type";
     EXPECT_FALSE(read(hostFrame(100, 1, false, 0x88B5, 0x02), packet)) << "link byte";
-
     std::vector<std::uint8_t> frame = hostFrame(100, 1, false);
     frame[11] ^= 1;
     EXPECT_FALSE(read(frame, packet)) << "another host";
     frame = hostFrame(100, 1, false);
     frame[5] ^= 1;
     EXPECT_FALSE(read(frame, packet)) << "another sink";
-
     frame = hostFrame(20, 1, false);
     frame.resize(16 + 8 + 19);
     EXPECT_FALSE(read(frame, packet)) << "a short frame without its whole body";
@@ -84,7 +81,6 @@ TEST(SinkRawFrames, ConnectNeedsTheHostsMacAndAnswersWithTheSinksLink) {
     std::memcpy(raw.socket.mac, sinkMac, 6);
     NORVA::IPAddress host;
     ASSERT_TRUE(host.parse("fe80::b%3,5000"));
-
     ConnectRequest request;
     request.msMode = msModeRawFrames;
     ConnectAnswer route;

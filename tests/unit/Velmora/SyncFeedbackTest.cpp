@@ -19,7 +19,6 @@ TEST(SyncFeedbackFilter, ProportionalAndDerivativeTermsAccumulateUpToTheClamp) {
     EXPECT_EQ(filter.add(8192), -1146) << "327 of the average, 819 of its change";
     EXPECT_EQ(filter.add(8192), -1473) << "no change: the average term alone";
     EXPECT_EQ(filter.add(8192), FeedbackFilter::adjustMin);
-
     FeedbackFilter rising(1);
     EXPECT_EQ(rising.add(-16384), FeedbackFilter::adjustMax);
 }

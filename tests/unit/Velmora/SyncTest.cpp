@@ -41,7 +41,6 @@ class TestSync : public Sync {
   public:
     std::mutex statesMutex;
     std::vector<std::int32_t> states;
-
     ~TestSync() override { joinWorker(); }
     bool getBuffer(StreamChunk&) override { return false; }
     void onStateChange() override {
@@ -53,11 +52,9 @@ class TestSync : public Sync {
 class SyncSetup : public ::testing::Test {
   protected:
     TestSync sync;
-
     void SetUp() override {
         ASSERT_TRUE(sync.open(0, TimeValue::fromMs(100), 0, "studio", 0x4B45, -1, -1, 0));
     }
-
     bool getInfoFrom(StreamSink& sink, TimeValue latencyBuffer = TimeValue(), std::uint32_t mtu = 1500) {
         return sync.getInfo(sink.address(), latencyBuffer, false, mtu);
     }
@@ -67,7 +64,6 @@ TEST_F(SyncSetup, GetInfoReadsWhatTheSinkOffers) {
     StreamSink sink(sinkConfig());
     ASSERT_TRUE(sink.start());
     ASSERT_TRUE(getInfoFrom(sink));
-
     EXPECT_EQ(sync.format.sink.pcm, sinkPcm);
     EXPECT_EQ(sync.format.sink.dsdLsb, sinkDsdLsb);
     EXPECT_EQ(sync.format.sink.dsdMsb, FormatID());
@@ -192,7 +188,6 @@ TEST_F(SyncSetup, NoProbeFlagKeeps1500) {
 class SyncConnect : public SyncSetup {
   protected:
     StreamSink sink{sinkConfig()};
-
     void SetUp() override {
         SyncSetup::SetUp();
         ASSERT_TRUE(sink.start());

@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <random>
 
 #include "Format/FormatID.h"
-#include "LogCapture.h"
 #include "Network/TimeValue.h"
 #include "Stream/TransferConfig.h"
 #include "TestFormats.h"
@@ -107,7 +105,6 @@ TEST(PlanAuto, FewestPacketsThatReachTheCycle) {
     ASSERT_TRUE(fast.planFixAuto(us(1000000)));
     EXPECT_EQ(fast.packetCount, 64);
     EXPECT_LT(fast.cycle, us(11000));
-
     EXPECT_FALSE(planner(stereoS32At48k, 0, 0xFFFF).planFixAuto(us(1000)));
     EXPECT_FALSE(planner(stereoS32At48k, 0, 0xFFFF).planVarAuto(us(1000)));
     // In 100-byte packets: more packets a second than the pool holds.
@@ -205,30 +202,24 @@ TEST(SinkCycle, TriangoloIsDecidedByTheAnswer) {
 TEST(PlanProfile, TriangoloAndItsFallBacksToTheSinkCycle) {
     {
         TransferConfig transfer = profilePlanner(333, 0, 0x20);
-        LogCapture log;
         ASSERT_TRUE(transfer.planProfile());
         EXPECT_EQ(transfer.cycle.raw(), 3333333333u);
         expectPlan(transfer, transfer.cycle.toUs(), 1, 1280, 160u << 14);
         EXPECT_EQ(transfer.mode, VELMORA::transferSinkCycle);
-        EXPECT_TRUE(log.has("PROFILE done Triangolo"));
     }
     {
         // 1176 bytes a share, halved to 588: not whole frames. Over two
         // packets, parts of 73 frames are shorter than 3.33 ms: a third is added.
         TransferConfig transfer = profilePlanner(333, 0, 0x20, stereo32At44k);
         transfer.packDataSize = 1000;
-        LogCapture log;
         ASSERT_TRUE(transfer.planProfile());
-        EXPECT_TRUE(log.has("PROFILE done SinkCycle"));
         EXPECT_EQ(transfer.fixedSize, 584u);
         EXPECT_EQ(transfer.packetCount, 3);
         EXPECT_EQ(transfer.cycle.raw(), 3u * 584u * 1000000000000ull / 352800u);
     }
     {
         TransferConfig transfer = profilePlanner(333, 0, 0x20, FormatID(0x802u, 0x0009u));  // 8000 x 1
-        LogCapture log;
         ASSERT_TRUE(transfer.planProfile());
-        EXPECT_TRUE(log.has("TriangoloMode base rate talt"));
         EXPECT_EQ(transfer.fixedSize, 216u);  // 8000 x 8 x 3.33 ms, up to whole frames
     }
     TransferConfig noFrames = profilePlanner(500, 0, 0x20);
@@ -276,7 +267,6 @@ TEST(PlanProfileAuto, FallsBackToTheHostLimit) {
     EXPECT_EQ(transfer.cycle.toUs(), 450u);
     EXPECT_EQ(transfer.mode, VELMORA::transferFix);
     EXPECT_EQ(transfer.packDataCount, 10);
-
     TransferConfig sinkCycle = profilePlanner(500, 0, 0x20);
     sinkCycle.sink.frameMax = 0;
     ASSERT_TRUE(sinkCycle.planProfileAuto(TimeValue()));
@@ -293,49 +283,4 @@ TEST(ConfigTransfer, FastAndSlowProfiles) {
     EXPECT_EQ(profiles[1].packetCount, 2);
     EXPECT_FALSE(transfer.fragmentRetry);
     EXPECT_EQ(transfer.limitCycle, us(5000));
-}
-
-// Any answer a sink can give, on any path, ends in a runnable profile or a
-// refusal.
-TEST(PlannerProperty, EveryInputEndsRunnableOrRefused) {
-    const std::uint32_t forms[] = {0x100, 0x200, 0x400, 0x800, 0x1000, 0x2000, 0x4000};
-    const std::uint32_t channels[] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20};
-    const std::uint16_t sizes[] = {0, 7, 100, 1432, 1451, 8936, 8998};
-    const std::uint16_t counts[] = {0, 1, 10, 64, 65, 300, 0xFFFF};
-    std::mt19937 random(20240605);
-    auto pick = [&](std::uint32_t bound) { return static_cast<std::uint32_t>(random() % bound); };
-
-    for (int round = 0; round < 400; ++round) {
-        FormatID format(forms[pick(7)] | channels[pick(6)], (1u << pick(3)) | (0x8u << pick(6)));
-        if (pick(8) == 0) format = FormatID(0x2510002u, 0x0202u << pick(3));
-        TransferConfig transfer;
-        transfer.sink.setAnswer(static_cast<std::uint16_t>(pick(4) == 0 ? random() : pick(2000)),
-                                static_cast<std::uint16_t>(pick(4) == 0 ? random() : pick(5000)),
-                                static_cast<std::uint16_t>(pick(0x40)));
-        transfer.sink.baseMin = pick(8) == 0 ? 0xFFFFFFFFu : pick(300);
-        transfer.sink.frameMax = pick(130);
-        StreamPath path{format, sizes[pick(7)], counts[pick(7)]};
-        TimeValue limit = us(pick(4) == 0 ? pick(200000) : 100 + pick(3000));
-        TimeValue hint = pick(2) == 0 ? TimeValue() : us(pick(20000));
-        SCOPED_TRACE(testing::Message() << "round " << round);
-
-        transfer.setInputs(path, limit);
-        if (transfer.planProfileAuto(hint)) {
-            EXPECT_TRUE(transfer.isRunnable(1));
-            EXPECT_LE(transfer.fixedSize, path.maxPacketSize);
-            EXPECT_NE(transfer.mode, VELMORA::transferRandom);
-        }
-        EXPECT_EQ(transfer.packDataCount, path.maxPacketCount);
-        EXPECT_FALSE(transfer.fragmentRetry);
-
-        transfer.setInputs(path, limit);
-        TimeValue wanted = us(pick(30000));
-        std::int32_t count = static_cast<std::int32_t>(pick(70));
-        auto runnableIfPlanned = [&](bool planned) { return !planned || transfer.isRunnable(1); };
-        EXPECT_TRUE(runnableIfPlanned(transfer.planFixAuto(wanted))) << "FixAuto";
-        EXPECT_TRUE(runnableIfPlanned(transfer.planVarAuto(wanted))) << "VarAuto";
-        EXPECT_TRUE(runnableIfPlanned(transfer.planFix(count, wanted))) << "Fix";
-        EXPECT_TRUE(runnableIfPlanned(transfer.planVar(count, wanted))) << "Var";
-        EXPECT_TRUE(runnableIfPlanned(transfer.planMax())) << "Max";
-    }
 }

@@ -11,8 +11,6 @@
 #include "../Velmora/LogCapture.h"
 #include "DriverEnvironment.h"
 #include "LoopbackTarget.h"
-#include "Network/Interfaces.h"
-#include "platform/DriverPlatform.h"
 
 namespace {
 
@@ -56,29 +54,6 @@ class Driver : public DriverEnvironment {
     }
 };
 
-TEST(ProductId, BrandWordLowByteFirst) {
-    EXPECT_EQ(AsioVelmora::productId, 0x454E41525453454Bu);  // "KESTRANE" read backwards
-    EXPECT_EQ(makeProductId("SHORT"), ~std::uint64_t(0));
-}
-
-TEST_F(Driver, FilesLieInTheUsersAndTheLibrarysFolders) {
-    const bool windows = DriverPlatform::pathSeparator == '\\';
-    if (!windows) user.write("KESTRANE Velmora/setting.inf", "CycleTime=2500\nPCMRequest=CovertS32\n");
-    AsioVelmora driver(nullptr, nullptr);
-    std::string directory = DriverPlatform::libraryDirectory();
-    ASSERT_FALSE(directory.empty());
-    EXPECT_EQ(directory.back(), DriverPlatform::pathSeparator);
-    // The test program holds the driver's code, so its folder is the library's.
-    EXPECT_TRUE(std::filesystem::exists(directory + (windows ? "driver_unit.exe" : "driver_unit")));
-    EXPECT_EQ(driver.configToolPath, directory + "velmora_asio_configura.exe");
-    EXPECT_EQ(driver.referencePath, directory + "setting_org.inf");
-    EXPECT_TRUE(std::filesystem::is_directory(DriverPlatform::userDataFolder()));
-    if (windows) return;
-    EXPECT_EQ(driver.settingPath, user.file("KESTRANE Velmora/setting.inf"));
-    EXPECT_EQ(driver.settings.cycleTime, NORVA::TimeValue::fromUs(2500));
-    EXPECT_TRUE(driver.settings.covertS32);
-}
-
 TEST_F(Driver, TextsAreCutToTheHostsBuffers) {
     AsioVelmora driver(nullptr, nullptr);
     char name[32];
@@ -99,43 +74,43 @@ TEST_F(Driver, TextsAreCutToTheHostsBuffers) {
 }
 
 #if !(defined(_WIN32) && defined(__i386__))
-// A host compiled against another header reaches each operation only by its
-// slot number; where `this` is the first argument, slots are plain functions.
+// A host compiled against another header reaches each operation only by its slot number; where `this` is the
+// first argument, slots are plain functions.
+template <class Result, class... Arguments>
+Result callSlot(IASIO* object, int index, Arguments... arguments) {
+    void** table = *reinterpret_cast<void***>(object);
+    return reinterpret_cast<Result (*)(IASIO*, Arguments...)>(table[index])(object, arguments...);
+}
+
 TEST_F(Driver, SlotsInTheOrderHostsCallThem) {
     AsioVelmora driver(nullptr, nullptr);
     driver.driverName = "slot four";
     driver.initialised = true;
+    driver.channelCount = 6;
     std::strcpy(driver.errorText, "slot six");
     IASIO* host = &driver;
-    void** table = *reinterpret_cast<void***>(host);
-    auto slot = [&](int index, auto type) { return reinterpret_cast<decltype(type)>(table[index]); };
 
-    // Initialised: init only stores the handle.
-    int handle = 0;
-    EXPECT_EQ(slot(3, static_cast<ASIOBool (*)(IASIO*, void*)>(nullptr))(host, &handle), ASIOTrue);
+    int handle = 0;  // initialised: init only stores the handle
+    EXPECT_EQ(callSlot<ASIOBool>(host, 3, static_cast<void*>(&handle)), ASIOTrue);
     EXPECT_EQ(driver.sysHandle, &handle);
     char text[AsioVelmora::errorTextSize];
-    slot(4, static_cast<void (*)(IASIO*, char*)>(nullptr))(host, text);
+    callSlot<void>(host, 4, +text);
     EXPECT_STREQ(text, "slot four");
-    EXPECT_EQ(slot(5, static_cast<AsioLong (*)(IASIO*)>(nullptr))(host), 1);
-    slot(6, static_cast<void (*)(IASIO*, char*)>(nullptr))(host, text);
+    EXPECT_EQ(callSlot<AsioLong>(host, 5), 1);
+    callSlot<void>(host, 6, +text);
     EXPECT_STREQ(text, "slot six");
-    driver.channelCount = 6;
     AsioLong a = 7, b = 0;
-    EXPECT_EQ(slot(9, static_cast<ASIOError (*)(IASIO*, AsioLong*, AsioLong*)>(nullptr))(host, &a, &b),
-              ASE_OK);
+    EXPECT_EQ(callSlot<ASIOError>(host, 9, &a, &b), ASE_OK);
     EXPECT_EQ(a, 0);
     EXPECT_EQ(b, 6);
-    EXPECT_EQ(slot(21, static_cast<ASIOError (*)(IASIO*)>(nullptr))(host), ASE_NotPresent);
-    EXPECT_EQ(slot(22, static_cast<ASIOError (*)(IASIO*, AsioLong, void*)>(nullptr))(host, kAsioCanTimeInfo,
-                                                                                     nullptr),
+    EXPECT_EQ(callSlot<ASIOError>(host, 21), ASE_NotPresent);
+    EXPECT_EQ(callSlot<ASIOError>(host, 22, AsioLong(kAsioCanTimeInfo), static_cast<void*>(nullptr)),
               ASE_SUCCESS);
 }
 #endif
 
-// A target asked directly, its sink's outcome and a failure's text. A success
-// is final: init again does no network work. After a failure the same
-// object's next init starts over and reaches a good target, leaving the old text readable.
+// A target asked directly: a success is final (no network work again); after a failure the next init
+// starts over and reaches a good target, the old text still readable.
 TEST_F(Driver, InitAgainstSinksAndItsFailures) {
     const struct {
         const char* name;
@@ -198,29 +173,6 @@ TEST_F(Driver, InitFailsWhereNothingIsFound) {
     EXPECT_EQ(errorMessage(*noAddresses), "Velmora Find open err!");
 }
 
-// The target listens on every address of this machine. Through ::1 it is
-// passed over; a link address, where the machine has one, is the one to take.
-TEST_F(Driver, DiscoveryPassesOverThisMachinesLoopbackAddress) {
-    VELMORA::StreamSinkConfig everywhere = sinkOffering(sinkPcm);
-    everywhere.address = NORVA::IPAddress();
-    LoopbackTarget peer(everywhere);
-    ASSERT_TRUE(peer.opened);
-    auto driver = driverWith("InterLoopback=enable\n");
-    driver->targetControlPort = peer.control();
-    NORVA::InterfaceMap links;
-    ASSERT_TRUE(NORVA::getMyLocalAddresV6(links, false));
-    if (links.empty()) {
-        EXPECT_EQ(driver->init(nullptr), ASIOFalse);
-        EXPECT_EQ(errorMessage(*driver), "Velmora can not Find");
-        EXPECT_FALSE(peer.target->syncNames().empty()) << "found, asked, then passed over";
-        return;
-    }
-    ASSERT_EQ(driver->init(nullptr), ASIOTrue) << driver->errorText;
-    EXPECT_FALSE(driver->sync.targetAddress.isLoopback());
-    EXPECT_EQ(driver->sync.targetAddress.port(), peer.sink.port());
-    EXPECT_EQ(driver->driverName, "Studio(Out A)");
-}
-
 TEST(SampleFormat, RowsAndWidths) {
     // 32 wanted: float before 24-bit, since the host writes 32 bits anyway.
     EXPECT_EQ(chooseSampleFormat(0x2400, 32, false)->formatBit, 0x2000u);
@@ -239,8 +191,7 @@ TEST(SampleFormat, RowsAndWidths) {
 }
 
 #ifndef _WIN32
-// The configuration tool, a shell script here, rewrites the settings or not;
-// only changed settings lead to a new init.
+// The configuration tool, a shell script here: only changed settings lead to a new init.
 TEST_F(Driver, ControlPanelReinitialisesOnlyOnChangedSettings) {
     const struct {
         const char* name;

@@ -5,34 +5,24 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <optional>
-#include <string>
 
 #include "System/Log.h"
 #include "TempFolder.h"
 
 class DriverEnvironment : public ::testing::Test {
   protected:
-    void SetUp() override {
 #ifndef _WIN32
-        if (const char* old = std::getenv("XDG_CONFIG_HOME")) saved = old;
+    void SetUp() override {
         setenv("XDG_CONFIG_HOME", user.path.c_str(), 1);
-#endif
     }
+#endif
     void TearDown() override {
 #ifndef _WIN32
-        if (saved) {
-            setenv("XDG_CONFIG_HOME", saved->c_str(), 1);
-        } else {
-            unsetenv("XDG_CONFIG_HOME");
-        }
+        unsetenv("XDG_CONFIG_HOME");
 #endif
         NORVA::logThreshold.store(-1);
     }
 
     // Where the driver looks for "KESTRANE Velmora/setting.inf".
     TempFolder user;
-
-  private:
-    std::optional<std::string> saved;
 };

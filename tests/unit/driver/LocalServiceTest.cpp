@@ -3,12 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <functional>
-#include <mutex>
+#include <stop_token>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "Network/IPAddress.h"
@@ -22,8 +22,8 @@ using VELMORA::FrameHeader;
 namespace MessageType = VELMORA::MessageType;
 using Clock = std::chrono::steady_clock;
 
-// A service on a loopback port that records every frame and answers the n-th
-// (from 0) with the bytes `answer` gives, or not at all if they are empty.
+// A service on a loopback port that records every frame and answers the n-th (from 0) with the bytes
+// `answer` gives, or not at all if they are empty.
 class FakeService {
   public:
     using Answer = std::function<std::vector<std::uint8_t>(int index, const FrameHeader& request)>;
@@ -33,22 +33,22 @@ class FakeService {
         NORVA::IPAddress local = NORVA::IPAddress::loopback(0);
         EXPECT_TRUE(socket.bind(local));
         port = local.port();
-        thread = std::thread([this] { serve(); });
+        thread = std::jthread([this](std::stop_token stop) { serve(stop); });
     }
-    ~FakeService() { stopAndJoin(); }
 
-    // What arrived; waits a little first, for anything still under way.
+    // What arrived, after a little wait for anything still under way.
     std::vector<FrameHeader> frames() {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        stopAndJoin();
+        thread.request_stop();
+        thread.join();
         return received;
     }
 
     std::uint16_t port = 0;
 
   private:
-    void serve() {
-        while (!stop.load()) {
+    void serve(std::stop_token stop) {
+        while (!stop.stop_requested()) {
             if (socket.waitReadable(NORVA::TimeValue::fromMs(10)) != 2) continue;
             std::uint8_t data[1500];
             std::size_t length = 0;
@@ -62,16 +62,11 @@ class FakeService {
             if (!reply.empty()) socket.sendTo(peer, false, reply.data(), reply.size());
         }
     }
-    void stopAndJoin() {
-        stop.store(true);
-        if (thread.joinable()) thread.join();
-    }
 
     NORVA::UDPV6 socket;
     Answer answer;
     std::vector<FrameHeader> received;
-    std::atomic<bool> stop{false};
-    std::thread thread;
+    std::jthread thread;
 };
 
 std::vector<std::uint8_t> answerOf(std::uint16_t type) {
@@ -85,12 +80,10 @@ std::vector<std::uint8_t> silence(int, const FrameHeader&) {
 }
 
 DriverSettings placement(std::int32_t cpuSend, std::int32_t cpuOther, std::int32_t count, bool wait) {
-    DriverSettings settings;
-    settings.cpuSend = cpuSend;
-    settings.cpuOther = cpuOther;
-    settings.cpuOtherCount = count;
-    settings.ackProcessCtl = wait;
-    return settings;
+    DriverSettings s;
+    std::tie(s.cpuSend, s.cpuOther, s.cpuOtherCount, s.ackProcessCtl) =
+        std::tie(cpuSend, cpuOther, count, wait);
+    return s;
 }
 
 // Type, flags and the four parameters, after checking version and length.
@@ -107,9 +100,8 @@ TEST(LocalService, WithoutWaitingEachRequestGoesOutOnce) {
     FakeService service(silence);
     LocalServiceExchange exchange;
     exchange.port = service.port;
-    DriverSettings settings = placement(-1, 2, 4, false);
-    exchange.up(settings, processId);
-    exchange.down(settings, processId);
+    exchange.up(placement(-1, 2, 4, false), processId);
+    exchange.down(placement(-1, 2, 4, false), processId);
 
     std::vector<FrameHeader> frames = service.frames();
     ASSERT_EQ(frames.size(), 4u);

@@ -31,12 +31,16 @@ TEST_F(SettingsFiles, UsersFileFirst) {
 
 TEST_F(SettingsFiles, PointerFileNamesAFileElsewhere) {
     TempFolder elsewhere;
-    std::string target = elsewhere.write("mine.inf", "CycleTime=2000\n");
+    std::string target = elsewhere.write("mine.inf", "Version=1\nCycleTime=2000\n");
     library.write("setting_path.inf", "SettingPath=" + target + "\n");
-    library.write("setting_org.inf", "CycleTime=900\n");
+    library.write("setting_org.inf", "Version=1\nCycleTime=900\n");
     ::SettingsFiles files = choose();
     EXPECT_EQ(files.settingPath, target);
     EXPECT_FALSE(files.referenceInUse);
+    // A new version replaces the named file, as it does the user's.
+    library.write("setting_org.inf", "Version=2\n");
+    choose();
+    EXPECT_EQ(elsewhere.read("mine.inf"), "[global]\r\nVersion=2\r\n\r\n");
 }
 
 TEST_F(SettingsFiles, ReferenceCopyWhenNothingElseLoads) {
@@ -67,15 +71,6 @@ TEST_F(SettingsFiles, AnotherVersionReplacesTheUsersFileWhole) {
         EXPECT_EQ(choose().settingPath, userFile());
         EXPECT_EQ(readUser(), row.after ? row.after : row.mine) << row.mine;
     }
-}
-
-TEST_F(SettingsFiles, FileNamedByPointerIsReplacedOnNewVersion) {
-    TempFolder elsewhere;
-    std::string target = elsewhere.write("mine.inf", "Version=1\n");
-    library.write("setting_path.inf", "SettingPath=" + target + "\n");
-    library.write("setting_org.inf", "Version=2\n");
-    choose();
-    EXPECT_EQ(elsewhere.read("mine.inf"), "[global]\r\nVersion=2\r\n\r\n");
 }
 
 }  // namespace
