@@ -37,8 +37,9 @@ struct Endpoint {
     std::unique_ptr<EthernetBuffer> frame(const IPAddress& to = {}, const std::string& text = "") {
         std::unique_ptr<EthernetBuffer> frame = socket.newBuffer(nullptr, 0);
         frame->resize(static_cast<std::uint32_t>(text.size()), 0);
+        if (text.empty()) return frame;
         std::memcpy(frame->frame(), text.data(), text.size());
-        if (!text.empty()) frame->setPeer(to);
+        frame->setPeer(to);
         return frame;
     }
     void send(const IPAddress& to, const std::string& text) {
