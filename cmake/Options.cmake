@@ -1,17 +1,15 @@
 # Warnings, sanitizers and Windows link options for our own targets.
 
 set(VELMORA_SANITIZE "" CACHE STRING "Sanitizer build: '', 'address' (with undefined) or 'thread'")
-option(VELMORA_FUZZ "libFuzzer harnesses only, with ASan and UBSan (clang)" OFF)
+option(VELMORA_FUZZ "the libFuzzer harnesses too (an ASan+UBSan build with clang)" OFF)
 
 if(VELMORA_FUZZ)
-  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-    message(FATAL_ERROR "VELMORA_FUZZ needs clang (-DCMAKE_CXX_COMPILER=clang++)")
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang" OR NOT VELMORA_SANITIZE STREQUAL "address")
+    message(FATAL_ERROR "VELMORA_FUZZ needs clang and ASan (-DCMAKE_CXX_COMPILER=clang++ -DVELMORA_SANITIZE=address)")
   endif()
-  # The libraries are instrumented for coverage; only a harness links the
-  # fuzzer's main.
-  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
-                      -fno-sanitize-recover=all)
-  add_link_options(-fsanitize=address,undefined)
+  # Everything is instrumented for coverage; only a harness links the
+  # fuzzer's main. The tests of the same build run the same objects.
+  add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
 if(VELMORA_SANITIZE STREQUAL "address")

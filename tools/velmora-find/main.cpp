@@ -121,8 +121,9 @@ int listTargets(Find& find, const FindOptions& options) {
     if (!find.readTargetRecords(targets, records))
         return fail("reading the sinks failed: the socket was refused");
     for (const auto& [address, target] : targets) {
-        auto first = std::find_if(records.begin(), records.end(),
-                                  [&](const auto& entry) { return entry.second.targetAddress == address; });
+        auto first = std::find_if(records.begin(), records.end(), [&address = address](const auto& entry) {
+            return entry.second.targetAddress == address;
+        });
         printTarget(address, target, first == records.end() ? std::string() : first->second.targetName);
         printSinks(records, address);
     }
