@@ -132,15 +132,22 @@ void SyncWorker::onFeedback(const ConnectionBuffer& frame, const StreamAnswer& a
     traceFeedback(answer);
 }
 
+std::int32_t profileStepUnderLoad(std::int32_t lateScore, std::int32_t profileIndex,
+                                  std::int32_t profileCount) {
+    if (lateScore >= profileDownScore && profileIndex + 1 < profileCount) return 1;
+    if (lateScore == 0 && profileIndex > 0) return -1;
+    return 0;
+}
+
 void SyncWorker::changeProfileUnderLoad() {
-    if (lateScore >= profileDownScore && profileIndex + 1 < sync.profileCount) {
+    std::int32_t step = profileStepUnderLoad(lateScore, profileIndex, sync.profileCount);
+    if (step > 0) {
         lateScore = 10;
         LogLine(4) << "over time change profile " << profileIndex << " to " << profileIndex + 1;
-        useProfile(profileIndex + 1);
-    } else if (lateScore == 0 && profileIndex > 0) {
+    } else if (step < 0) {
         LogLine(4) << "over time recover profile " << profileIndex << " to " << profileIndex - 1;
-        useProfile(profileIndex - 1);
     }
+    if (step != 0) useProfile(profileIndex + step);
 }
 
 void SyncWorker::applyCorrection() {

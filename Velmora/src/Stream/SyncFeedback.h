@@ -46,6 +46,11 @@ std::int32_t correctedSize(std::uint32_t sizeQ14, std::int16_t adjust);
 // A profile's cycle under the correction: a positive one shortens it.
 NORVA::TimeValue correctedCycle(NORVA::TimeValue cycle, std::int16_t adjust);
 
+// The move between profiles under load: +1 to the next, slower one once late
+// cycles have scored enough, -1 back once the score is clear, otherwise 0.
+std::int32_t profileStepUnderLoad(std::int32_t lateScore, std::int32_t profileIndex,
+                                  std::int32_t profileCount);
+
 // A Q14 value as the trace line shows it, 8 characters: " -1.2345".
 // `out` takes them and a terminating zero.
 void formatQ14(char (&out)[9], std::int32_t value);

@@ -92,6 +92,17 @@ TEST(SyncWorkerSchedule, SmallMachinesSpinLessAndStartShortCyclesOnTheLastProfil
     EXPECT_FALSE(eight.lowCpu);
 }
 
+TEST(SyncWorkerSchedule, LateCyclesMoveToASlowerProfileAndBackOnceClear) {
+    // lateScore, profile, profiles, step
+    const std::tuple<std::int32_t, std::int32_t, std::int32_t, std::int32_t> cases[] = {
+        {200, 0, 2, 1}, {199, 0, 2, 0}, {1000, 1, 2, 0},  // the last profile is the slowest there is
+        {0, 1, 2, -1},  {1, 1, 2, 0},   {0, 0, 2, 0},
+    };
+    for (auto [score, index, count, step] : cases)
+        EXPECT_EQ(profileStepUnderLoad(score, index, count), step)
+            << score << " on " << index << " of " << count;
+}
+
 TEST(SyncWorkerSchedule, PoolHoldsASecondOfPacketsAsAPowerOfTwo) {
     TransferProfile profile;
     profile.packetCount = 1;
