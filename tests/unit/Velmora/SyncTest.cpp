@@ -154,6 +154,7 @@ TEST_F(SyncSetup, ProbeSettlesOnWhatThePathCarries) {
              Case{8000, 0, 0, 1500, 1500, {}},                  // the measured path is the limit
              Case{8000, 70000, 0, 70000, 8000, {7952}},         // beyond 16 bits isn't tried
              Case{8000, 65535, 0, 65535, 65535, {65487}},       // 16 bits are
+             Case{0, 9000, 8500, 9000, 1500, {8952}},           // no size asked for to fall back to
          }) {
         StreamSinkConfig config = sinkConfig();
         config.dataReq = c.req;
