@@ -60,7 +60,6 @@ bool Socket::open(Kind newKind) {
 
     // Each of these fits only some kinds; a refusal is expected and harmless.
     Platform::socketSetOption(handle, Platform::SocketOption::noDelay, 1);
-    Platform::socketSetOption(handle, Platform::SocketOption::reuseAddress, 1);
     Platform::socketSetOption(handle, Platform::SocketOption::dontFragment, 1);
     Platform::socketSetOption(handle, Platform::SocketOption::pathMtuDiscovery, 1);
 
@@ -99,6 +98,10 @@ bool Socket::bind(IPAddress& address) {
         boundScope = address.scope();
     }
     record.scope = boundScope;
+    // A named port is shared with the other programs that listen on it. A
+    // port of the system's choice is not: with the option, a system may hand
+    // out a port that another such socket holds, and its datagrams go astray.
+    if (!address.noPort()) Platform::socketSetOption(handle, Platform::SocketOption::reuseAddress, 1);
 
     bool bound = isV4() ? Platform::socketBind4(handle, record) : Platform::socketBind6(handle, record);
     if (!bound) {

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -97,6 +98,23 @@ TEST(Socket, AFailedBindWritesNothingBackAndKeepsItsError) {
     ASSERT_TRUE(foreign.parseV6("2001:db8::7") && third.open(Socket::udp6));
     EXPECT_FALSE(third.bind(foreign));
     EXPECT_EQ(third.lastError, 99);
+}
+
+// Hundreds of picked ports, all different (a socket that shared its port
+// would lose datagrams to the other); a named port is shared.
+TEST(Socket, APickedPortIsTheSocketsAloneANamedOneIsShared) {
+    std::vector<std::unique_ptr<Endpoint>> endpoints(500);
+    std::set<std::uint16_t> ports;
+    for (auto& endpoint : endpoints) {
+        endpoint = std::make_unique<Endpoint>();
+        ports.insert(endpoint->address.port());
+    }
+    EXPECT_EQ(ports.size(), endpoints.size());
+    IPAddress named = IPAddress::loopback(endpoints.back()->address.port());
+    endpoints.back().reset();
+    UDPV6 first, second;
+    EXPECT_TRUE(first.open(Socket::udp6) && first.bind(named) && second.open(Socket::udp6) &&
+                second.bind(named));
 }
 
 // The loopback side of the filter is the FindLoopback integration tests';
