@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,9 +20,13 @@
 // where its first sink listens.
 class TargetProcess {
   public:
-    // Every port of the target where the system chooses: no lock on the fixed ones.
-    static std::vector<std::string> anyPorts() {
-        return {"--control-port", "0", "--registration-port", "0", "--log-port", "0", "--syslog-port", "0"};
+    // `options` behind every port of the target where the system chooses: no
+    // lock on the fixed ones.
+    static std::vector<std::string> anyPorts(std::initializer_list<std::string> options) {
+        std::vector<std::string> all = {"--control-port", "0", "--registration-port", "0",
+                                        "--log-port",     "0", "--syslog-port",       "0"};
+        all.insert(all.end(), options);
+        return all;
     }
 
     // With `withLog` its stderr lands in `printed` too.
@@ -81,6 +87,13 @@ class TargetProcess {
     pid_t pid = -1;
     FILE* output = nullptr;
     int exitStatus = -1;
+};
+
+// A fresh directory, removed with what it holds.
+struct TempDir {
+    char pattern[32] = "/tmp/velmora-test-XXXXXX";
+    const std::string path = mkdtemp(pattern);
+    ~TempDir() { std::filesystem::remove_all(path); }
 };
 
 // A shell command run to its end: its exit code (-1 if killed) and all it printed.

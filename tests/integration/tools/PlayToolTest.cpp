@@ -6,8 +6,9 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -23,26 +24,9 @@ namespace {
 
 std::string playPath, targetPath, logPath, driverPath;
 
-// A fresh directory, removed with what it holds.
-class TempDir {
-  public:
-    TempDir() {
-        char pattern[] = "/tmp/velmora-play-test-XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-    std::string path;
-};
-
 WavData stereo16(const std::vector<std::int16_t>& samples) {
-    WavData wav;
-    wav.channels = 2;
-    wav.rate = 48000;
-    wav.bits = 16;
-    for (std::int16_t s : samples) {
-        wav.data.push_back(std::uint8_t(s));
-        wav.data.push_back(std::uint8_t(std::uint16_t(s) >> 8));
-    }
+    WavData wav{WavData::pcm, 2, 48000, 16, {}};
+    for (std::int16_t s : samples) wav.data.insert(wav.data.end(), {std::uint8_t(s), std::uint8_t(s >> 8)});
     return wav;
 }
 
@@ -65,16 +49,9 @@ TEST(PlaySource, IntegerSamplesKeepTheirValueInAWiderType) {
 }
 
 TEST(PlaySource, FloatInputIsRoundedAndClampedForIntegerOutputs) {
-    WavData wav;
-    wav.formatTag = WavData::ieeeFloat;
-    wav.channels = 1;
-    wav.rate = 44100;
-    wav.bits = 32;
-    for (float value : {1.0f, -1.0f, 0.5f, -0.25f}) {
-        std::uint8_t bytes[4];
-        std::memcpy(bytes, &value, 4);
-        wav.data.insert(wav.data.end(), bytes, bytes + 4);
-    }
+    const float values[] = {1.0f, -1.0f, 0.5f, -0.25f};
+    WavData wav{WavData::ieeeFloat, 1, 44100, 32, std::vector<std::uint8_t>(sizeof values)};
+    std::memcpy(wav.data.data(), values, sizeof values);
     HostSource source;
     std::string error;
     ASSERT_TRUE(source.fromWav(wav, ASIOSTInt16LSB, 4, error)) << error;
@@ -188,14 +165,12 @@ TEST(PlayOptionsTest, ContradictionsAreRefused) {
 
 std::string readFile(const std::string& path) {
     std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 std::string settingsFolder(const TempDir& dir) {
     std::string folder = dir.path + "/config/KESTRANE Velmora";
-    std::system(("mkdir -p '" + folder + "'").c_str());
+    std::filesystem::create_directories(folder);
     std::ofstream(folder + "/setting.inf") << "TargetAddress=::1,19642\r\nInterLoopback=enable\r\n";
     return dir.path + "/config";
 }

@@ -22,8 +22,7 @@ class NoRingSync : public Sync {
 
 // What the host's set-up reads from the sink of a velmora-target started with `sinkOptions`.
 void readSink(const std::vector<std::string>& sinkOptions, NoRingSync& sync) {
-    std::vector<std::string> options = TargetProcess::anyPorts();
-    options.insert(options.end(), {"--sink", "1,0,Main out"});
+    std::vector<std::string> options = TargetProcess::anyPorts({"--sink", "1,0,Main out"});
     options.insert(options.end(), sinkOptions.begin(), sinkOptions.end());
     TargetProcess target(toolPath, options);
     ASSERT_NE(target.sinkPort, 0) << "velmora-target did not start its sink:\n" << target.printed;
