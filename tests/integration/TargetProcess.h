@@ -89,6 +89,18 @@ class TargetProcess {
     int exitStatus = -1;
 };
 
+// A test program's arguments behind gtest's, into `values` in order; false,
+// with a usage line, if their number differs.
+inline bool takeArguments(int argc, char** argv, std::initializer_list<std::string*> values,
+                          const char* usage) {
+    if (argc != int(values.size()) + 1) {
+        std::fprintf(stderr, "usage: %s %s\n", argv[0], usage);
+        return false;
+    }
+    for (std::string* value : values) *value = *++argv;
+    return true;
+}
+
 // A fresh directory, removed with what it holds.
 struct TempDir {
     char pattern[32] = "/tmp/velmora-test-XXXXXX";

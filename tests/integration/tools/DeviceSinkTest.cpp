@@ -37,8 +37,7 @@ constexpr unsigned channels = 2;
 constexpr std::uint32_t frameBytes = 4;
 
 // jackd -d dummy under a name of its own, ended at the test's end.
-class JackServer {
-  public:
+struct JackServer {
     explicit JackServer(const std::string& suffix)
         : name("velmora-test-" + std::to_string(getpid()) + "-" + suffix) {
         setenv("JACK_DEFAULT_SERVER", name.c_str(), 1);
@@ -62,8 +61,6 @@ class JackServer {
         pid = -1;
     }
     const std::string name;
-
-  private:
     pid_t pid = -1;
 };
 
@@ -80,8 +77,7 @@ class Capture {
         if (client == nullptr) return;
         for (unsigned c = 0; c < channels; ++c) {
             std::string port = "in_" + std::to_string(c + 1);
-            ports.push_back(
-                jack_port_register(client, port.c_str(), JACK_DEFAULT_AUDIO_TYPE, JackPortIsInput, 0));
+            ports[c] = jack_port_register(client, port.c_str(), JACK_DEFAULT_AUDIO_TYPE, JackPortIsInput, 0);
         }
         jack_set_process_callback(client, &Capture::process, this);
         jack_set_xrun_callback(client, &Capture::xrun, this);
@@ -108,8 +104,7 @@ class Capture {
     static int process(jack_nframes_t frames, void* self) {
         auto* capture = static_cast<Capture*>(self);
         std::size_t at = capture->recorded.load(std::memory_order_relaxed);
-        std::size_t room = capture->samples[0].size() - at;
-        std::size_t taken = frames < room ? frames : room;
+        std::size_t taken = std::min<std::size_t>(frames, capture->samples[0].size() - at);
         const float* in[channels];
         bool sound = at != 0;
         for (unsigned c = 0; c < channels; ++c) {
@@ -129,7 +124,7 @@ class Capture {
         static_cast<Capture*>(self)->xruns.fetch_add(1);
         return 0;
     }
-    std::vector<jack_port_t*> ports;
+    jack_port_t* ports[channels] = {};
 };
 
 // Source sample i (frames and channels interleaved) as JACK should play it.
@@ -317,12 +312,10 @@ INSTANTIATE_TEST_SUITE_P(Outputs, DeviceSink, ::testing::Values(Output{"jack", f
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
-    if (argc != 4 || std::atoi(argv[3]) < 2) {
-        std::fprintf(stderr, "usage: %s <velmora-target> <jackd> <seconds, at least 2>\n", argv[0]);
+    std::string secondsText;
+    if (!takeArguments(argc, argv, {&toolPath, &jackdPath, &secondsText},
+                       "<velmora-target> <jackd> <seconds, at least 2>"))
         return 2;
-    }
-    toolPath = argv[1];
-    jackdPath = argv[2];
-    seconds = std::atoi(argv[3]);
+    seconds = std::max(2, std::atoi(secondsText.c_str()));
     return RUN_ALL_TESTS();
 }

@@ -36,7 +36,8 @@ std::vector<std::uint8_t> channelBytes(const HostSource& source, unsigned channe
     return out;
 }
 
-TEST(PlaySource, IntegerSamplesKeepTheirValueInAWiderType) {
+// Integers keep their value in a wider type, floats are rounded and clamped.
+TEST(PlaySource, WavSamplesConvertToTheDriversType) {
     HostSource source;
     std::string error;
     ASSERT_TRUE(source.fromWav(stereo16({0x1234, -2, -32768, 32767}), ASIOSTInt24LSB, 2, error)) << error;
@@ -46,15 +47,11 @@ TEST(PlaySource, IntegerSamplesKeepTheirValueInAWiderType) {
     std::uint8_t tail[4] = {1, 1, 1, 1};
     source.fill(0, 4, tail, 4);
     EXPECT_EQ(std::vector<std::uint8_t>(tail, tail + 4), (std::vector<std::uint8_t>{0x00, 0x80, 0, 0}));
-}
 
-TEST(PlaySource, FloatInputIsRoundedAndClampedForIntegerOutputs) {
     const float values[] = {1.0f, -1.0f, 0.5f, -0.25f};
-    WavData wav{WavData::ieeeFloat, 1, 44100, 32, std::vector<std::uint8_t>(sizeof values)};
-    std::memcpy(wav.data.data(), values, sizeof values);
-    HostSource source;
-    std::string error;
-    ASSERT_TRUE(source.fromWav(wav, ASIOSTInt16LSB, 4, error)) << error;
+    WavData floats{WavData::ieeeFloat, 1, 44100, 32, std::vector<std::uint8_t>(sizeof values)};
+    std::memcpy(floats.data.data(), values, sizeof values);
+    ASSERT_TRUE(source.fromWav(floats, ASIOSTInt16LSB, 4, error)) << error;
     EXPECT_EQ(channelBytes(source, 0),
               (std::vector<std::uint8_t>{0xFF, 0x7F, 0x00, 0x80, 0x00, 0x40, 0x00, 0xE0}));
 }
@@ -97,9 +94,7 @@ TEST(PlayCompare, MatchesAfterLeadsAndFindsADifferenceAShortSinkAndAnotherFormat
     Comparison shortSink = compareWav(given, stereo16({0, 0, 1, 2, 3, 4}));
     EXPECT_FALSE(shortSink.exact || shortSink.differs);
     EXPECT_NE(shortSink.text().find("only 2 of 3 frames"), std::string::npos) << shortSink.text();
-    WavData wider = given;
-    wider.bits = 32;
-    wider.channels = 1;
+    WavData wider{WavData::pcm, 1, 48000, 32, given.data};
     EXPECT_NE(compareWav(given, wider).text().find("formats differ"), std::string::npos);
     EXPECT_FALSE(compareWav(stereo16({0, 0}), stereo16({0, 0})).exact) << "silence proves nothing";
 }
@@ -247,14 +242,8 @@ TEST(LogTool, PrintsTheDriversLinesReadably) {
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
-    if (argc != 5) {
-        std::fprintf(stderr, "usage: %s <velmora-play> <velmora-target> <velmora-log> <driver library>\n",
-                     argv[0]);
-        return 2;
-    }
-    playPath = argv[1];
-    targetPath = argv[2];
-    logPath = argv[3];
-    driverPath = argv[4];
-    return RUN_ALL_TESTS();
+    return takeArguments(argc, argv, {&playPath, &targetPath, &logPath, &driverPath},
+                         "<velmora-play> <velmora-target> <velmora-log> <driver library>")
+               ? RUN_ALL_TESTS()
+               : 2;
 }

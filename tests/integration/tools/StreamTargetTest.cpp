@@ -197,11 +197,9 @@ INSTANTIATE_TEST_SUITE_P(Clocks, StreamToTarget,
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
-    if (argc != 3 || std::atoi(argv[2]) < 2) {
-        std::fprintf(stderr, "usage: %s <velmora-target> <seconds, at least 2>\n", argv[0]);
+    std::string secondsText;
+    if (!takeArguments(argc, argv, {&toolPath, &secondsText}, "<velmora-target> <seconds, at least 2>"))
         return 2;
-    }
-    toolPath = argv[1];
-    seconds = std::atoi(argv[2]);
+    seconds = std::max(2, std::atoi(secondsText.c_str()));
     return RUN_ALL_TESTS();
 }

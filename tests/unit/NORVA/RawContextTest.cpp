@@ -144,30 +144,28 @@ class RawSocket : public UDPV6 {
     RawSocket() { open(raw); }
     bool getMyLocalAddresV6(NORVA::InterfaceMap& map, bool) override {
         NORVA::IPAddress address;
-        EXPECT_TRUE(address.parseV6("fe80::5"));
         address.setScope(5);
         map[address].adapterName = "vfh";
         return true;
     }
 };
 
+// The fake library in place, and every line logged collected (the log
+// uninstalls itself when it goes).
 class RawPath : public ::testing::Test {
   protected:
     NORVA::Syslog log;
-    NORVA::Syslog* previousLog = nullptr;
-    std::int32_t previousThreshold = 0;
     void SetUp() override {
         fake = FakeLibrary{};
         NORVA::setPacketSymbolLookup(fakeLookup);
         logText.clear();
         log.configure(
             16, [](const char* line) { logText += std::string(line) + "\n"; }, 0);
-        previousLog = NORVA::Syslog::install(&log);
-        previousThreshold = NORVA::logThreshold.exchange(7);
+        NORVA::Syslog::install(&log);
+        NORVA::logThreshold = 7;
     }
     void TearDown() override {
-        NORVA::logThreshold.store(previousThreshold);
-        NORVA::Syslog::install(previousLog);
+        NORVA::logThreshold = -1;
         NORVA::setPacketSymbolLookup(nullptr);
         // Whatever the path, nothing of the library is left behind.
         EXPECT_TRUE(fake.adaptersOpen == 0 && fake.queuesLive == 0 && fake.listsFreed == fake.listsMade);
