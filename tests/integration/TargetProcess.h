@@ -1,4 +1,5 @@
-// The tools as a user runs them, as child processes. Linux only, like them.
+// The tools as a user runs them, as child processes, and what the programs
+// that test them share. Linux only, like the tools.
 #pragma once
 
 #include <signal.h>
