@@ -59,9 +59,7 @@ inline void start(PatternSource& host, const TargetProcess& target, VELMORA::For
     host.profileCount = 1;
     ASSERT_EQ(host.profiles[0].cycle, TimeValue::fromMs(1));
     ASSERT_TRUE(host.setupRing(slotFrames, ringSlots, 0, VELMORA::FormatID()));
-    ASSERT_TRUE(host.connectPrepare());
-    ASSERT_TRUE(host.connect());
-    ASSERT_TRUE(host.connectWait());
+    ASSERT_TRUE(host.connectPrepare() && host.connect() && host.connectWait());
     ASSERT_EQ(host.connectState, VELMORA::Sync::connected);
     host.play();
 }
