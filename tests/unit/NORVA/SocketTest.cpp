@@ -5,6 +5,7 @@
 #include "Network/ByteArray.h"
 #include "Network/Interfaces.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -100,9 +101,8 @@ TEST(Socket, OpenSetBlockingCloseAndFailures) {
 TEST(Interfaces, LinkLocalFilterAndBinding) {
     NORVA::InterfaceMap all, linkLocal;
     ASSERT_TRUE(NORVA::enumerateV6(all) && NORVA::getMyLocalAddresV6(linkLocal, false));
-    std::size_t linkLocalCount = 0;
-    for (const auto& entry : all) linkLocalCount += entry.first.isLinkLocal() ? 1 : 0;
-    EXPECT_EQ(linkLocal.size(), linkLocalCount);
+    auto isLinkLocal = [](const auto& entry) { return entry.first.isLinkLocal(); };
+    EXPECT_EQ(linkLocal.size(), std::size_t(std::count_if(all.begin(), all.end(), isLinkLocal)));
     for (const auto& entry : linkLocal) EXPECT_TRUE(entry.first.isLinkLocal() && entry.first.port() == 0);
     EXPECT_EQ(NORVA::firstLinkLocalScope(), linkLocal.empty() ? 0u : linkLocal.begin()->first.scope());
     if (linkLocal.empty()) return;
