@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <initializer_list>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -106,7 +107,10 @@ inline bool takeArguments(int argc, char** argv, std::initializer_list<std::stri
 struct TempDir {
     char pattern[32] = "/tmp/velmora-test-XXXXXX";
     const std::string path = mkdtemp(pattern);
-    ~TempDir() { std::filesystem::remove_all(path); }
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
 };
 
 // A shell command run to its end: its exit code (-1 if killed) and all it printed.
