@@ -14,6 +14,8 @@
 
 #include "Samples/SyncBuffer.h"
 #include "System/Threads.h"
+#include "TargetProcess.h"
+#include "WorkerPriority.h"
 
 namespace StreamHost {
 
@@ -33,14 +35,22 @@ class PatternSource : public VELMORA::SyncBuffer {
     }
 };
 
-// Sets the stream up and plays; callers skip where the system refuses the
-// worker its priority (workerPriorityGranted).
-inline void start(PatternSource& host, std::uint16_t sinkPort, VELMORA::FormatID format,
-                  std::uint16_t latency, std::uint32_t slotFrames, std::uint32_t ringSlots) {
+// The ring of the host's buffer worker: 8 slots of 4 ms. The sink's latency
+// is 40 ms, in units of 100 us.
+constexpr std::uint32_t ringSlots = 8;
+constexpr std::uint32_t slotFrames = 192;
+constexpr std::uint16_t latencyUnits = 400;
+
+// Sets the stream to the target's first sink up and plays. Skips where the
+// system refuses the worker its priority: callers return on a skip or a
+// fatal failure.
+inline void start(PatternSource& host, const TargetProcess& target, VELMORA::FormatID format) {
     using NORVA::TimeValue;
+    ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
+    if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
     ASSERT_TRUE(host.open(0, TimeValue::fromMs(50), 0, "acceptance", 0x4B45, -1, -1, 0));
-    ASSERT_TRUE(host.getInfo(NORVA::IPAddress::loopback(sinkPort), TimeValue(), false, 1500));
-    ASSERT_EQ(host.latency, latency);
+    ASSERT_TRUE(host.getInfo(NORVA::IPAddress::loopback(target.sinkPort), TimeValue(), false, 1500));
+    ASSERT_EQ(host.latency, latencyUnits);
     ASSERT_TRUE(host.format.setFormat(format));
     host.transfer.setInputs({host.format.streamFormat, host.maxPacketSize, host.maxPacketCount},
                             TimeValue::fromMs(1));
@@ -49,20 +59,19 @@ inline void start(PatternSource& host, std::uint16_t sinkPort, VELMORA::FormatID
     host.profileCount = 1;
     ASSERT_EQ(host.profiles[0].cycle, TimeValue::fromMs(1));
     ASSERT_TRUE(host.setupRing(slotFrames, ringSlots, 0, VELMORA::FormatID()));
-    ASSERT_TRUE(host.connectPrepare());
-    ASSERT_TRUE(host.connect());
-    ASSERT_TRUE(host.connectWait());
+    ASSERT_TRUE(host.connectPrepare() && host.connect() && host.connectWait());
     ASSERT_EQ(host.connectState, VELMORA::Sync::connected);
     host.play();
 }
 
-// Lets the ring play out and ends the stream.
-inline void finish(PatternSource& host) {
+// Lets the ring play out, ends the stream, then the target.
+inline void finish(PatternSource& host, TargetProcess& target) {
     host.stop();
     NORVA::sleepMilliseconds(100);  // silence after the audio shows a loss among its last packets
     ASSERT_EQ(host.connectState, VELMORA::Sync::connected) << "the stream ended before it was asked to";
     host.disconnect();
     EXPECT_EQ(host.connectState, VELMORA::Sync::idle);
+    EXPECT_EQ(target.stop(), 0) << target.printed;
 }
 
 // What the sink wrote at the stream's end.

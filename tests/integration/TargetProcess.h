@@ -1,4 +1,5 @@
-// The tools as a user runs them, as child processes. Linux only, like them.
+// The tools as a user runs them, as child processes, and what the programs
+// that test them share. Linux only, like the tools.
 #pragma once
 
 #include <signal.h>
@@ -9,7 +10,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <initializer_list>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -18,9 +22,13 @@
 // where its first sink listens.
 class TargetProcess {
   public:
-    // Every port of the target where the system chooses: no lock on the fixed ones.
-    static std::vector<std::string> anyPorts() {
-        return {"--control-port", "0", "--registration-port", "0", "--log-port", "0", "--syslog-port", "0"};
+    // `options` behind every port of the target where the system chooses: no
+    // lock on the fixed ones.
+    static std::vector<std::string> anyPorts(std::initializer_list<std::string> options) {
+        std::vector<std::string> all = {"--control-port", "0", "--registration-port", "0",
+                                        "--log-port",     "0", "--syslog-port",       "0"};
+        all.insert(all.end(), options);
+        return all;
     }
 
     // With `withLog` its stderr lands in `printed` too.
@@ -81,6 +89,28 @@ class TargetProcess {
     pid_t pid = -1;
     FILE* output = nullptr;
     int exitStatus = -1;
+};
+
+// A test program's arguments behind gtest's, into `values` in order; false,
+// with a usage line, if their number differs.
+inline bool takeArguments(int argc, char** argv, std::initializer_list<std::string*> values,
+                          const char* usage) {
+    if (argc != int(values.size()) + 1) {
+        std::fprintf(stderr, "usage: %s %s\n", argv[0], usage);
+        return false;
+    }
+    for (std::string* value : values) *value = *++argv;
+    return true;
+}
+
+// A fresh directory, removed with what it holds.
+struct TempDir {
+    char pattern[32] = "/tmp/velmora-test-XXXXXX";
+    const std::string path = mkdtemp(pattern);
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
 };
 
 // A shell command run to its end: its exit code (-1 if killed) and all it printed.

@@ -12,6 +12,7 @@
 #include <fstream>
 #include <string>
 
+#include "../integration/TargetProcess.h"
 #include "ComServer.h"
 #include "asio/Asio.h"
 
@@ -21,11 +22,10 @@ int main(int argc, char** argv) {
         return 2;
     }
     // A settings folder of this run's own, its file leaving every key at its default.
-    char pattern[] = "/tmp/velmora-netns-XXXXXX";
-    std::string root = mkdtemp(pattern);
-    mkdir((root + "/KESTRANE Velmora").c_str(), 0700);
-    std::ofstream(root + "/KESTRANE Velmora/setting.inf") << "; discovery\r\n";
-    setenv("XDG_CONFIG_HOME", root.c_str(), 1);
+    TempDir root;
+    mkdir((root.path + "/KESTRANE Velmora").c_str(), 0700);
+    std::ofstream(root.path + "/KESTRANE Velmora/setting.inf") << "; discovery\r\n";
+    setenv("XDG_CONFIG_HOME", root.path.c_str(), 1);
 
     // The driver object through the COM entry point, asked for with its class identifier.
     using GetClassObject = HRESULT (*)(REFCLSID, REFIID, void**);
@@ -44,13 +44,11 @@ int main(int argc, char** argv) {
         return 1;
     }
     bool initialised = driver->init(nullptr) == ASIOTrue;
-    char text[124] = {};
-    char name[32] = {};
+    char text[124] = {}, name[32] = {};
     driver->getErrorMessage(text);
     driver->getDriverName(name);
     std::printf(initialised ? "init done: %s\n" : "init failed: %s\n", initialised ? name : text);
     driver->Release();
     dlclose(library);
-    std::system(("rm -rf '" + root + "'").c_str());
     return initialised ? 0 : 1;
 }

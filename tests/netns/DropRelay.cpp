@@ -11,15 +11,6 @@
 #include "Network/Socket.h"
 #include "Network/SocketSet.h"
 
-namespace {
-
-bool openBound(NORVA::UDPV6& socket, NORVA::IPAddress address) {
-    socket.receiveSize = 70000;
-    return socket.openNonBlocking() && socket.bind(address);
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
     if (argc != 4) {
         std::fprintf(stderr, "usage: find_netns_relay LISTEN_PORT TARGET_PORT DROP_SIZE\n");
@@ -29,11 +20,12 @@ int main(int argc, char** argv) {
     NORVA::IPAddress target = NORVA::IPAddress::loopback(static_cast<std::uint16_t>(std::atoi(argv[2])));
     std::size_t dropSize = std::strtoul(argv[3], nullptr, 10);
 
-    NORVA::UDPV6 outside;
-    NORVA::UDPV6 inside;
-    NORVA::IPAddress any;
+    NORVA::UDPV6 outside, inside;
+    NORVA::IPAddress any, local = NORVA::IPAddress::loopback(0);
     any.setPort(listenPort);
-    if (!openBound(outside, any) || !openBound(inside, NORVA::IPAddress::loopback(0))) {
+    outside.receiveSize = inside.receiveSize = 70000;
+    if (!outside.openNonBlocking() || !outside.bind(any) || !inside.openNonBlocking() ||
+        !inside.bind(local)) {
         std::fprintf(stderr, "find_netns_relay: can't bind port %u\n", listenPort);
         return 1;
     }

@@ -109,9 +109,8 @@ int play(const char* address, std::uint32_t flags, std::uint32_t seconds) {
     sync.play();
     sync.requestDisconnect();  // plays the source out first
     auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(seconds + 20);
-    while (sync.connectState != Sync::idle && std::chrono::steady_clock::now() < limit) {
+    while (sync.connectState != Sync::idle && std::chrono::steady_clock::now() < limit)
         NORVA::sleepMilliseconds(20);
-    }
     bool ended = sync.connectState == Sync::idle;
     sync.joinWorker();
     std::printf("source %llu of %llu bytes given, %s\n", static_cast<unsigned long long>(sync.given.load()),

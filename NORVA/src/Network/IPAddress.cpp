@@ -284,38 +284,4 @@ bool IPAddress::parse(const std::string& input) {
     return true;
 }
 
-bool IPAddress::parseV4Port(const std::string& text) {
-    unsigned parts[4] = {};
-    int part = 0;
-    int digits = 0;
-    std::size_t i = 0;
-    for (; i < text.size() && text[i] != ','; ++i) {
-        char c = text[i];
-        if (c == '.') {
-            if (digits == 0 || ++part == 4) return false;
-            digits = 0;
-        } else if (isDecimal(c) && digits < 3) {
-            parts[part] = parts[part] * 10 + unsigned(c - '0');
-            if (parts[part] > 255) return false;
-            ++digits;
-        } else {
-            return false;
-        }
-    }
-    if (part != 3 || digits == 0) return false;
-
-    std::uint32_t port = 0;
-    if (i < text.size()) {
-        if (i + 1 == text.size()) return false;
-        for (++i; i < text.size(); ++i) {
-            if (!isDecimal(text[i])) return false;
-            port = port * 10 + std::uint32_t(text[i] - '0');
-            if (port > 0xFFFF) return false;
-        }
-    }
-    setV4((parts[0] << 24) | (parts[1] << 16) | (parts[2] << 8) | parts[3]);
-    setPort(std::uint16_t(port));
-    return true;
-}
-
 }  // namespace NORVA

@@ -56,8 +56,6 @@ class IPAddress {
     bool parseV6(const std::string& text);
     bool parseV6Port(const std::string& text);
     bool parse(const std::string& text);
-    // a.b.c.d with an optional ",port", into the mapped form.
-    bool parseV4Port(const std::string& text);
 };
 
 }  // namespace NORVA

@@ -39,10 +39,6 @@ bool enumerateV6(InterfaceMap& map) {
     return enumerate(true, map);
 }
 
-bool enumerateV4(InterfaceMap& map) {
-    return enumerate(false, map);
-}
-
 bool getMyLocalAddresV6(InterfaceMap& map, bool includeLoopback) {
     if (!enumerateV6(map)) return false;
     std::erase_if(map, [includeLoopback](const auto& entry) {

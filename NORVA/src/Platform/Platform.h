@@ -167,20 +167,8 @@ bool socketJoinGroup6(SocketHandle handle, const std::uint8_t group[16], std::ui
 
 // IPv4 sockets take their addresses in the mapped form ::ffff:a.b.c.d.
 bool socketBind4(SocketHandle handle, const SocketAddress6& address);
-bool socketConnect(SocketHandle handle, const SocketAddress6& address, SocketFamily family);
-// The accepted connection, or noSocket; `peer` may be null.
-SocketHandle socketAccept(SocketHandle handle, SocketAddress6* peer);
-// Joins the IPv4 group `group` on the interface with the address
-// `interfaceAddress` (all zeros: the system's choice); both 4 bytes.
-bool socketJoinGroup4(SocketHandle handle, const std::uint8_t group[4],
-                      const std::uint8_t interfaceAddress[4]);
-// IPv4 multicast leaves out of the interface with this address.
-bool socketSetMulticastInterface4(SocketHandle handle, const std::uint8_t interfaceAddress[4]);
 
 // Bytes sent, or -1 on failure (see lastSocketError).
-std::int64_t socketSend(SocketHandle handle, const void* data, std::size_t length);
-std::int64_t socketSendTo4(SocketHandle handle, const void* data, std::size_t length,
-                           const SocketAddress6& peer);
 std::int64_t socketSendTo6(SocketHandle handle, const void* data, std::size_t length,
                            const SocketAddress6& peer);
 // Bytes received (0 for an empty datagram), or -1 on failure. peer may be null.

@@ -69,14 +69,17 @@ class FindLoopback : public ::testing::Test {
         std::memcpy(request.body(), &host, sizeof host);
         send(request, Find::controlPort);
     }
+    // The targets Find discovers.
+    VELMORA::TargetMap targets(Find& find) {
+        VELMORA::TargetMap found;
+        EXPECT_TRUE(find.open() && find.searchTargets(found));
+        return found;
+    }
     // The sinks Find reads through ::1 (the target answers the links' multicast too).
     VELMORA::TargetRecordMap records() {
         Find find(settings);
-        EXPECT_TRUE(find.open());
-        VELMORA::TargetMap targets;
         VELMORA::TargetRecordMap found;
-        EXPECT_TRUE(find.searchTargets(targets));
-        EXPECT_TRUE(find.readTargetRecords(targets, found));
+        EXPECT_TRUE(find.readTargetRecords(targets(find), found));
         std::erase_if(found, [](const auto& entry) { return !entry.first.isLoopback(); });
         return found;
     }
@@ -84,25 +87,19 @@ class FindLoopback : public ::testing::Test {
 
 TEST_F(FindLoopback, DiscoveryFindsTheTargetAndItsRegisteredSinkOnlyWithLoopback) {
     registerSink("Line out");
+    const IPAddress control = IPAddress::loopback(Find::controlPort);
     Find find(settings);
-    ASSERT_TRUE(find.open());
-    VELMORA::TargetMap targets;
-    ASSERT_TRUE(find.searchTargets(targets));
-    ASSERT_EQ(targets.count(IPAddress::loopback(Find::controlPort)), 1u);
-    EXPECT_EQ(targets.at(IPAddress::loopback(Find::controlPort)).name, "loopback target");
-
-    VELMORA::TargetRecordMap found;
-    ASSERT_TRUE(find.readTargetRecords(targets, found));
-    ASSERT_EQ(found.count(sinkAddress), 1u);
-    EXPECT_EQ(found.at(sinkAddress).outputName, "Line out");
-    EXPECT_EQ(found.at(sinkAddress).portIndex, sinkIndex);
+    VELMORA::TargetMap found = targets(find);
+    ASSERT_EQ(found.count(control), 1u);
+    EXPECT_EQ(found.at(control).name, "loopback target");
+    VELMORA::TargetRecordMap sinks = records();
+    ASSERT_EQ(sinks.count(sinkAddress), 1u);
+    EXPECT_EQ(sinks.at(sinkAddress).outputName, "Line out");
+    EXPECT_EQ(sinks.at(sinkAddress).portIndex, sinkIndex);
 
     settings.withLoopback = false;
     Find without(settings);
-    ASSERT_TRUE(without.open());
-    targets.clear();
-    ASSERT_TRUE(without.searchTargets(targets));
-    EXPECT_EQ(targets.count(IPAddress::loopback(Find::controlPort)), 0u);
+    EXPECT_EQ(targets(without).count(control), 0u);
 }
 
 TEST_F(FindLoopback, ASinkNotRegisteredAgainDisappears) {

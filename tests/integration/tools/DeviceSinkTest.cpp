@@ -23,7 +23,6 @@
 #include "../StreamHost.h"
 #include "../TargetProcess.h"
 #include "ScratchFile.h"
-#include "WorkerPriority.h"
 
 namespace {
 
@@ -36,13 +35,9 @@ int seconds = 4;
 const VELMORA::FormatID stereoS16At48k(0x202u, 0x000Cu);
 constexpr unsigned channels = 2;
 constexpr std::uint32_t frameBytes = 4;
-constexpr std::uint16_t latencyUnits = 400;  // 40 ms, as the other stream tests
-constexpr std::uint32_t ringSlots = 8;
-constexpr std::uint32_t slotFrames = 192;
 
 // jackd -d dummy under a name of its own, ended at the test's end.
-class JackServer {
-  public:
+struct JackServer {
     explicit JackServer(const std::string& suffix)
         : name("velmora-test-" + std::to_string(getpid()) + "-" + suffix) {
         setenv("JACK_DEFAULT_SERVER", name.c_str(), 1);
@@ -66,8 +61,6 @@ class JackServer {
         pid = -1;
     }
     const std::string name;
-
-  private:
     pid_t pid = -1;
 };
 
@@ -84,8 +77,7 @@ class Capture {
         if (client == nullptr) return;
         for (unsigned c = 0; c < channels; ++c) {
             std::string port = "in_" + std::to_string(c + 1);
-            ports.push_back(
-                jack_port_register(client, port.c_str(), JACK_DEFAULT_AUDIO_TYPE, JackPortIsInput, 0));
+            ports[c] = jack_port_register(client, port.c_str(), JACK_DEFAULT_AUDIO_TYPE, JackPortIsInput, 0);
         }
         jack_set_process_callback(client, &Capture::process, this);
         jack_set_xrun_callback(client, &Capture::xrun, this);
@@ -112,8 +104,7 @@ class Capture {
     static int process(jack_nframes_t frames, void* self) {
         auto* capture = static_cast<Capture*>(self);
         std::size_t at = capture->recorded.load(std::memory_order_relaxed);
-        std::size_t room = capture->samples[0].size() - at;
-        std::size_t taken = frames < room ? frames : room;
+        std::size_t taken = std::min<std::size_t>(frames, capture->samples[0].size() - at);
         const float* in[channels];
         bool sound = at != 0;
         for (unsigned c = 0; c < channels; ++c) {
@@ -133,13 +124,43 @@ class Capture {
         static_cast<Capture*>(self)->xruns.fetch_add(1);
         return 0;
     }
-    std::vector<jack_port_t*> ports;
+    jack_port_t* ports[channels] = {};
 };
 
 // Source sample i (frames and channels interleaved) as JACK should play it.
 float expectedSample(std::uint64_t i) {
     auto value = std::int16_t(std::uint16_t(patternByte(2 * i) | patternByte(2 * i + 1) << 8));
     return float(value) / 32768.0f;
+}
+
+// How up to `frames` frames of the capture from its first sound follow the
+// source: the source frame they start at (of its cycle of 251 frames, which
+// holds no zero; 251 for none), the frames that don't follow the one before,
+// and the runs of silence between them.
+struct Followed {
+    std::size_t lead = 0;
+    std::uint64_t start = 0;
+    std::size_t wrong = 0, gaps = 0;
+};
+
+Followed follow(const Capture& capture, std::size_t frames) {
+    const std::vector<std::vector<float>>& in = capture.samples;
+    auto silent = [&](std::size_t f) { return in[0][f] == 0 && in[1][f] == 0; };
+    auto holds = [&](std::size_t f, std::uint64_t n) {
+        return in[0][f] == expectedSample(2 * n) && in[1][f] == expectedSample(2 * n + 1);
+    };
+    Followed result;
+    const std::size_t end = capture.recorded.load();
+    while (result.lead < end && silent(result.lead)) ++result.lead;
+    while (result.lead < end && result.start < 251 && !holds(result.lead, result.start)) ++result.start;
+    std::uint64_t next = result.start;
+    bool wasSilent = false;
+    for (std::size_t f = result.lead; f < std::min(end, result.lead + frames); ++f) {
+        result.gaps += silent(f) && !wasSilent;
+        wasSilent = silent(f);
+        if (!wasSilent) result.wrong += !holds(f, next++);
+    }
+    return result;
 }
 
 struct Output {
@@ -160,35 +181,26 @@ TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
     const bool alsa = GetParam().alsa;
     // The ALSA device "velmora": the plugin's ports led to the capture's, in
     // the ~/.asoundrc of a home of the test's own.
-    struct Home {
-        std::string path = ::testing::TempDir() + "velmora-alsa-XXXXXX";
-        ~Home() { std::remove((path + "/.asoundrc").c_str()), rmdir(path.c_str()); }
-    } home;
+    TempDir home;
     if (alsa) {
-        ASSERT_NE(mkdtemp(home.path.data()), nullptr);
         std::ofstream(home.path + "/.asoundrc") << "pcm.velmora {\n  type jack\n  playback_ports {\n    0 "
                                                    "capture:in_1\n    1 capture:in_2\n  }\n}\n";
         ASSERT_EQ(setenv("HOME", home.path.c_str(), 1), 0);
     }
-    std::vector<std::string> options = TargetProcess::anyPorts();
-    options.insert(
-        options.end(),
-        {"--sink", "1,0,Main out", alsa ? "--alsa" : "--jack", alsa ? "velmora" : "velmora-test", "--latency",
-         std::to_string(latencyUnits), "--stats-json", json.path, "--log-level", "3"});
-    TargetProcess target(toolPath, options);
-    ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
+    TargetProcess target(
+        toolPath,
+        TargetProcess::anyPorts({"--sink", "1,0,Main out", alsa ? "--alsa" : "--jack",
+                                 alsa ? "velmora" : "velmora-test", "--latency", std::to_string(latencyUnits),
+                                 "--stats-json", json.path, "--log-level", "3"}));
     if (!alsa) {
         ASSERT_TRUE(capture.connectFrom("velmora-test"));
     }
-
     PatternSource host;
-    if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
-    StreamHost::start(host, target.sinkPort, stereoS16At48k, latencyUnits, slotFrames, ringSlots);
-    if (HasFatalFailure()) return;
+    StreamHost::start(host, target, stereoS16At48k);
+    if (IsSkipped() || HasFatalFailure()) return;
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
-    finish(host);
+    finish(host, target);
     if (HasFatalFailure()) return;
-    EXPECT_EQ(target.stop(), 0) << target.printed;
 
     SinkReport report(json.path);
     EXPECT_GE(report.xruns, 0) << "the statistics count the device's xruns";
@@ -201,17 +213,13 @@ TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
     EXPECT_EQ(report.xruns, 0) << "xruns of the sink's device";
     EXPECT_EQ(report.underruns, 0) << "the sink ran dry";
 
-    std::size_t frames = capture.recorded.load(), lead = 0;
-    while (lead < frames && capture.samples[0][lead] == 0 && capture.samples[1][lead] == 0) ++lead;
     std::uint64_t sourceFrames = host.filled / frameBytes;
     ASSERT_GT(sourceFrames, std::uint64_t(seconds) * 48000 * 9 / 10);
-    ASSERT_GE(frames, lead + sourceFrames) << "the source came out short";
-    std::size_t wrong = 0;
-    for (std::uint64_t f = 0; f < sourceFrames; ++f) {
-        for (unsigned c = 0; c < channels; ++c)
-            wrong += capture.samples[c][lead + f] != expectedSample(f * channels + c);
-    }
-    EXPECT_EQ(wrong, 0u) << "samples that differ from the source, of " << sourceFrames * channels;
+    Followed played = follow(capture, sourceFrames);
+    ASSERT_GE(capture.recorded.load(), played.lead + sourceFrames) << "the source came out short";
+    EXPECT_TRUE(played.start == 0 && played.wrong == 0 && played.gaps == 0)
+        << "from source frame " << played.start << ": " << played.wrong << " frames of " << sourceFrames
+        << " wrong, " << played.gaps << " gaps";
 }
 
 // The server goes away mid-stream and comes back: the sink says so, keeps
@@ -221,18 +229,17 @@ TEST(DeviceSinkLoss, TheServerGoingAndComingBackIsToldAndTheStreamPlaysOn) {
     JackServer server("loss");
     auto first = std::make_unique<Capture>(server.name, 1);
     ASSERT_NE(first->client, nullptr) << "jackd -d dummy did not start";
-    std::vector<std::string> options = TargetProcess::anyPorts();
-    options.insert(options.end(), {"--sink", "1,0,Main out", "--jack", "velmora-test", "--latency",
-                                   std::to_string(latencyUnits), "--log-level", "5",
-                                   // Arrivals in bursts of a few milliseconds: a ring the return left
-                                   // empty would run dry between them.
-                                   "--batch-wait", "4000"});
-    TargetProcess target(toolPath, options, true);
-    ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
+    TargetProcess target(
+        toolPath,
+        TargetProcess::anyPorts({"--sink", "1,0,Main out", "--jack", "velmora-test", "--latency",
+                                 std::to_string(latencyUnits), "--log-level", "5",
+                                 // Arrivals in bursts of a few milliseconds: a ring the
+                                 // return left empty would run dry between them.
+                                 "--batch-wait", "4000"}),
+        true);
     PatternSource host;
-    if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
-    StreamHost::start(host, target.sinkPort, stereoS16At48k, latencyUnits, slotFrames, ringSlots);
-    if (HasFatalFailure()) return;
+    StreamHost::start(host, target, stereoS16At48k);
+    if (IsSkipped() || HasFatalFailure()) return;
     std::this_thread::sleep_for(std::chrono::seconds(1));
     first.reset();
     server.stop();
@@ -242,47 +249,26 @@ TEST(DeviceSinkLoss, TheServerGoingAndComingBackIsToldAndTheStreamPlaysOn) {
     constexpr std::size_t judged = 48000;  // a second of what plays after the return
     Capture capture(server.name, 2 * judged);
     ASSERT_NE(capture.client, nullptr) << "jackd -d dummy did not start again";
-    bool joined = false;
-    for (int tries = 0; tries < 100 && !joined; ++tries) {
-        joined = capture.connectFrom("velmora-test");
-        if (!joined) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    ASSERT_TRUE(joined) << "the sink did not join the server again";
-    for (int tries = 0; tries < 200 && capture.recorded.load() < 2 * judged; ++tries)
+    int tries = 0;
+    while (!capture.connectFrom("velmora-test") && ++tries < 100)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_LT(tries, 100) << "the sink did not join the server again";
+    for (int waits = 0; waits < 200 && capture.recorded.load() < 2 * judged; ++waits)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    finish(host);
+    finish(host, target);
     if (HasFatalFailure()) return;
-    EXPECT_EQ(target.stop(), 0);
     EXPECT_NE(target.printed.find("JACK server gone"), std::string::npos) << target.printed;
     EXPECT_NE(target.printed.find("JACK server back"), std::string::npos) << target.printed;
 
     ASSERT_EQ(capture.recorded.load(), 2 * judged) << "the stream stopped reaching the server";
-    // The source repeats every 251 frames and holds no zero: find where the
-    // capture starts in it; then every frame of the judged second must
-    // follow the one before, nothing lost and nothing stale. Silence may
-    // come between them only where jackd itself missed a deadline.
-    const std::vector<std::vector<float>>& in = capture.samples;
-    std::size_t lead = 0;
-    while (lead < judged && in[0][lead] == 0 && in[1][lead] == 0) ++lead;
-    std::uint64_t next = 0;
-    while (next < 251 &&
-           (in[0][lead] != expectedSample(2 * next) || in[1][lead] != expectedSample(2 * next + 1)))
-        ++next;
-    ASSERT_LT(next, 251u) << "what plays isn't the source";
-    std::size_t wrong = 0, gaps = 0;
-    bool silent = false;
-    for (std::size_t f = lead; f < lead + judged; ++f) {
-        bool nothing = in[0][f] == 0 && in[1][f] == 0;
-        gaps += nothing && !silent;
-        silent = nothing;
-        if (nothing) continue;
-        for (unsigned c = 0; c < channels; ++c) wrong += in[c][f] != expectedSample(next * channels + c);
-        ++next;
-    }
+    // Nothing lost and nothing stale; silence may come between the frames
+    // only where jackd itself missed a deadline.
+    Followed played = follow(capture, judged);
+    ASSERT_LT(played.start, 251u) << "what plays isn't the source";
     unsigned missed = capture.xruns.load() - capture.xrunsBeforeSound.load();
-    std::printf("after the return: %zu gaps, jackd missed %u deadlines\n", gaps, missed);
-    EXPECT_EQ(wrong, 0u) << "samples out of the source's order after the server came back";
-    EXPECT_LE(gaps, missed) << "the sink ran dry after the server came back";
+    std::printf("after the return: %zu gaps, jackd missed %u deadlines\n", played.gaps, missed);
+    EXPECT_EQ(played.wrong, 0u) << "frames out of the source's order after the server came back";
+    EXPECT_LE(played.gaps, missed) << "the sink ran dry after the server came back";
 }
 
 TEST(DeviceSinkOptions, ChoicesADeviceCantHonourAreRefusedWithTheReason) {
@@ -324,12 +310,10 @@ INSTANTIATE_TEST_SUITE_P(Outputs, DeviceSink, ::testing::Values(Output{"jack", f
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
-    if (argc != 4 || std::atoi(argv[3]) < 2) {
-        std::fprintf(stderr, "usage: %s <velmora-target> <jackd> <seconds, at least 2>\n", argv[0]);
+    std::string secondsText;
+    if (!takeArguments(argc, argv, {&toolPath, &jackdPath, &secondsText},
+                       "<velmora-target> <jackd> <seconds, at least 2>"))
         return 2;
-    }
-    toolPath = argv[1];
-    jackdPath = argv[2];
-    seconds = std::atoi(argv[3]);
+    seconds = std::max(2, std::atoi(secondsText.c_str()));
     return RUN_ALL_TESTS();
 }

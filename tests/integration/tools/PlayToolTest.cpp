@@ -6,8 +6,9 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -23,26 +24,9 @@ namespace {
 
 std::string playPath, targetPath, logPath, driverPath;
 
-// A fresh directory, removed with what it holds.
-class TempDir {
-  public:
-    TempDir() {
-        char pattern[] = "/tmp/velmora-play-test-XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-    std::string path;
-};
-
 WavData stereo16(const std::vector<std::int16_t>& samples) {
-    WavData wav;
-    wav.channels = 2;
-    wav.rate = 48000;
-    wav.bits = 16;
-    for (std::int16_t s : samples) {
-        wav.data.push_back(std::uint8_t(s));
-        wav.data.push_back(std::uint8_t(std::uint16_t(s) >> 8));
-    }
+    WavData wav{WavData::pcm, 2, 48000, 16, {}};
+    for (std::int16_t s : samples) wav.data.insert(wav.data.end(), {std::uint8_t(s), std::uint8_t(s >> 8)});
     return wav;
 }
 
@@ -52,7 +36,8 @@ std::vector<std::uint8_t> channelBytes(const HostSource& source, unsigned channe
     return out;
 }
 
-TEST(PlaySource, IntegerSamplesKeepTheirValueInAWiderType) {
+// Integers keep their value in a wider type, floats are rounded and clamped.
+TEST(PlaySource, WavSamplesConvertToTheDriversType) {
     HostSource source;
     std::string error;
     ASSERT_TRUE(source.fromWav(stereo16({0x1234, -2, -32768, 32767}), ASIOSTInt24LSB, 2, error)) << error;
@@ -62,22 +47,11 @@ TEST(PlaySource, IntegerSamplesKeepTheirValueInAWiderType) {
     std::uint8_t tail[4] = {1, 1, 1, 1};
     source.fill(0, 4, tail, 4);
     EXPECT_EQ(std::vector<std::uint8_t>(tail, tail + 4), (std::vector<std::uint8_t>{0x00, 0x80, 0, 0}));
-}
 
-TEST(PlaySource, FloatInputIsRoundedAndClampedForIntegerOutputs) {
-    WavData wav;
-    wav.formatTag = WavData::ieeeFloat;
-    wav.channels = 1;
-    wav.rate = 44100;
-    wav.bits = 32;
-    for (float value : {1.0f, -1.0f, 0.5f, -0.25f}) {
-        std::uint8_t bytes[4];
-        std::memcpy(bytes, &value, 4);
-        wav.data.insert(wav.data.end(), bytes, bytes + 4);
-    }
-    HostSource source;
-    std::string error;
-    ASSERT_TRUE(source.fromWav(wav, ASIOSTInt16LSB, 4, error)) << error;
+    const float values[] = {1.0f, -1.0f, 0.5f, -0.25f};
+    WavData floats{WavData::ieeeFloat, 1, 44100, 32, std::vector<std::uint8_t>(sizeof values)};
+    std::memcpy(floats.data.data(), values, sizeof values);
+    ASSERT_TRUE(source.fromWav(floats, ASIOSTInt16LSB, 4, error)) << error;
     EXPECT_EQ(channelBytes(source, 0),
               (std::vector<std::uint8_t>{0xFF, 0x7F, 0x00, 0x80, 0x00, 0x40, 0x00, 0xE0}));
 }
@@ -120,9 +94,7 @@ TEST(PlayCompare, MatchesAfterLeadsAndFindsADifferenceAShortSinkAndAnotherFormat
     Comparison shortSink = compareWav(given, stereo16({0, 0, 1, 2, 3, 4}));
     EXPECT_FALSE(shortSink.exact || shortSink.differs);
     EXPECT_NE(shortSink.text().find("only 2 of 3 frames"), std::string::npos) << shortSink.text();
-    WavData wider = given;
-    wider.bits = 32;
-    wider.channels = 1;
+    WavData wider{WavData::pcm, 1, 48000, 32, given.data};
     EXPECT_NE(compareWav(given, wider).text().find("formats differ"), std::string::npos);
     EXPECT_FALSE(compareWav(stereo16({0, 0}), stereo16({0, 0})).exact) << "silence proves nothing";
 }
@@ -188,14 +160,12 @@ TEST(PlayOptionsTest, ContradictionsAreRefused) {
 
 std::string readFile(const std::string& path) {
     std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 std::string settingsFolder(const TempDir& dir) {
     std::string folder = dir.path + "/config/KESTRANE Velmora";
-    std::system(("mkdir -p '" + folder + "'").c_str());
+    std::filesystem::create_directories(folder);
     std::ofstream(folder + "/setting.inf") << "TargetAddress=::1,19642\r\nInterLoopback=enable\r\n";
     return dir.path + "/config";
 }
@@ -272,14 +242,8 @@ TEST(LogTool, PrintsTheDriversLinesReadably) {
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
-    if (argc != 5) {
-        std::fprintf(stderr, "usage: %s <velmora-play> <velmora-target> <velmora-log> <driver library>\n",
-                     argv[0]);
-        return 2;
-    }
-    playPath = argv[1];
-    targetPath = argv[2];
-    logPath = argv[3];
-    driverPath = argv[4];
-    return RUN_ALL_TESTS();
+    return takeArguments(argc, argv, {&playPath, &targetPath, &logPath, &driverPath},
+                         "<velmora-play> <velmora-target> <velmora-log> <driver library>")
+               ? RUN_ALL_TESTS()
+               : 2;
 }

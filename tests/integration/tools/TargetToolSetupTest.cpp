@@ -22,8 +22,7 @@ class NoRingSync : public Sync {
 
 // What the host's set-up reads from the sink of a velmora-target started with `sinkOptions`.
 void readSink(const std::vector<std::string>& sinkOptions, NoRingSync& sync) {
-    std::vector<std::string> options = TargetProcess::anyPorts();
-    options.insert(options.end(), {"--sink", "1,0,Main out"});
+    std::vector<std::string> options = TargetProcess::anyPorts({"--sink", "1,0,Main out"});
     options.insert(options.end(), sinkOptions.begin(), sinkOptions.end());
     TargetProcess target(toolPath, options);
     ASSERT_NE(target.sinkPort, 0) << "velmora-target did not start its sink:\n" << target.printed;
@@ -42,23 +41,17 @@ TEST(TargetToolSetup, GetInfoReadsWhatTheSinkWasStartedWith) {
     EXPECT_EQ(sync.transfer.sink.max, 2000);
     EXPECT_EQ(sync.msMode, msMode1) << "any answer to the mode question offers mode1";
     EXPECT_EQ(sync.dataReq, 1400);
-}
 
-TEST(TargetToolSetup, SilentSinkKeepsTheDefaults) {
-    NoRingSync sync;
-    ASSERT_NO_FATAL_FAILURE(readSink({"--silent-modes", "--silent-datasize"}, sync));
-    EXPECT_EQ(sync.msMode, msModeNone);
-    EXPECT_EQ(sync.maxPacketSize, 1432);
+    // A sink silent on the modes and the data size leaves the defaults.
+    NoRingSync silent;
+    ASSERT_NO_FATAL_FAILURE(readSink({"--silent-modes", "--silent-datasize"}, silent));
+    EXPECT_EQ(silent.msMode, msModeNone);
+    EXPECT_EQ(silent.maxPacketSize, 1432);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
-    if (argc != 2) {
-        std::fprintf(stderr, "usage: %s <velmora-target>\n", argv[0]);
-        return 2;
-    }
-    toolPath = argv[1];
-    return RUN_ALL_TESTS();
+    return takeArguments(argc, argv, {&toolPath}, "<velmora-target>") ? RUN_ALL_TESTS() : 2;
 }

@@ -69,19 +69,16 @@ TEST(InfFileRead, NumberForms) {
         "-12 0 7 0 12 9223372036854775807 9223372036854775807 -9223372036854775808 -9223372036854775808 0 ");
 }
 
+// A folder of the test's own. Names are UTF-8 bytes, joined as text: a
+// narrow fs::path isn't UTF-8 on Windows.
 class InfFileFiles : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::random_device random;
-        dir =
-            fs::temp_directory_path() / ("norva_inf_" + std::to_string(random()) + std::to_string(random()));
-        ASSERT_TRUE(fs::create_directory(dir));
-    }
+    const fs::path dir = fs::temp_directory_path() / ("norva_inf_" + std::to_string(std::random_device()()));
+    void SetUp() override { ASSERT_TRUE(fs::create_directory(dir)); }
     void TearDown() override {
         std::error_code ignored;
         fs::remove_all(dir, ignored);
     }
-    // Names are UTF-8 bytes, joined as text: a narrow fs::path isn't UTF-8 on Windows.
     std::string file(const std::string& name) const {
         std::u8string text = dir.u8string();
         return std::string(text.begin(), text.end()) + "/" + name;
@@ -89,8 +86,6 @@ class InfFileFiles : public ::testing::Test {
     void put(const std::string& name, const std::string& bytes) const {
         ASSERT_TRUE(NORVA::Platform::writeWholeFile(file(name), bytes));
     }
-
-    fs::path dir;
 };
 
 TEST_F(InfFileFiles, ControlByteAnywhereFailsWholeLoad) {

@@ -4,6 +4,7 @@
 #include <sndfile.h>
 
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 #include "Platform/linux/SndfileWriter.h"
@@ -31,6 +32,7 @@ TEST(SndfileWriter, FilesSayWhatTheyHoldAndHoldItExactly) {
         {"24-bit FLAC", ".flac", 0x402, SF_FORMAT_FLAC, SF_FORMAT_PCM_24},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
         ScratchFile file("velmora-sndfile", c.suffix);
         FormatID format(c.low, 0xCu);  // 48 kHz
         unsigned step = format.bytesPerSample();
@@ -44,19 +46,17 @@ TEST(SndfileWriter, FilesSayWhatTheyHoldAndHoldItExactly) {
         }
         SndfileWriter writer;
         std::string error;
-        ASSERT_TRUE(writer.open(file.path, format, error)) << c.name << ": " << error;
-        ASSERT_TRUE(writer.write(bytes.data(), bytes.size() / 2)) << c.name;
-        ASSERT_TRUE(writer.write(bytes.data() + bytes.size() / 2, bytes.size() / 2)) << c.name;
-        ASSERT_TRUE(writer.close()) << c.name;
+        ASSERT_TRUE(writer.open(file.path, format, error)) << error;
+        ASSERT_TRUE(writer.write(bytes.data(), bytes.size() / 2) &&
+                    writer.write(bytes.data() + bytes.size() / 2, bytes.size() / 2) && writer.close());
 
         SF_INFO info{};
         SNDFILE* in = sf_open(file.path.c_str(), SFM_READ, &info);
-        ASSERT_NE(in, nullptr) << c.name;
-        EXPECT_EQ(info.format & SF_FORMAT_TYPEMASK, c.major) << c.name;
-        EXPECT_EQ(info.format & SF_FORMAT_SUBMASK, c.subtype) << c.name;
-        EXPECT_EQ(info.channels, 2) << c.name;
-        EXPECT_EQ(info.samplerate, 48000) << c.name;
-        ASSERT_EQ(info.frames, 480) << c.name;
+        ASSERT_NE(in, nullptr);
+        // Type, sample form, channels, rate and frames.
+        ASSERT_EQ(std::tuple(info.format & SF_FORMAT_TYPEMASK, info.format & SF_FORMAT_SUBMASK, info.channels,
+                             info.samplerate, info.frames),
+                  std::tuple(c.major, c.subtype, 2, 48000, sf_count_t(480)));
         // Read back as left-aligned 32-bit integers, or as floats.
         std::size_t wrong = 0;
         if (c.subtype == SF_FORMAT_FLOAT) {
@@ -72,7 +72,7 @@ TEST(SndfileWriter, FilesSayWhatTheyHoldAndHoldItExactly) {
                 wrong += std::memcmp(&back[i], wanted, 4) != 0;
             }
         }
-        EXPECT_EQ(wrong, 0u) << c.name << ": samples that differ";
+        EXPECT_EQ(wrong, 0u) << "samples that differ";
         sf_close(in);
     }
 }

@@ -190,45 +190,6 @@ bool socketBind4(SocketHandle handle, const SocketAddress6& address) {
     return true;
 }
 
-bool socketConnect(SocketHandle handle, const SocketAddress6& address, SocketFamily family) {
-    sockaddr_in6 v6 = toNative(address);
-    sockaddr_in v4 = toNative4(address);
-    int result = family == SocketFamily::v4
-                     ? connect(fd(handle), reinterpret_cast<const sockaddr*>(&v4), sizeof(v4))
-                     : connect(fd(handle), reinterpret_cast<const sockaddr*>(&v6), sizeof(v6));
-    if (result != 0) return failed();
-    return true;
-}
-
-SocketHandle socketAccept(SocketHandle handle, SocketAddress6* peer) {
-    sockaddr_storage native{};
-    socklen_t size = sizeof(native);
-    int result = accept4(fd(handle), reinterpret_cast<sockaddr*>(&native), &size, SOCK_CLOEXEC);
-    if (result < 0) {
-        failed();
-        return noSocket;
-    }
-    if (peer != nullptr) fromNative(native, *peer);
-    return result;
-}
-
-bool socketJoinGroup4(SocketHandle handle, const std::uint8_t group[4],
-                      const std::uint8_t interfaceAddress[4]) {
-    ip_mreq request{};
-    std::memcpy(&request.imr_multiaddr, group, 4);
-    std::memcpy(&request.imr_interface, interfaceAddress, 4);
-    if (setsockopt(fd(handle), IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof(request)) != 0)
-        return failed();
-    return true;
-}
-
-bool socketSetMulticastInterface4(SocketHandle handle, const std::uint8_t interfaceAddress[4]) {
-    in_addr address{};
-    std::memcpy(&address, interfaceAddress, 4);
-    if (setsockopt(fd(handle), IPPROTO_IP, IP_MULTICAST_IF, &address, sizeof(address)) != 0) return failed();
-    return true;
-}
-
 bool socketListen(SocketHandle handle, int backlog) {
     if (listen(fd(handle), backlog) != 0) return failed();
     return true;
@@ -264,16 +225,6 @@ std::int64_t sendToRecord(SocketHandle handle, const void* data, std::size_t len
 }
 
 }  // namespace
-
-std::int64_t socketSend(SocketHandle handle, const void* data, std::size_t length) {
-    return sendToRecord(handle, data, length, nullptr, 0);
-}
-
-std::int64_t socketSendTo4(SocketHandle handle, const void* data, std::size_t length,
-                           const SocketAddress6& peer) {
-    sockaddr_in native = toNative4(peer);
-    return sendToRecord(handle, data, length, reinterpret_cast<const sockaddr*>(&native), sizeof(native));
-}
 
 std::int64_t socketSendTo6(SocketHandle handle, const void* data, std::size_t length,
                            const SocketAddress6& peer) {
