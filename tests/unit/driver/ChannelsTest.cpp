@@ -18,13 +18,14 @@ const FormatID pcmStereo(0x802u, 0x3Eu);
 // DSD64 and DSD128, stereo, 32-bit words.
 const FormatID dsdLsbStereo(0x2510002u, 0x602u), dsdMsbStereo(0x2A10002u, 0x602u);
 
-// The host's callbacks: rate changes are noted, time info is taken.
+// The host's callbacks: rate changes are noted, time info and reset requests are taken.
 struct SeenRates {
     static inline std::vector<double> rates;
     static void ASIO_CALLBACK changed(ASIOSampleRate rate) { rates.push_back(rate); }
     static void ASIO_CALLBACK bufferSwitch(AsioLong, ASIOBool) {}
-    static AsioLong ASIO_CALLBACK message(AsioLong selector, AsioLong, void*, double*) {
-        return selector == kAsioSupportsTimeInfo ? 1 : 0;
+    static AsioLong ASIO_CALLBACK message(AsioLong selector, AsioLong value, void*, double*) {
+        return selector == kAsioSupportsTimeInfo ||
+               (selector == kAsioSelectorSupported && value == kAsioResetRequest);
     }
 };
 
@@ -123,6 +124,7 @@ TEST_F(Channels, RateAndClockChangesAreMarkedForTheHost) {
     ASIOBufferInfo records[1] = {{ASIOFalse, 0, {}}};
     ASSERT_EQ(driver.createBuffers(records, 1, 256, &callbacks), ASE_OK);
     EXPECT_EQ(driver.asioTime.timeCode.flags, 0x102u);
+    EXPECT_FALSE(driver.resetSupported) << "a lost stream asks for a reset only with ResetOnLoss";
     EXPECT_EQ(driver.setSampleRate(44100), ASE_OK);
     EXPECT_TRUE(SeenRates::rates.empty()) << "the present rate is no change";
     EXPECT_EQ(driver.setSampleRate(48000.7), ASE_OK);

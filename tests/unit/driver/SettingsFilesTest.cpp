@@ -21,14 +21,6 @@ class SettingsFiles : public ::testing::Test {
     TempFolder library;
 };
 
-TEST_F(SettingsFiles, UsersFileFirst) {
-    writeUser("CycleTime=2000\n");
-    ::SettingsFiles files = choose();
-    EXPECT_EQ(files.settingPath, userFile());
-    EXPECT_EQ(files.referencePath, library.file("setting_org.inf"));
-    EXPECT_FALSE(files.referenceInUse);
-}
-
 TEST_F(SettingsFiles, PointerFileNamesAFileElsewhere) {
     TempFolder elsewhere;
     std::string target = elsewhere.write("mine.inf", "Version=1\nCycleTime=2000\n");
@@ -53,8 +45,8 @@ TEST_F(SettingsFiles, ReferenceCopyWhenNothingElseLoads) {
     EXPECT_FALSE(std::filesystem::exists(userFile()));
 }
 
-// A reference copy of another version, older too, replaces the user's file
-// whole, sections first; an equal version leaves it untouched.
+// The user's file comes first. A reference copy of another version, older too, replaces it whole, sections
+// first; an equal version leaves it untouched.
 TEST_F(SettingsFiles, AnotherVersionReplacesTheUsersFileWhole) {
     const struct {
         const char *mine, *reference, *after;
@@ -68,7 +60,10 @@ TEST_F(SettingsFiles, AnotherVersionReplacesTheUsersFileWhole) {
     for (const auto& row : rows) {
         writeUser(row.mine);
         library.write("setting_org.inf", row.reference);
-        EXPECT_EQ(choose().settingPath, userFile());
+        const ::SettingsFiles files = choose();
+        EXPECT_EQ(files.settingPath, userFile());
+        EXPECT_EQ(files.referencePath, library.file("setting_org.inf"));
+        EXPECT_FALSE(files.referenceInUse);
         EXPECT_EQ(readUser(), row.after ? row.after : row.mine) << row.mine;
     }
 }

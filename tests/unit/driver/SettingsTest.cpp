@@ -4,14 +4,13 @@
 
 #include <sstream>
 
-#include "System/Log.h"
-#include "TempFolder.h"
+#include "DriverEnvironment.h"
 
 namespace {
 
 using NORVA::TimeValue;
 
-constexpr std::uint16_t manyProcessors = 64;
+constexpr std::uint16_t manyProcessors = 64;  // the CPULOW cases count on it
 
 // Every field as " name=value ", times in signed microseconds: a case names only the fields it is about.
 std::string describe(const DriverSettings& s) {
@@ -34,10 +33,10 @@ std::string describe(const DriverSettings& s) {
     return out.str();
 }
 
-DriverSettings load(const std::string& text, std::uint16_t processors = manyProcessors) {
+DriverSettings load(const std::string& text) {
     TempFolder folder;
     DriverSettings settings;
-    EXPECT_TRUE(settings.load(folder.write("setting.inf", text), processors)) << text;
+    EXPECT_TRUE(settings.load(folder.write("setting.inf", text), manyProcessors)) << text;
     return settings;
 }
 
@@ -84,8 +83,9 @@ TEST(Settings, RefusedValuesKeepDefaults) {
     EXPECT_EQ(describe(load("")), defaults);
 }
 
-// Text without a leading number reads as 0 and then meets its key's test;
-// the sides of a CPU range are read on their own; keywords are exact.
+// Text without a leading number reads as 0 and then meets its key's test; the sides of a CPU range are read
+// on their own; keywords are exact. A machine of no more processors than CPULOW reads the keys behind it from
+// "LOW" alone.
 TEST(Settings, ValuesAsTheKeysReadThem) {
     const struct {
         const char* text;
@@ -116,6 +116,9 @@ TEST(Settings, ValuesAsTheKeysReadThem) {
         {"Fragment=Optimize\nFlexCycle=max", " optimize=0 ", " flex=1001 "},
         {"Fragment=Optimize\nFlexCycle=enable", " optimize=1 ", " flex=1000 "},
         {"TargetAddress=zz::1,19642", " target=::,0 "},
+        {"SyncBufferCount=3\nCPULOW=64\nCycleTime=2000\nThredMode=3\n[LOW]\nCycleTime=4000",
+         " syncBuffers=3 cycle=4000 ", " thred=1 "},
+        {"CPULOW=63\nCycleTime=2000\n[LOW]\nCycleTime=4000", " cycle=2000 "},
     };
     for (const auto& c : cases) {
         std::string seen = describe(load(std::string(c.text) + "\n"));
@@ -124,51 +127,25 @@ TEST(Settings, ValuesAsTheKeysReadThem) {
     }
 }
 
-TEST(Settings, LowProfileOnSmallMachines) {
-    const std::string text =
-        "ASIOBufferSizePre=256\nCPULOW=4\nCycleTime=2000\nThredMode=3\n"
-        "[LOW]\nASIOBufferSizePre=1024\nCycleTime=4000\n";
-    DriverSettings small = load(text, 4);
-    EXPECT_EQ(small.asioBufferSizePre, 256);  // read before CPULOW, from "global"
-    EXPECT_EQ(small.cycleTime, TimeValue::fromUs(4000));
-    EXPECT_EQ(small.thredMode, 1u);  // no fallback to "global" behind CPULOW
-    DriverSettings large = load(text, 5);
-    EXPECT_EQ(large.cycleTime, TimeValue::fromUs(2000));
-    EXPECT_EQ(large.thredMode, 3u);
+class SettingsOverlay : public DriverEnvironment {};
 
-    // Without a "LOW" section everything behind CPULOW keeps its default.
-    DriverSettings bare = load("CPULOW=8\nCycleTime=2000\nCpuSend=1\n", 2);
-    EXPECT_EQ(bare.cycleTime, TimeValue::fromUs(1000));
-    EXPECT_EQ(bare.cpuSend, -1);
-    EXPECT_EQ(load("CPULOW=0\nCycleTime=2000\n[LOW]\nCycleTime=4000\n", 1).cycleTime,
-              TimeValue::fromUs(2000));
-}
-
-class SettingsOverlay : public ::testing::Test {
-  protected:
-    void TearDown() override { NORVA::logThreshold.store(-1); }
-    TempFolder folder;
-};
-
+// "debug.inf" beside the settings file lies over it; its Debug key turns logging on.
 TEST_F(SettingsOverlay, DebugFileBesideTheSettingsWins) {
-    std::string path =
-        folder.write("setting.inf", "CycleTime=2000\nStartDelay=10\nDebug=on\n[LOW]\nCycleTime=3000\n");
-    DriverSettings s;
-    ASSERT_TRUE(s.load(path, manyProcessors));
-    EXPECT_EQ(NORVA::logThreshold.load(), -1) << "only enable and debug turn logging on";
-
-    folder.write("debug.inf", "CycleTime=500\nDebug=enable\n[LOW]\nCycleTime=700\n");
-    ASSERT_TRUE(s.load(path, manyProcessors));
-    EXPECT_EQ(s.cycleTime, TimeValue::fromUs(500));
-    EXPECT_EQ(s.startDelay, 10);
-    EXPECT_EQ(NORVA::logThreshold.load(), 6);
-    folder.write("debug.inf", "Debug=debug\n");
-    ASSERT_TRUE(s.load(path, manyProcessors));
-    EXPECT_EQ(NORVA::logThreshold.load(), 7);
-
-    // The debug file alone is no settings file.
-    EXPECT_FALSE(s.load(folder.file("other.inf"), manyProcessors));
-    EXPECT_EQ(s.cycleTime, TimeValue::fromUs(1000));
+    const std::string path = user.write("setting.inf", "CycleTime=2000\nStartDelay=10\nDebug=on\n");
+    const struct {
+        const char* debug;  // the debug file, if any
+        std::uint64_t cycleUs;
+        int logThreshold;
+    } rows[] = {{nullptr, 2000, -1}, {"CycleTime=500\nDebug=enable\n", 500, 6}, {"Debug=debug\n", 2000, 7}};
+    for (const auto& row : rows) {
+        if (row.debug) user.write("debug.inf", row.debug);
+        DriverSettings s;
+        ASSERT_TRUE(s.load(path, manyProcessors));
+        EXPECT_EQ(s.cycleTime, TimeValue::fromUs(row.cycleUs));
+        EXPECT_EQ(s.startDelay, 10);
+        EXPECT_EQ(NORVA::logThreshold.load(), row.logThreshold) << "only enable and debug turn logging on";
+    }
+    EXPECT_FALSE(DriverSettings().load(user.file("other.inf"), manyProcessors)) << "the debug file alone";
 }
 
 }  // namespace
