@@ -23,15 +23,14 @@ namespace MessageType = VELMORA::MessageType;
 using Clock = std::chrono::steady_clock;
 
 // A service on a loopback port that records every frame and answers the n-th (from 0) with the bytes
-// `answer` gives, or not at all if they are empty.
+// `answer` gives, or not at all if there are none.
 class FakeService {
   public:
     using Answer = std::function<std::vector<std::uint8_t>(int index, const FrameHeader& request)>;
 
-    explicit FakeService(Answer answer) : answer(std::move(answer)) {
-        EXPECT_TRUE(socket.open(NORVA::Socket::udp6));
+    explicit FakeService(Answer answer = {}) : answer(std::move(answer)) {
         NORVA::IPAddress local = NORVA::IPAddress::loopback(0);
-        EXPECT_TRUE(socket.bind(local));
+        EXPECT_TRUE(socket.open(NORVA::Socket::udp6) && socket.bind(local));
         port = local.port();
         thread = std::jthread([this](std::stop_token stop) { serve(stop); });
     }
@@ -58,7 +57,8 @@ class FakeService {
             std::memcpy(header.bytes, data, std::min<std::size_t>(length, VELMORA::headerSize));
             received.push_back(header);
             EXPECT_EQ(length, VELMORA::headerSize);
-            std::vector<std::uint8_t> reply = answer(int(received.size() - 1), header);
+            std::vector<std::uint8_t> reply;
+            if (answer) reply = answer(int(received.size() - 1), header);
             if (!reply.empty()) socket.sendTo(peer, false, reply.data(), reply.size());
         }
     }
@@ -73,10 +73,6 @@ std::vector<std::uint8_t> answerOf(std::uint16_t type) {
     FrameHeader header;
     header.set(type, VELMORA::flagYes, 0, 0, 0, 0);
     return std::vector<std::uint8_t>(header.bytes, header.bytes + VELMORA::headerSize);
-}
-
-std::vector<std::uint8_t> silence(int, const FrameHeader&) {
-    return {};
 }
 
 DriverSettings placement(std::int32_t cpuSend, std::int32_t cpuOther, std::int32_t count, bool wait) {
@@ -97,7 +93,7 @@ using Fields = std::vector<std::uint16_t>;
 constexpr std::uint64_t processId = 0x0000123456789ABCull;
 
 TEST(LocalService, WithoutWaitingEachRequestGoesOutOnce) {
-    FakeService service(silence);
+    FakeService service;
     LocalServiceExchange exchange;
     exchange.port = service.port;
     exchange.up(placement(-1, 2, 4, false), processId);
@@ -130,7 +126,7 @@ TEST(LocalService, WaitingResendsUntilTheRightAnswer) {
 }
 
 TEST(LocalService, SilentServiceIsAskedUntilTheLimit) {
-    FakeService service(silence);
+    FakeService service;
     LocalServiceExchange exchange;
     exchange.port = service.port;
     exchange.answerWait = NORVA::TimeValue::fromMs(50);

@@ -1,3 +1,4 @@
+// Reading the settings, and the choice of which settings file is in force.
 #include "Settings.h"
 
 #include <gtest/gtest.h>
@@ -5,6 +6,7 @@
 #include <sstream>
 
 #include "DriverEnvironment.h"
+#include "platform/DriverPlatform.h"
 
 namespace {
 
@@ -127,10 +129,22 @@ TEST(Settings, ValuesAsTheKeysReadThem) {
     }
 }
 
-class SettingsOverlay : public DriverEnvironment {};
+// A user's folder and a library folder, each in its own temporary folder.
+class SettingsFiles : public DriverEnvironment {
+  protected:
+    std::string userFile() const {
+        const char separator = DriverPlatform::pathSeparator;
+        return user.path.string() + separator + "KESTRANE Velmora" + separator + "setting.inf";
+    }
+    void writeUser(const std::string& text) const { user.write("KESTRANE Velmora/setting.inf", text); }
+    std::string readUser() const { return user.read("KESTRANE Velmora/setting.inf"); }
+    ::SettingsFiles choose() const { return chooseSettingsFile(user.path.string(), library.directory()); }
+
+    TempFolder library;
+};
 
 // "debug.inf" beside the settings file lies over it; its Debug key turns logging on.
-TEST_F(SettingsOverlay, DebugFileBesideTheSettingsWins) {
+TEST_F(SettingsFiles, DebugFileBesideTheSettingsWins) {
     const std::string path = user.write("setting.inf", "CycleTime=2000\nStartDelay=10\nDebug=on\n");
     const struct {
         const char* debug;  // the debug file, if any
@@ -146,6 +160,53 @@ TEST_F(SettingsOverlay, DebugFileBesideTheSettingsWins) {
         EXPECT_EQ(NORVA::logThreshold.load(), row.logThreshold) << "only enable and debug turn logging on";
     }
     EXPECT_FALSE(DriverSettings().load(user.file("other.inf"), manyProcessors)) << "the debug file alone";
+}
+
+TEST_F(SettingsFiles, PointerFileNamesAFileElsewhere) {
+    TempFolder elsewhere;
+    std::string target = elsewhere.write("mine.inf", "Version=1\nCycleTime=2000\n");
+    library.write("setting_path.inf", "SettingPath=" + target + "\n");
+    library.write("setting_org.inf", "Version=1\nCycleTime=900\n");
+    ::SettingsFiles files = choose();
+    EXPECT_EQ(files.settingPath, target);
+    EXPECT_FALSE(files.referenceInUse);
+    // A new version replaces the named file, as it does the user's.
+    library.write("setting_org.inf", "Version=2\n");
+    choose();
+    EXPECT_EQ(elsewhere.read("mine.inf"), "[global]\r\nVersion=2\r\n\r\n");
+}
+
+TEST_F(SettingsFiles, ReferenceCopyWhenNothingElseLoads) {
+    library.write("setting_path.inf", "SettingPath=" + library.file("gone.inf") + "\n");
+    library.write("setting_org.inf", "Version=2\n");
+    ::SettingsFiles files = choose();
+    EXPECT_EQ(files.settingPath, library.file("setting_org.inf"));
+    EXPECT_TRUE(files.referenceInUse);
+    // Nothing was written in the user's folder.
+    EXPECT_FALSE(std::filesystem::exists(userFile()));
+}
+
+// The user's file comes first. A reference copy of another version, older too, replaces it whole, sections
+// first; an equal version leaves it untouched.
+TEST_F(SettingsFiles, AnotherVersionReplacesTheUsersFileWhole) {
+    const struct {
+        const char *mine, *reference, *after;
+    } rows[] = {
+        {"Version=1\nCycleTime=2000\nStartDelay=7\n", "Version=2\nCycleTime=900\n[LOW]\nCycleTime=1800\n",
+         "[LOW]\r\nCycleTime=1800\r\n\r\n[global]\r\nCycleTime=900\r\nVersion=2\r\n\r\n"},
+        {"Version=5\nCycleTime=2000\n", "Version=4\n", "[global]\r\nVersion=4\r\n\r\n"},
+        {"CycleTime=2000\n", "Version=1\n", "[global]\r\nVersion=1\r\n\r\n"},
+        {"Version=3\n; my notes\nCycleTime=2000\n", "Version=3\nCycleTime=900\n", nullptr},
+    };
+    for (const auto& row : rows) {
+        writeUser(row.mine);
+        library.write("setting_org.inf", row.reference);
+        const ::SettingsFiles files = choose();
+        EXPECT_EQ(files.settingPath, userFile());
+        EXPECT_EQ(files.referencePath, library.file("setting_org.inf"));
+        EXPECT_FALSE(files.referenceInUse);
+        EXPECT_EQ(readUser(), row.after ? row.after : row.mine) << row.mine;
+    }
 }
 
 }  // namespace

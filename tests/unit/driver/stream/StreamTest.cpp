@@ -180,7 +180,7 @@ class Stream : public DriverEnvironment {
     }
 
     // A sink for the case, and a driver made by the factory, as a host makes it, with the host's buffers.
-    void prepare(const Case& c) {
+    void prepare(const Case& c, const char* settings = "") {
         sinkConfig.pcm = c.pcm;
         sinkConfig.dsdLsb = c.dsdLsb;
         sinkConfig.dsdMsb = c.dsdMsb;
@@ -190,15 +190,12 @@ class Stream : public DriverEnvironment {
         driver = static_cast<AsioVelmora*>(createAsioVelmora(nullptr, &result));
         ASSERT_NE(driver, nullptr);
         driver->NonDelegatingAddRef();
-        driver->settingPath = user.write("setting.inf", std::string(common) + c.settings);
+        driver->settingPath = user.write("setting.inf", std::string(common) + c.settings + settings);
         ASSERT_TRUE(driver->loadSettings());
         driver->targetControlPort = peer->control();
         ASSERT_EQ(driver->init(nullptr), ASIOTrue) << driver->errorText;
-        if (c.dsd) {
-            ASIOIoFormat format{};
-            format.FormatType = kASIODSDFormat;
-            ASSERT_EQ(driver->future(kAsioSetIoFormat, &format), ASE_SUCCESS);
-        }
+        ASIOIoFormat format{c.dsd ? kASIODSDFormat : kASIOPCMFormat, {}};
+        ASSERT_EQ(driver->future(kAsioSetIoFormat, &format), ASE_SUCCESS);
         ASSERT_EQ(driver->canSampleRate(c.rate), ASE_OK);
         ASSERT_EQ(driver->setSampleRate(c.rate), ASE_OK);
         host.sampleBytes = c.sampleBytes;
@@ -219,9 +216,7 @@ class Stream : public DriverEnvironment {
 
     // A stereo 16-bit stream with `settings` under way, its host called `calls` times.
     void streamStereo16(std::uint64_t calls, const char* settings = "") {
-        Case c = stereo16;
-        c.settings = settings;
-        prepare(c);
+        prepare(stereo16, settings);
         ASSERT_EQ(driver->start(), ASE_OK);
         ASSERT_TRUE(waitForCalls(calls));
     }
@@ -317,16 +312,12 @@ TEST_F(Stream, PlayWaitsForTheStartDelay) {
     } rows[] = {{"", std::chrono::milliseconds(10)}, {"StartDelay=50000\n", std::chrono::milliseconds(60)}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.settings);
-        Case c = stereo16;
-        c.settings = row.settings;
-        prepare(c);
+        prepare(stereo16, row.settings);
         const auto started = Clock::now();
         ASSERT_EQ(driver->start(), ASE_OK);
         waitUntil([&] { return driver->sync.playing != 0; });
         EXPECT_GE(Clock::now() - started, row.least);
         EXPECT_EQ(driver->sync.playing, 1);
-        EXPECT_EQ(driver->stop(), ASE_OK);
-        EXPECT_EQ(driver->disposeBuffers(), ASE_OK);
         release();
     }
 }
