@@ -69,12 +69,6 @@ class FakeService {
     std::jthread thread;
 };
 
-std::vector<std::uint8_t> answerOf(std::uint16_t type) {
-    FrameHeader header;
-    header.set(type, VELMORA::flagYes, 0, 0, 0, 0);
-    return std::vector<std::uint8_t>(header.bytes, header.bytes + VELMORA::headerSize);
-}
-
 DriverSettings placement(std::int32_t cpuSend, std::int32_t cpuOther, std::int32_t count, bool wait) {
     DriverSettings s;
     std::tie(s.cpuSend, s.cpuOther, s.cpuOtherCount, s.ackProcessCtl) =
@@ -112,7 +106,10 @@ TEST(LocalService, WaitingResendsUntilTheRightAnswer) {
     FakeService service([](int index, const FrameHeader& request) -> std::vector<std::uint8_t> {
         if (index < 2)
             return index == 0 ? std::vector<std::uint8_t>() : std::vector<std::uint8_t>{1, 2, 3, 4};
-        return answerOf(index == 2 ? MessageType::LOCALCPU_ANS : std::uint16_t(request.type() + 1));
+        FrameHeader answer;
+        answer.set(index == 2 ? MessageType::LOCALCPU_ANS : std::uint16_t(request.type() + 1),
+                   VELMORA::flagYes, 0, 0, 0, 0);
+        return std::vector<std::uint8_t>(answer.bytes, answer.bytes + VELMORA::headerSize);
     });
     LocalServiceExchange exchange;
     exchange.port = service.port;
