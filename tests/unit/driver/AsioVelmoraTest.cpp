@@ -54,22 +54,6 @@ class Driver : public DriverEnvironment {
     }
 };
 
-// The host's buffers take a name of 31 characters and an error text of 123; the driver's text holds 127.
-TEST_F(Driver, TextsAreCutToTheHostsBuffers) {
-    AsioVelmora driver(nullptr, nullptr);
-    driver.driverName = "A very long target name(and its output name)";
-    char name[32];
-    std::memset(name, 'x', sizeof(name));
-    driver.getDriverName(name);
-    EXPECT_EQ(std::string(name), driver.driverName.substr(0, 31));
-    std::memset(driver.errorText, 'e', sizeof(driver.errorText) - 1);
-    char text[AsioVelmora::errorTextSize];
-    std::memset(text, 'x', sizeof(text));
-    driver.getErrorMessage(text);
-    EXPECT_EQ(std::string(text), std::string(123, 'e'));
-    EXPECT_EQ(std::string(text + 124, 4), "xxxx");
-}
-
 #if !(defined(_WIN32) && defined(__i386__))
 // A host compiled against another header reaches each operation only by its slot number; where `this` is the
 // first argument, slots are plain functions.
@@ -79,23 +63,26 @@ Result callSlot(IASIO* object, int index, Arguments... arguments) {
     return reinterpret_cast<Result (*)(IASIO*, Arguments...)>(table[index])(object, arguments...);
 }
 
+// The texts are cut to the host's buffers: 31 characters of the name, 123 of the error text, which holds 127.
 TEST_F(Driver, SlotsInTheOrderHostsCallThem) {
     AsioVelmora driver(nullptr, nullptr);
-    driver.driverName = "slot four";
+    driver.driverName = "slot four, a very long target name(and its output name)";
     driver.initialised = true;
     driver.channelCount = 6;
-    std::strcpy(driver.errorText, "slot six");
+    std::memset(driver.errorText, 'e', sizeof(driver.errorText) - 1);
     IASIO* host = &driver;
 
     int handle = 0;  // initialised: init only stores the handle
     EXPECT_EQ(callSlot<ASIOBool>(host, 3, static_cast<void*>(&handle)), ASIOTrue);
     EXPECT_EQ(driver.sysHandle, &handle);
     char text[AsioVelmora::errorTextSize];
+    std::memset(text, 'x', sizeof(text));
     callSlot<void>(host, 4, +text);
-    EXPECT_STREQ(text, "slot four");
+    EXPECT_EQ(std::string(text), driver.driverName.substr(0, 31));
     EXPECT_EQ(callSlot<AsioLong>(host, 5), 1);
     callSlot<void>(host, 6, +text);
-    EXPECT_STREQ(text, "slot six");
+    EXPECT_EQ(std::string(text), std::string(123, 'e'));
+    EXPECT_EQ(std::string(text + 124, 4), "xxxx");
     AsioLong a = 7, b = 0;
     EXPECT_EQ(callSlot<ASIOError>(host, 9, &a, &b), ASE_OK);
     EXPECT_EQ(a, 0);
@@ -135,7 +122,6 @@ TEST_F(Driver, InitAgainstSinksAndItsFailures) {
         EXPECT_EQ(initWithMargin(*driver), ok ? ASIOTrue : ASIOFalse);
         EXPECT_EQ(errorMessage(*driver), row.error);
         EXPECT_TRUE(log.hasPrefix(row.logged));
-        EXPECT_EQ(driver->initialised, ok);
         AsioLong inputs = -1, outputs = -1;
         EXPECT_EQ(driver->getChannels(&inputs, &outputs), ASE_OK);
         EXPECT_EQ(outputs, row.outputs);

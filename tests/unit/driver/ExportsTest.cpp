@@ -69,7 +69,7 @@ class Finder : public DriverEnvironment {};
 // tool and the reference copy beside the library, which here is the test program.
 TEST_F(Finder, FilesLieInTheUsersAndTheLibrarysFolders) {
     const bool windows = DriverPlatform::pathSeparator == '\\';
-    if (!windows) user.write("KESTRANE Velmora/setting.inf", "CycleTime=2500\nPCMRequest=CovertS32\n");
+    if (!windows) user.write("KESTRANE Velmora/setting.inf", "CycleTime=2500\n");
     AsioVelmora driver(nullptr, nullptr);
     const std::string directory = DriverPlatform::libraryDirectory();
     ASSERT_FALSE(directory.empty());
@@ -83,7 +83,6 @@ TEST_F(Finder, FilesLieInTheUsersAndTheLibrarysFolders) {
         EXPECT_EQ(text(*finder, &FinderCall::settingPath), driver.settingPath);
         EXPECT_EQ(driver.settingPath, user.file("KESTRANE Velmora/setting.inf"));
         EXPECT_EQ(driver.settings.cycleTime, NORVA::TimeValue::fromUs(2500));
-        EXPECT_TRUE(driver.settings.covertS32);
     }
     std::uint64_t ids[4] = {};
     EXPECT_EQ(finder->findIdList(ids, 4), 0u);

@@ -142,23 +142,20 @@ class SettingsFiles : public DriverEnvironment {
     TempFolder library;
 };
 
-// "debug.inf" beside the settings file lies over it; its Debug key turns logging on.
+// "debug.inf" beside the settings file lies over it, but alone is no settings file; its Debug key turns
+// logging on, "enable" at 6 and "debug" at 7.
 TEST_F(SettingsFiles, DebugFileBesideTheSettingsWins) {
-    const std::string path = user.write("setting.inf", "CycleTime=2000\nStartDelay=10\nDebug=on\n");
-    const struct {
-        const char* debug;  // the debug file, if any
-        std::uint64_t cycleUs;
-        int logThreshold;
-    } rows[] = {{nullptr, 2000, -1}, {"CycleTime=500\nDebug=enable\n", 500, 6}, {"Debug=debug\n", 2000, 7}};
-    for (const auto& row : rows) {
-        if (row.debug) user.write("debug.inf", row.debug);
-        DriverSettings s;
-        ASSERT_TRUE(s.load(path, manyProcessors));
-        EXPECT_EQ(s.cycleTime, TimeValue::fromUs(row.cycleUs));
-        EXPECT_EQ(s.startDelay, 10);
-        EXPECT_EQ(NORVA::logThreshold.load(), row.logThreshold) << "only enable and debug turn logging on";
-    }
-    EXPECT_FALSE(DriverSettings().load(user.file("other.inf"), manyProcessors)) << "the debug file alone";
+    const std::string path = user.write("setting.inf", "CycleTime=2000\nStartDelay=10\nDebug=debug\n");
+    user.write("debug.inf", "CycleTime=500\nDebug=enable\n");
+    DriverSettings s;
+    ASSERT_TRUE(s.load(path, manyProcessors));
+    EXPECT_EQ(s.cycleTime, TimeValue::fromUs(500));
+    EXPECT_EQ(s.startDelay, 10);
+    EXPECT_EQ(NORVA::logThreshold.load(), 6);
+    user.write("debug.inf", "Debug=debug\n");
+    ASSERT_TRUE(s.load(path, manyProcessors));
+    EXPECT_EQ(NORVA::logThreshold.load(), 7);
+    EXPECT_FALSE(s.load(user.file("other.inf"), manyProcessors));
 }
 
 TEST_F(SettingsFiles, PointerFileNamesAFileElsewhere) {
