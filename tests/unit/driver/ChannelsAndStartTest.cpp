@@ -236,7 +236,6 @@ TEST_F(Start, HostBufferFixesTheCycle) {
     EXPECT_TRUE(log.has("start cycle=11610usec 86Hz size=1024 cycleMin=0usec 0Hz 1024x2ppc"));
     EXPECT_TRUE(buffersHold(0));
     EXPECT_EQ(driver.sync.profileCount, 1);
-    driver.stop();
 }
 
 // The settings pick the planner (the planners' own results are TransferProfileTest's), at 44.1 kHz
@@ -291,9 +290,7 @@ TEST_F(Start, TargetProfileLimitPlansTwoProfilesAndLongCyclesSleep) {
     for (const auto& c : cases) {
         driver.sync.threadFlags = driver.settings.thredMode = spin | 1;  // as init leaves them
         driver.settings.targetProfileLimitTime = NORVA::TimeValue::fromUs(c.limitUs);
-        LogCapture log;
         EXPECT_EQ(driver.start(), ASE_NotPresent);
-        EXPECT_TRUE(log.has("configTransfer profile"));
         EXPECT_EQ(driver.sync.profileCount, 2);
         EXPECT_EQ(driver.sync.profiles[0].cycle.toUs(), c.firstCycleUs);
         EXPECT_EQ(driver.sync.threadFlags, c.flagsLeft) << c.limitUs;
