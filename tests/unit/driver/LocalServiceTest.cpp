@@ -31,7 +31,7 @@ class FakeService {
     explicit FakeService(Answer answer = {}) : answer(std::move(answer)) {
         NORVA::IPAddress local = NORVA::IPAddress::loopback(0);
         EXPECT_TRUE(socket.open(NORVA::Socket::udp6) && socket.bind(local));
-        port = local.port();
+        exchange.port = local.port();
         thread = std::jthread([this](std::stop_token stop) { serve(stop); });
     }
 
@@ -43,7 +43,7 @@ class FakeService {
         return received;
     }
 
-    std::uint16_t port = 0;
+    LocalServiceExchange exchange;  // with this service
 
   private:
     void serve(std::stop_token stop) {
@@ -88,10 +88,8 @@ constexpr std::uint64_t processId = 0x0000123456789ABCull;
 
 TEST(LocalService, WithoutWaitingEachRequestGoesOutOnce) {
     FakeService service;
-    LocalServiceExchange exchange;
-    exchange.port = service.port;
-    exchange.up(placement(-1, 2, 4, false), processId);
-    exchange.down(placement(-1, 2, 4, false), processId);
+    service.exchange.up(placement(-1, 2, 4, false), processId);
+    service.exchange.down(placement(-1, 2, 4, false), processId);
 
     std::vector<FrameHeader> frames = service.frames();
     ASSERT_EQ(frames.size(), 4u);
@@ -111,10 +109,8 @@ TEST(LocalService, WaitingResendsUntilTheRightAnswer) {
                    VELMORA::flagYes, 0, 0, 0, 0);
         return std::vector<std::uint8_t>(answer.bytes, answer.bytes + VELMORA::headerSize);
     });
-    LocalServiceExchange exchange;
-    exchange.port = service.port;
-    exchange.answerWait = NORVA::TimeValue::fromMs(100);
-    exchange.up(placement(3, -1, -1, true), processId);
+    service.exchange.answerWait = NORVA::TimeValue::fromMs(100);
+    service.exchange.up(placement(3, -1, -1, true), processId);
 
     std::vector<FrameHeader> frames = service.frames();
     ASSERT_EQ(frames.size(), 5u);
@@ -124,12 +120,10 @@ TEST(LocalService, WaitingResendsUntilTheRightAnswer) {
 
 TEST(LocalService, SilentServiceIsAskedUntilTheLimit) {
     FakeService service;
-    LocalServiceExchange exchange;
-    exchange.port = service.port;
-    exchange.answerWait = NORVA::TimeValue::fromMs(50);
-    exchange.limit = NORVA::TimeValue::fromMs(500);
+    service.exchange.answerWait = NORVA::TimeValue::fromMs(50);
+    service.exchange.limit = NORVA::TimeValue::fromMs(500);
     Clock::time_point start = Clock::now();
-    exchange.down(placement(-1, 0, 1, true), processId);
+    service.exchange.down(placement(-1, 0, 1, true), processId);
     auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
     EXPECT_GE(took, 450);
     EXPECT_LT(took, 1500);

@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "../DriverEnvironment.h"
@@ -181,9 +182,7 @@ class Stream : public DriverEnvironment {
 
     // A sink for the case, and a driver made by the factory, as a host makes it, with the host's buffers.
     void prepare(const Case& c, const char* settings = "") {
-        sinkConfig.pcm = c.pcm;
-        sinkConfig.dsdLsb = c.dsdLsb;
-        sinkConfig.dsdMsb = c.dsdMsb;
+        std::tie(sinkConfig.pcm, sinkConfig.dsdLsb, sinkConfig.dsdMsb) = std::tie(c.pcm, c.dsdLsb, c.dsdMsb);
         peer = std::make_unique<LoopbackTarget>(sinkConfig);
         ASSERT_TRUE(peer->opened);
         HRESULT result = S_OK;
@@ -235,7 +234,6 @@ class Stream : public DriverEnvironment {
     void expectArrivedExactly(const Case& c) {
         EXPECT_EQ(driver->stop(), ASE_OK);
         const std::uint64_t calls = host.calls.load();
-        driver->disposeBuffers();
         release();
         peer->sink.stop();
         const std::vector<std::uint8_t> stream = fileBytes(wav);
