@@ -37,12 +37,9 @@ TEST(Bridge, ThirtyTwoBitSamplesAreCutOrPaddedWithoutRounding) {
               std::vector<std::uint8_t>({0x34, 0x12, 0xFF, 0xFF, 0x00, 0x80, 0x00, 0x00}));
     EXPECT_EQ(interleaved(BridgeForm::cut32to24, left, right, 1),
               std::vector<std::uint8_t>({0x56, 0x34, 0x12, 0xFF, 0xFF, 0xFF}));
-    std::vector<std::uint8_t> padded = interleaved(BridgeForm::pad32to64, left, right, 2);
-    std::uint64_t first = 0, last = 0;
-    std::memcpy(&first, padded.data(), 8);
-    std::memcpy(&last, padded.data() + 24, 8);
-    EXPECT_EQ(first, 0x1234567800000000u);
-    EXPECT_EQ(last, 0x0000018000000000u);
+    EXPECT_EQ(
+        interleaved(BridgeForm::pad32to64, left, right, 1),
+        std::vector<std::uint8_t>({0, 0, 0, 0, 0x78, 0x56, 0x34, 0x12, 0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}));
 }
 
 }  // namespace

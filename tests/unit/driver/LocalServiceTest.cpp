@@ -23,16 +23,15 @@ namespace MessageType = VELMORA::MessageType;
 using Clock = std::chrono::steady_clock;
 
 // A service on a loopback port that records every frame and answers the n-th (from 0) with the bytes
-// `answer` gives, or not at all if they are empty.
+// `answer` gives, or not at all if there are none.
 class FakeService {
   public:
     using Answer = std::function<std::vector<std::uint8_t>(int index, const FrameHeader& request)>;
 
-    explicit FakeService(Answer answer) : answer(std::move(answer)) {
-        EXPECT_TRUE(socket.open(NORVA::Socket::udp6));
+    explicit FakeService(Answer answer = {}) : answer(std::move(answer)) {
         NORVA::IPAddress local = NORVA::IPAddress::loopback(0);
-        EXPECT_TRUE(socket.bind(local));
-        port = local.port();
+        EXPECT_TRUE(socket.open(NORVA::Socket::udp6) && socket.bind(local));
+        exchange.port = local.port();
         thread = std::jthread([this](std::stop_token stop) { serve(stop); });
     }
 
@@ -44,7 +43,7 @@ class FakeService {
         return received;
     }
 
-    std::uint16_t port = 0;
+    LocalServiceExchange exchange;  // with this service
 
   private:
     void serve(std::stop_token stop) {
@@ -58,7 +57,8 @@ class FakeService {
             std::memcpy(header.bytes, data, std::min<std::size_t>(length, VELMORA::headerSize));
             received.push_back(header);
             EXPECT_EQ(length, VELMORA::headerSize);
-            std::vector<std::uint8_t> reply = answer(int(received.size() - 1), header);
+            std::vector<std::uint8_t> reply;
+            if (answer) reply = answer(int(received.size() - 1), header);
             if (!reply.empty()) socket.sendTo(peer, false, reply.data(), reply.size());
         }
     }
@@ -68,16 +68,6 @@ class FakeService {
     std::vector<FrameHeader> received;
     std::jthread thread;
 };
-
-std::vector<std::uint8_t> answerOf(std::uint16_t type) {
-    FrameHeader header;
-    header.set(type, VELMORA::flagYes, 0, 0, 0, 0);
-    return std::vector<std::uint8_t>(header.bytes, header.bytes + VELMORA::headerSize);
-}
-
-std::vector<std::uint8_t> silence(int, const FrameHeader&) {
-    return {};
-}
 
 DriverSettings placement(std::int32_t cpuSend, std::int32_t cpuOther, std::int32_t count, bool wait) {
     DriverSettings s;
@@ -97,11 +87,9 @@ using Fields = std::vector<std::uint16_t>;
 constexpr std::uint64_t processId = 0x0000123456789ABCull;
 
 TEST(LocalService, WithoutWaitingEachRequestGoesOutOnce) {
-    FakeService service(silence);
-    LocalServiceExchange exchange;
-    exchange.port = service.port;
-    exchange.up(placement(-1, 2, 4, false), processId);
-    exchange.down(placement(-1, 2, 4, false), processId);
+    FakeService service;
+    service.exchange.up(placement(-1, 2, 4, false), processId);
+    service.exchange.down(placement(-1, 2, 4, false), processId);
 
     std::vector<FrameHeader> frames = service.frames();
     ASSERT_EQ(frames.size(), 4u);
@@ -116,12 +104,13 @@ TEST(LocalService, WaitingResendsUntilTheRightAnswer) {
     FakeService service([](int index, const FrameHeader& request) -> std::vector<std::uint8_t> {
         if (index < 2)
             return index == 0 ? std::vector<std::uint8_t>() : std::vector<std::uint8_t>{1, 2, 3, 4};
-        return answerOf(index == 2 ? MessageType::LOCALCPU_ANS : std::uint16_t(request.type() + 1));
+        FrameHeader answer;
+        answer.set(index == 2 ? MessageType::LOCALCPU_ANS : std::uint16_t(request.type() + 1),
+                   VELMORA::flagYes, 0, 0, 0, 0);
+        return std::vector<std::uint8_t>(answer.bytes, answer.bytes + VELMORA::headerSize);
     });
-    LocalServiceExchange exchange;
-    exchange.port = service.port;
-    exchange.answerWait = NORVA::TimeValue::fromMs(100);
-    exchange.up(placement(3, -1, -1, true), processId);
+    service.exchange.answerWait = NORVA::TimeValue::fromMs(100);
+    service.exchange.up(placement(3, -1, -1, true), processId);
 
     std::vector<FrameHeader> frames = service.frames();
     ASSERT_EQ(frames.size(), 5u);
@@ -130,13 +119,11 @@ TEST(LocalService, WaitingResendsUntilTheRightAnswer) {
 }
 
 TEST(LocalService, SilentServiceIsAskedUntilTheLimit) {
-    FakeService service(silence);
-    LocalServiceExchange exchange;
-    exchange.port = service.port;
-    exchange.answerWait = NORVA::TimeValue::fromMs(50);
-    exchange.limit = NORVA::TimeValue::fromMs(500);
+    FakeService service;
+    service.exchange.answerWait = NORVA::TimeValue::fromMs(50);
+    service.exchange.limit = NORVA::TimeValue::fromMs(500);
     Clock::time_point start = Clock::now();
-    exchange.down(placement(-1, 0, 1, true), processId);
+    service.exchange.down(placement(-1, 0, 1, true), processId);
     auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
     EXPECT_GE(took, 450);
     EXPECT_LT(took, 1500);

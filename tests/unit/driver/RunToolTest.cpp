@@ -7,7 +7,7 @@
 #include <fstream>
 #include <string>
 
-#include "TempFolder.h"
+#include "DriverEnvironment.h"
 #include "platform/DriverPlatform.h"
 
 namespace {

@@ -1,17 +1,18 @@
+// Reading the settings, and the choice of which settings file is in force.
 #include "Settings.h"
 
 #include <gtest/gtest.h>
 
 #include <sstream>
 
-#include "System/Log.h"
-#include "TempFolder.h"
+#include "DriverEnvironment.h"
+#include "platform/DriverPlatform.h"
 
 namespace {
 
 using NORVA::TimeValue;
 
-constexpr std::uint16_t manyProcessors = 64;
+constexpr std::uint16_t manyProcessors = 64;  // the CPULOW cases count on it
 
 // Every field as " name=value ", times in signed microseconds: a case names only the fields it is about.
 std::string describe(const DriverSettings& s) {
@@ -34,25 +35,24 @@ std::string describe(const DriverSettings& s) {
     return out.str();
 }
 
-DriverSettings load(const std::string& text, std::uint16_t processors = manyProcessors) {
+DriverSettings load(const std::string& text) {
     TempFolder folder;
     DriverSettings settings;
-    EXPECT_TRUE(settings.load(folder.write("setting.inf", text), processors)) << text;
+    EXPECT_TRUE(settings.load(folder.write("setting.inf", text), manyProcessors)) << text;
     return settings;
 }
 
 const std::string defaults = describe(DriverSettings());
 
+// A missing file, or one with a control character, which makes the whole file unreadable.
 TEST(Settings, UnreadableFileResetsEarlierValues) {
-    DriverSettings s = load("CycleTime=250\nFindIP=fe80::1\n");
-    ASSERT_NE(describe(s), defaults);
     TempFolder folder;
-    EXPECT_FALSE(s.load(folder.file("missing.inf"), manyProcessors));
-    EXPECT_EQ(describe(s), defaults);
-    s = load("CycleTime=250\n");
-    // A control character makes the whole file unreadable.
-    EXPECT_FALSE(s.load(folder.write("bad.inf", "CycleTime=250\n\x01\n"), manyProcessors));
-    EXPECT_EQ(describe(s), defaults);
+    for (const std::string& path :
+         {folder.file("missing.inf"), folder.write("bad.inf", "CycleTime=250\n\x01\n")}) {
+        DriverSettings s = load("CycleTime=250\nFindIP=fe80::1\n");
+        EXPECT_FALSE(s.load(path, manyProcessors)) << path;
+        EXPECT_EQ(describe(s), defaults);
+    }
 }
 
 TEST(Settings, EveryKeyTaken) {
@@ -84,8 +84,9 @@ TEST(Settings, RefusedValuesKeepDefaults) {
     EXPECT_EQ(describe(load("")), defaults);
 }
 
-// Text without a leading number reads as 0 and then meets its key's test;
-// the sides of a CPU range are read on their own; keywords are exact.
+// Text without a leading number reads as 0 and then meets its key's test; the sides of a CPU range are read
+// on their own; keywords are exact. A machine of no more processors than CPULOW reads the keys behind it from
+// "LOW" alone.
 TEST(Settings, ValuesAsTheKeysReadThem) {
     const struct {
         const char* text;
@@ -116,6 +117,9 @@ TEST(Settings, ValuesAsTheKeysReadThem) {
         {"Fragment=Optimize\nFlexCycle=max", " optimize=0 ", " flex=1001 "},
         {"Fragment=Optimize\nFlexCycle=enable", " optimize=1 ", " flex=1000 "},
         {"TargetAddress=zz::1,19642", " target=::,0 "},
+        {"SyncBufferCount=3\nCPULOW=64\nCycleTime=2000\nThredMode=3\n[LOW]\nCycleTime=4000",
+         " syncBuffers=3 cycle=4000 ", " thred=1 "},
+        {"CPULOW=63\nCycleTime=2000\n[LOW]\nCycleTime=4000", " cycle=2000 "},
     };
     for (const auto& c : cases) {
         std::string seen = describe(load(std::string(c.text) + "\n"));
@@ -124,51 +128,81 @@ TEST(Settings, ValuesAsTheKeysReadThem) {
     }
 }
 
-TEST(Settings, LowProfileOnSmallMachines) {
-    const std::string text =
-        "ASIOBufferSizePre=256\nCPULOW=4\nCycleTime=2000\nThredMode=3\n"
-        "[LOW]\nASIOBufferSizePre=1024\nCycleTime=4000\n";
-    DriverSettings small = load(text, 4);
-    EXPECT_EQ(small.asioBufferSizePre, 256);  // read before CPULOW, from "global"
-    EXPECT_EQ(small.cycleTime, TimeValue::fromUs(4000));
-    EXPECT_EQ(small.thredMode, 1u);  // no fallback to "global" behind CPULOW
-    DriverSettings large = load(text, 5);
-    EXPECT_EQ(large.cycleTime, TimeValue::fromUs(2000));
-    EXPECT_EQ(large.thredMode, 3u);
-
-    // Without a "LOW" section everything behind CPULOW keeps its default.
-    DriverSettings bare = load("CPULOW=8\nCycleTime=2000\nCpuSend=1\n", 2);
-    EXPECT_EQ(bare.cycleTime, TimeValue::fromUs(1000));
-    EXPECT_EQ(bare.cpuSend, -1);
-    EXPECT_EQ(load("CPULOW=0\nCycleTime=2000\n[LOW]\nCycleTime=4000\n", 1).cycleTime,
-              TimeValue::fromUs(2000));
-}
-
-class SettingsOverlay : public ::testing::Test {
+// A user's folder and a library folder, each in its own temporary folder.
+class SettingsFiles : public DriverEnvironment {
   protected:
-    void TearDown() override { NORVA::logThreshold.store(-1); }
-    TempFolder folder;
+    std::string userFile() const {
+        const char separator = DriverPlatform::pathSeparator;
+        return user.path.string() + separator + "KESTRANE Velmora" + separator + "setting.inf";
+    }
+    void writeUser(const std::string& text) const { user.write("KESTRANE Velmora/setting.inf", text); }
+    std::string readUser() const { return user.read("KESTRANE Velmora/setting.inf"); }
+    ::SettingsFiles choose() const { return chooseSettingsFile(user.path.string(), library.directory()); }
+
+    TempFolder library;
 };
 
-TEST_F(SettingsOverlay, DebugFileBesideTheSettingsWins) {
-    std::string path =
-        folder.write("setting.inf", "CycleTime=2000\nStartDelay=10\nDebug=on\n[LOW]\nCycleTime=3000\n");
+// "debug.inf" beside the settings file lies over it, but alone is no settings file; its Debug key turns
+// logging on, "enable" at 6 and "debug" at 7.
+TEST_F(SettingsFiles, DebugFileBesideTheSettingsWins) {
+    const std::string path = user.write("setting.inf", "CycleTime=2000\nStartDelay=10\nDebug=debug\n");
+    user.write("debug.inf", "CycleTime=500\nDebug=enable\n");
     DriverSettings s;
-    ASSERT_TRUE(s.load(path, manyProcessors));
-    EXPECT_EQ(NORVA::logThreshold.load(), -1) << "only enable and debug turn logging on";
-
-    folder.write("debug.inf", "CycleTime=500\nDebug=enable\n[LOW]\nCycleTime=700\n");
     ASSERT_TRUE(s.load(path, manyProcessors));
     EXPECT_EQ(s.cycleTime, TimeValue::fromUs(500));
     EXPECT_EQ(s.startDelay, 10);
     EXPECT_EQ(NORVA::logThreshold.load(), 6);
-    folder.write("debug.inf", "Debug=debug\n");
+    user.write("debug.inf", "Debug=debug\n");
     ASSERT_TRUE(s.load(path, manyProcessors));
     EXPECT_EQ(NORVA::logThreshold.load(), 7);
+    EXPECT_FALSE(s.load(user.file("other.inf"), manyProcessors));
+}
 
-    // The debug file alone is no settings file.
-    EXPECT_FALSE(s.load(folder.file("other.inf"), manyProcessors));
-    EXPECT_EQ(s.cycleTime, TimeValue::fromUs(1000));
+TEST_F(SettingsFiles, PointerFileNamesAFileElsewhere) {
+    TempFolder elsewhere;
+    std::string target = elsewhere.write("mine.inf", "Version=1\nCycleTime=2000\n");
+    library.write("setting_path.inf", "SettingPath=" + target + "\n");
+    library.write("setting_org.inf", "Version=1\nCycleTime=900\n");
+    ::SettingsFiles files = choose();
+    EXPECT_EQ(files.settingPath, target);
+    EXPECT_FALSE(files.referenceInUse);
+    // A new version replaces the named file, as it does the user's.
+    library.write("setting_org.inf", "Version=2\n");
+    choose();
+    EXPECT_EQ(elsewhere.read("mine.inf"), "[global]\r\nVersion=2\r\n\r\n");
+}
+
+TEST_F(SettingsFiles, ReferenceCopyWhenNothingElseLoads) {
+    library.write("setting_path.inf", "SettingPath=" + library.file("gone.inf") + "\n");
+    library.write("setting_org.inf", "Version=2\n");
+    ::SettingsFiles files = choose();
+    EXPECT_EQ(files.settingPath, library.file("setting_org.inf"));
+    EXPECT_TRUE(files.referenceInUse);
+    // Nothing was written in the user's folder.
+    EXPECT_FALSE(std::filesystem::exists(userFile()));
+}
+
+// The user's file comes first. A reference copy of another version, older too, replaces it whole, sections
+// first; an equal version leaves it untouched.
+TEST_F(SettingsFiles, AnotherVersionReplacesTheUsersFileWhole) {
+    const struct {
+        const char *mine, *reference, *after;
+    } rows[] = {
+        {"Version=1\nCycleTime=2000\nStartDelay=7\n", "Version=2\nCycleTime=900\n[LOW]\nCycleTime=1800\n",
+         "[LOW]\r\nCycleTime=1800\r\n\r\n[global]\r\nCycleTime=900\r\nVersion=2\r\n\r\n"},
+        {"Version=5\nCycleTime=2000\n", "Version=4\n", "[global]\r\nVersion=4\r\n\r\n"},
+        {"CycleTime=2000\n", "Version=1\n", "[global]\r\nVersion=1\r\n\r\n"},
+        {"Version=3\n; my notes\nCycleTime=2000\n", "Version=3\nCycleTime=900\n", nullptr},
+    };
+    for (const auto& row : rows) {
+        writeUser(row.mine);
+        library.write("setting_org.inf", row.reference);
+        const ::SettingsFiles files = choose();
+        EXPECT_EQ(files.settingPath, userFile());
+        EXPECT_EQ(files.referencePath, library.file("setting_org.inf"));
+        EXPECT_FALSE(files.referenceInUse);
+        EXPECT_EQ(readUser(), row.after ? row.after : row.mine) << row.mine;
+    }
 }
 
 }  // namespace
