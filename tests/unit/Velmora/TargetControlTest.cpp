@@ -1,8 +1,6 @@
 // Information, icons, settings, and refusals of a read-only target.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "TargetPeer.h"
 
 using namespace VELMORA;

@@ -52,7 +52,7 @@ void expectPlan(const TransferConfig& t, std::uint64_t cycleUs, std::uint16_t co
 
 }  // namespace
 
-TEST(PlanFix, KnownPlansAt48k) {
+TEST(PlanFix, KnownPlansAt48kAndShorterCyclesToFitTheAllowedPackets) {
     TransferConfig transfer = planner(stereoS32At48k);
     ASSERT_TRUE(transfer.planFix(0, us(1000)));
     expectPlan(transfer, 1000, 1, 0, 786432);
@@ -60,13 +60,10 @@ TEST(PlanFix, KnownPlansAt48k) {
     EXPECT_EQ(transfer.mode, VELMORA::transferFix);
     ASSERT_TRUE(transfer.planFix(0, us(5000)));
     expectPlan(transfer, 5000, 2, 0, 1966080);
-}
 
-// One packet allowed: 3600 us make 1424 bytes with headroom, 3650 us would
-// make 1448; from any longer cycle the steps end there, and off the 50 us
-// grid they keep their offset (3610 us round up to 1432 bytes).
-TEST(PlanFix, ShortensTheCycleUntilItFitsTheAllowedPackets) {
-    TransferConfig transfer = planner(stereoS32At48k);
+    // One packet allowed: 3600 us make 1424 bytes with headroom, 3650 us would
+    // make 1448; from any longer cycle the steps end there, and off the 50 us
+    // grid they keep their offset (3610 us round up to 1432 bytes).
     for (auto [from, to] : {std::pair{10000u, 3600u}, {3650u, 3600u}, {125000u, 3600u}, {10010u, 3560u}}) {
         ASSERT_TRUE(transfer.planFix(1, us(from)));
         EXPECT_EQ(transfer.cycle.toUs(), to) << from;
