@@ -11,7 +11,7 @@
 #include "Samples/SyncBuffer.h"
 #include "ScratchFile.h"
 #include "System/Threads.h"
-#include "TestFormats.h"
+#include "TestStream.h"
 #include "WorkerPriority.h"
 
 namespace {
@@ -53,25 +53,13 @@ TEST(SinkExchange, ConnectOffersOnlyTheModesItHas) {
 
 // ---- A whole stream: ring, stream worker and the playing sink ----------------
 
-// Byte n of the source; never the silence byte.
-std::uint8_t patternByte(std::uint64_t n) {
-    return std::uint8_t(1 + n % 251);
-}
-
 // A source that fills each slot with the next bytes of the pattern.
 class PatternBuffer : public SyncBuffer {
   public:
     std::uint64_t filled = 0;  // the buffer worker's alone
     PatternBuffer() {
         EXPECT_TRUE(open(0, TimeValue::fromMs(50), 0, "sink test", 1, -1, -1, 0));
-        format.sink.pcm = FormatID(0xE06u, 0x003Eu);
-        EXPECT_TRUE(format.setFormat(stereoS32At48k));
-        profiles[0].cycle = TimeValue::fromUs(1000);
-        profiles[0].packetCount = 2;
-        profiles[0].sizeQ14 = 24u << 14;  // 48 frames a millisecond in two packets
-        profiles[0].dataSize = 24 * 8;
-        profiles[0].mode = transferFix;
-        profileCount = 1;
+        planTestStream(*this);
     }
     ~PatternBuffer() override { shutdown(); }
     void fillBuffer(StreamBuffer& slot, bool) override {

@@ -14,7 +14,7 @@
 
 #include "FindPeer.h"
 #include "System/Threads.h"
-#include "TestFormats.h"
+#include "TestStream.h"
 #include "WorkerPriority.h"
 
 namespace {
@@ -180,11 +180,7 @@ TEST(SyncBufferShutdown, EndsAWorkerInsideTheConnectExchangeAtOnce) {
     auto sync = std::make_unique<CountingBuffer>();
     ASSERT_TRUE(sync->open(0, NORVA::TimeValue::fromMs(100), 0, "studio", 1, -1, -1, 0));
     sync->targetAddress = mute.address;
-    sync->format.streamFormat = stereoS32At48k;
-    sync->profiles[0].cycle = NORVA::TimeValue::fromUs(1000);
-    sync->profiles[0].packetCount = 1;
-    sync->profiles[0].sizeQ14 = 48u << 14;
-    sync->profileCount = 1;
+    planTestStream(*sync);
     sync->setupRing(48, 2, 0, stereoS32At48k);
     ASSERT_TRUE(sync->connect());
     ASSERT_TRUE(eventually([&] { return !mute.requestsOf(MessageType::CONNECT_REQ).empty(); }));

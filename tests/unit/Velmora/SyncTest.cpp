@@ -10,7 +10,7 @@
 #include "Protocol/MessageTypes.h"
 #include "Sink/StreamSink.h"
 #include "System/Threads.h"
-#include "TestFormats.h"
+#include "TestStream.h"
 #include "WorkerPriority.h"
 
 namespace {
@@ -178,11 +178,7 @@ class SyncConnect : public SyncSetup {
         SyncSetup::SetUp();
         ASSERT_TRUE(sink.start());
         ASSERT_TRUE(getInfoFrom(sink));
-        ASSERT_TRUE(sync.format.setFormat(stereoS32At48k));
-        sync.profiles[0].cycle = TimeValue::fromUs(1000);
-        sync.profiles[0].packetCount = 1;
-        sync.profiles[0].sizeQ14 = 48u << 14;
-        sync.profileCount = 1;
+        planTestStream(sync);
     }
 };
 

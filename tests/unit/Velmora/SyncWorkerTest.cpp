@@ -19,7 +19,7 @@
 #include "Stream/StreamMessages.h"
 #include "System/Log.h"
 #include "System/Threads.h"
-#include "TestFormats.h"
+#include "TestStream.h"
 #include "WorkerPriority.h"
 
 namespace {
@@ -123,11 +123,6 @@ class ScriptedSink {
     FindPeer peer{[this](FindPeer& self, const Receive& frame) { message(self, frame); }};
 };
 
-// Byte n of the source; never the silence byte.
-std::uint8_t patternByte(std::uint64_t n) {
-    return std::uint8_t(1 + n % 251);
-}
-
 // A source of `sourceBytes` of the pattern, in chunks that don't line up with packets.
 class PatternSync : public Sync {
   public:
@@ -136,14 +131,7 @@ class PatternSync : public Sync {
     std::atomic<std::uint32_t> cycles{0};
     PatternSync() {
         EXPECT_TRUE(open(0, TimeValue::fromMs(100), 0, "worker test", 1, -1, -1, 0));
-        format.sink.pcm = FormatID(0xE06u, 0x003Eu);
-        EXPECT_TRUE(format.setFormat(stereoS32At48k));
-        profiles[0].cycle = TimeValue::fromUs(1000);
-        profiles[0].packetCount = 2;
-        profiles[0].sizeQ14 = 24u << 14;  // 48 frames a millisecond
-        profiles[0].dataSize = 24 * frameBytes;
-        profiles[0].mode = transferFix;
-        profileCount = 1;
+        planTestStream(*this);
     }
     ~PatternSync() override {
         connectState = idle;
