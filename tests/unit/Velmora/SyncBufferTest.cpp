@@ -42,12 +42,6 @@ class CountingBuffer : public SyncBuffer {
         connectState = idle;
         onStateChange();
     }
-    // A playing ring of `count` slots of 8 frames.
-    void startPlaying(std::uint32_t count) {
-        setupRing(8, count, 0, stereoS32At48k);
-        pretendConnected();
-        play();
-    }
 };
 
 bool allBytes(const StreamChunk& chunk, std::uint8_t value) {
@@ -155,7 +149,9 @@ TEST(SyncBufferRing, PushWaitsForAFreeSlotAndSeekStaysInsideTheData) {
 
 TEST(SyncBufferWorker, MarksTheFirstFillAfterACycleOnly) {
     CountingBuffer sync;
-    sync.startPlaying(4);
+    sync.setupRing(8, 4, 0, stereoS32At48k);
+    sync.pretendConnected();
+    sync.play();
     StreamChunk chunk;
     sync.getBuffer(chunk);
     sync.onCycle();

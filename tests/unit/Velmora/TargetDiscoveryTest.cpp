@@ -7,13 +7,6 @@ using namespace VELMORA;
 
 namespace {
 
-void registerPort(TargetPeer& peer, std::uint16_t to, std::uint16_t sinkIndex, std::uint16_t secondIndex,
-                  std::uint16_t port, const std::string& name, std::uint16_t flags = 0) {
-    SendBuffer registration(MessageType::PORT_REGIST, flags, sinkIndex, secondIndex, port, 0);
-    registration.setBodyText(name);
-    peer.send(registration, to);
-}
-
 // Registrations arrive on another socket than requests: ask until the answer shows the port.
 Receive askUntilVisible(TargetPeer& peer, std::uint16_t control, std::uint16_t index,
                         std::uint16_t second = 0) {
@@ -46,7 +39,9 @@ TEST(TargetDiscovery, RegisteredPortAppearsInListAndByIndex) {
     ASSERT_TRUE(open.opened);
     TargetPeer peer;
     const std::uint16_t to = open.control();
-    registerPort(peer, open.registration(), 3, 0, 40000, "out 3");
+    SendBuffer registration(MessageType::PORT_REGIST, 0, 3, 0, 40000, 0);
+    registration.setBodyText("out 3");
+    peer.send(registration, open.registration());
     Receive one = askUntilVisible(peer, to, 3);
     EXPECT_EQ(one.flags(), flagYes);
     EXPECT_EQ(one.param2(), 40000);
