@@ -5,8 +5,6 @@
 
 using namespace VELMORA;
 
-namespace {}  // namespace
-
 TEST(TargetControl, InformationSelectorsAndIcons) {
     TargetConfig config = testConfig();
     config.infoText = "first";
