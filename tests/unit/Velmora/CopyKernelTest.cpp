@@ -18,13 +18,6 @@ Bytes run(CopyKernel kernel, const Bytes& source) {
     return destination;
 }
 
-Bytes randomBytes(std::size_t size, std::uint32_t seed) {
-    std::mt19937 random(seed);
-    Bytes bytes(size);
-    for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(random());
-    return bytes;
-}
-
 // The byte with its bits in reverse order, bit by bit.
 std::uint8_t reversedBits(std::uint8_t byte) {
     std::uint8_t out = 0;
@@ -38,7 +31,9 @@ std::uint8_t reversedBits(std::uint8_t byte) {
 // 64-byte steps; a partial group at the end and the byte past it stay unwritten.
 TEST(CopyKernels, EveryLengthFollowsTheByteRule) {
     for (std::size_t length : {1u, 3u, 4u, 7u, 8u, 9u, 11u, 60u, 64u, 68u, 131u, 1440u}) {
-        const Bytes source = randomBytes(length, std::uint32_t(length));
+        std::mt19937 random{std::uint32_t(length)};
+        Bytes source(length);
+        for (std::uint8_t& byte : source) byte = static_cast<std::uint8_t>(random());
         for (KernelForm form :
              {KernelForm::plain, KernelForm::swap, KernelForm::reverse, KernelForm::reverseSwap}) {
             bool swapped = form == KernelForm::swap || form == KernelForm::reverseSwap;

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <string>
-#include <vector>
 
 #include "Format/FormatID.h"
 #include "Format/FormatNegotiation.h"
@@ -47,6 +45,14 @@ TEST(FormatWord, SizesAndRates) {
     EXPECT_EQ(FormatID(0u, 0x0006u | 0x8u).rate(), 0u);
     // 64-bit, 16 channels, 48000 x 4096 needs more than 32 bits.
     EXPECT_EQ(FormatID(0x4020u, 0x4u | 0x8000u).byteRate(), 0u);
+
+    // Masks answer greatest and least queries.
+    EXPECT_EQ(FormatID(0x4100u).greatestBits(), 64u);
+    EXPECT_EQ(FormatID(0x30000u).greatestBits(), 4u);
+    EXPECT_EQ(FormatID(0x0Bu).greatestChannels(), 6u);
+    EXPECT_EQ(FormatID(0u, 0x0006u | 0x8070u).leastMultiplier(), 2u);
+    EXPECT_EQ(FormatID(0u, 0x0006u | 0x8000u).leastMultiplier(), 4096u);
+    EXPECT_EQ(FormatID(0u, 0x0006u).leastMultiplier(), 0u);
 }
 
 TEST(FormatWord, SetRateTakesOnlyExpressibleRates) {
@@ -67,15 +73,6 @@ TEST(FormatWord, SetRateTakesOnlyExpressibleRates) {
         EXPECT_FALSE(unchanged.setRate(refused)) << refused;
         EXPECT_EQ(unchanged, FormatID(0x802u, 0x000Au));
     }
-}
-
-TEST(FormatWord, MasksAnswerGreatestAndLeastQueries) {
-    EXPECT_EQ(FormatID(0x4100u).greatestBits(), 64u);
-    EXPECT_EQ(FormatID(0x30000u).greatestBits(), 4u);
-    EXPECT_EQ(FormatID(0x0Bu).greatestChannels(), 6u);
-    EXPECT_EQ(FormatID(0u, 0x0006u | 0x8070u).leastMultiplier(), 2u);
-    EXPECT_EQ(FormatID(0u, 0x0006u | 0x8000u).leastMultiplier(), 4096u);
-    EXPECT_EQ(FormatID(0u, 0x0006u).leastMultiplier(), 0u);
 }
 
 TEST(FormatValidity, StreamWordsThatCanGoOnTheWire) {

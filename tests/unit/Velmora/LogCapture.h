@@ -26,8 +26,6 @@ class LogCapture {
         NORVA::logThreshold = threshold;
         NORVA::Syslog::install(previous);
     }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
 
     // The texts of the lines so far, without the syslog header.
     std::vector<std::string> lines() const {

@@ -52,8 +52,7 @@ TEST(FrameValidation, RefusesShortFramesOtherVersionsAndLengthsBeyondTheDatagram
         {100, 0x0010, 4, false, 0},  // fields beyond what arrived read as 0
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(std::to_string(c.version) + " " + std::to_string(c.length) + " " +
-                     std::to_string(c.size));
+        SCOPED_TRACE(testing::Message() << c.version << " " << c.length << " " << c.size);
         Bytes frame(c.size, 0);
         VELMORA::writeU16(frame.data(), c.version);
         VELMORA::writeU16(frame.data() + 2, c.length);

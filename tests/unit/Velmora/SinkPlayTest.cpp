@@ -23,16 +23,20 @@ constexpr std::uint32_t frameBytes = 8;
 constexpr std::uint32_t framesPerPacket = 48;  // 1 ms
 constexpr std::uint32_t latencyUs = 20000;     // centre 15 ms
 
-// A host's stream: one packet a millisecond of its own clock.
+// A started sink and a host's stream to it: one packet a millisecond of the host's clock.
 struct Feed {
-    SinkPlayout& sink;
+    SinkPlayout sink;
     Clock::time_point now = Clock::now();
     std::uint16_t next = 0;
     bool compact = false;
     Clock::duration waited{};  // of the next packet, in the socket
     SinkPlayout::Answer answers[2] = {};
     std::vector<std::uint8_t> body = std::vector<std::uint8_t>(framesPerPacket * frameBytes, 1);
-    explicit Feed(SinkPlayout& target) : sink(target) {}
+    explicit Feed(const SinkPlayConfig& config = {}, FormatID format = stereoS32At48k,
+                  std::uint32_t latency = latencyUs)
+        : sink(config) {
+        EXPECT_TRUE(sink.start(format, latency));
+    }
     int send(std::uint16_t sequence, bool feedback = false, bool queuedBehind = false) {
         SinkPlayout::Packet packet;
         packet.sequence = compact ? std::uint16_t(sequence & 0x7F) : sequence;
@@ -55,13 +59,10 @@ struct Feed {
 };
 
 // A sink that has played 100 ms of 1 ms packets from its centre.
-struct Centred {
-    SinkPlayout sink{SinkPlayConfig{}};
-    Feed feed{sink};
+struct Centred : Feed {
     Centred() {
-        sink.start(stereoS32At48k, latencyUs);
-        feed.stream(15, 0);
-        feed.stream(100);
+        stream(15, 0);
+        stream(100);
     }
 };
 
@@ -86,12 +87,10 @@ TEST(SinkPlay, ItsOwnClockDrainsOrFillsTheBuffer) {
     for (const auto& clock : clocks) {
         SinkPlayConfig config;
         config.ppm = clock.ppm;
-        SinkPlayout sink(config);
-        ASSERT_TRUE(sink.start(stereoS32At48k, latencyUs));
-        Feed feed{sink};
+        Feed feed(config);
         feed.stream(3000);
-        SinkStats stats = sink.stats();
-        EXPECT_NEAR(sink.deviation(), clock.deviation, clock.tolerance) << clock.ppm;
+        SinkStats stats = feed.sink.stats();
+        EXPECT_NEAR(feed.sink.deviation(), clock.deviation, clock.tolerance) << clock.ppm;
         EXPECT_EQ(stats.underruns > 0, clock.underruns) << clock.ppm;
         EXPECT_EQ(stats.packets, 3000u);
         EXPECT_EQ(stats.bytes, 3000u * framesPerPacket * frameBytes);
@@ -101,11 +100,9 @@ TEST(SinkPlay, ItsOwnClockDrainsOrFillsTheBuffer) {
 
 TEST(SinkPlay, FeedbackInEveryEncodingReadsAsTheSameDeviation) {
     for (int encoding : {1, 2, 3}) {
-        SinkPlayConfig settings;
-        settings.feedbackEncoding = encoding;
-        SinkPlayout sink(settings);
-        sink.start(stereoS32At48k, latencyUs);
-        Feed feed{sink};
+        SinkPlayConfig config;
+        config.feedbackEncoding = encoding;
+        Feed feed(config);
         feed.stream(15 + 4, 0);  // the centre and 4 ms more at once: the clock starts
         feed.stream(99);
         // 4.5 ms above the centre on the mean; over 99 ms, 19.8 ms read as 1.0.
@@ -127,27 +124,20 @@ TEST(SinkPlay, FeedbackInEveryEncodingReadsAsTheSameDeviation) {
 TEST(SinkPlay, TheBufferIsCountedInFramesOfTheFormatsRate) {
     struct Row {
         FormatID format;
-        std::uint32_t latencyUs;
-        double capacity;  // frames
+        double capacity;  // frames in 20 ms
         double framesPerByte;
     } rows[] = {
-        {stereoS32At48k, 20000, 960, 1.0 / 8},
-        {FormatID(0x810u, 0x84u), 20000, 15360, 1.0 / 32},  // 768 kHz, 8 ch, 32 bit
-        {FormatID(0x2510002u, 0x202u), 20000, 56448, 4},    // DSD64 stereo
-        {FormatID(0x2510002u, 0x1002u), 20000, 451584, 4},  // DSD512 stereo
+        {stereoS32At48k, 960, 1.0 / 8},
+        {FormatID(0x810u, 0x84u), 15360, 1.0 / 32},  // 768 kHz, 8 ch, 32 bit
+        {FormatID(0x2510002u, 0x202u), 56448, 4},    // DSD64 stereo
+        {FormatID(0x2510002u, 0x1002u), 451584, 4},  // DSD512 stereo
     };
     for (const Row& row : rows) {
-        SinkPlayout sink({});
-        ASSERT_TRUE(sink.start(row.format, row.latencyUs));
-        std::vector<std::uint8_t> body(1024, 1);
-        SinkPlayout::Packet packet;
-        packet.body = body.data();
-        packet.size = std::uint32_t(body.size());
-        SinkPlayout::Answer answers[2];
-        Clock::time_point now = Clock::now();
-        sink.receive(packet, now, answers);
-        sink.advance(now + milliseconds(100));
-        SinkStats stats = sink.stats();
+        Feed feed({}, row.format);
+        feed.body.assign(1024, 1);
+        feed.send(0);
+        feed.sink.advance(feed.now + milliseconds(100));
+        SinkStats stats = feed.sink.stats();
         EXPECT_EQ(stats.capacity, row.capacity) << row.format.value;
         ASSERT_FALSE(stats.timeline.empty());
         EXPECT_EQ(double(stats.timeline[0].received), 1024 * row.framesPerByte) << row.format.value;
@@ -159,9 +149,7 @@ TEST(SinkPlay, ABatchTakenLateCountsEachPacketFromItsArrival) {
     enum Taking { onArrival, lateStamped, lateUnstamped };
     std::int16_t reported[3] = {};
     for (Taking taking : {onArrival, lateStamped, lateUnstamped}) {
-        Centred centred;
-        SinkPlayout& sink = centred.sink;
-        Feed& feed = centred.feed;
+        Centred feed;
         feed.send(feed.next++, true);  // the interval starts here
         Clock::time_point start = feed.now;
         for (int i = 1; i <= 5; ++i) {
@@ -171,7 +159,7 @@ TEST(SinkPlay, ABatchTakenLateCountsEachPacketFromItsArrival) {
             feed.send(feed.next++, i == 5, taking != onArrival);
         }
         if (taking != onArrival) {
-            ASSERT_EQ(sink.settle(feed.now, feed.answers), 1);
+            ASSERT_EQ(feed.sink.settle(feed.now, feed.answers), 1);
         }
         reported[taking] = asHostReads(feed.answers[0]).deviation;
     }
@@ -197,20 +185,16 @@ TEST(SinkPlay, TheBatchWaitIsBoundedAndStopsForAResend) {
     for (const auto& c : cases) {
         SinkPlayConfig config;
         config.batchWaitUs = c.configuredUs;
-        SinkPlayout sink(config);
-        sink.start(stereoS32At48k, c.latencyUs);
-        Feed feed{sink};
+        Feed feed(config, stereoS32At48k, c.latencyUs);
         feed.stream(3);
         if (c.gap) feed.send(++feed.next);
-        auto wait = std::chrono::duration_cast<microseconds>(sink.batchWait(16)).count();
+        auto wait = std::chrono::duration_cast<microseconds>(feed.sink.batchWait(16)).count();
         EXPECT_NEAR(wait, c.expectedUs, 1) << c.configuredUs << " us, latency " << c.latencyUs;
     }
 }
 
 TEST(SinkPlay, AGapIsAskedForOnceUntilTheRetryAndDuplicatesAreDropped) {
-    SinkPlayout sink({});
-    sink.start(stereoS32At48k, latencyUs);
-    Feed feed{sink};
+    Feed feed;
     feed.stream(5);
     ASSERT_EQ(feed.send(6), 1);  // 5 is lost
     StreamAnswer read = asHostReads(feed.answers[0]);
@@ -226,7 +210,7 @@ TEST(SinkPlay, AGapIsAskedForOnceUntilTheRetryAndDuplicatesAreDropped) {
     feed.next = 5;
     feed.stream(5);
     EXPECT_EQ(feed.send(3), 0);
-    SinkStats stats = sink.stats();
+    SinkStats stats = feed.sink.stats();
     EXPECT_EQ(stats.packets, 10u);
     EXPECT_EQ(stats.gaps, 1u);
     EXPECT_EQ(stats.resends, 3u);
@@ -235,16 +219,14 @@ TEST(SinkPlay, AGapIsAskedForOnceUntilTheRetryAndDuplicatesAreDropped) {
 }
 
 TEST(SinkPlay, SevenBitTagsRebuildTheSequenceAcrossWraps) {
-    SinkPlayout sink({});
-    sink.start(stereoS32At48k, latencyUs);
-    Feed feed{sink};
+    Feed feed;
     feed.compact = true;
     feed.stream(300);
     ASSERT_EQ(feed.send(364), 0) << "64 ahead of the next reads as 64 behind";
     ASSERT_EQ(feed.send(250), 0);  // 250 & 0x7F lies behind: a duplicate
     ASSERT_EQ(feed.send(301), 1);  // 300 missing
     EXPECT_EQ(asHostReads(feed.answers[0]).resendFrom, 300);
-    SinkStats stats = sink.stats();
+    SinkStats stats = feed.sink.stats();
     EXPECT_EQ(stats.packets, 300u);
     EXPECT_EQ(stats.duplicates, 2u);
 }

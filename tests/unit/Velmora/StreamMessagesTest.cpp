@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <tuple>
 #include <vector>
 
 #include "Protocol/Frame.h"
+#include "TestFormats.h"
 
 namespace {
 
@@ -30,28 +30,24 @@ class Frame {
     std::vector<std::uint8_t> bytes;
 };
 
-std::int16_t deviation(std::uint16_t p0, std::uint16_t p1 = 0, std::uint16_t p2 = 0) {
-    return readStreamAnswer(Frame(0, p0, p1, p2, 0).received()).deviation;
-}
-
+// Centred (1): 0x2000 the middle, 0 and 0x4000 the ends. Signed (2): 15 bits
+// behind bit 15. Level (3): param1 against the level wanted in param2.
 TEST(StreamAnswer, FeedbackEncodings) {
-    // Centred: 0x2000 is the middle, 0 and 0x4000 the ends.
-    EXPECT_EQ(deviation(0x2000), 0);
-    EXPECT_EQ(deviation(0x3000), 8192);
-    EXPECT_EQ(deviation(0x1000), -8192);
-    EXPECT_EQ(deviation(0x4000), 16384);
-    // Signed 15 bits behind bit 15.
-    EXPECT_EQ(deviation(0xC000), -16384);
-    EXPECT_EQ(deviation(0x8001), 1);
-    EXPECT_EQ(deviation(0xBFFF), 16383);
-    EXPECT_EQ(deviation(0xFFFF), -1);
-    // Level against level wanted.
-    EXPECT_EQ(deviation(0, 150, 100), 8192);
-    EXPECT_EQ(deviation(0, 50, 100), -8192);
-    EXPECT_EQ(deviation(0, 150, 0), 0) << "no level wanted: no feedback";
-    for (auto [p0, p1, p2, encoding] :
-         {std::tuple{0x3000, 0, 0, 1}, {0x8001, 0, 0, 2}, {0, 1, 2, 3}, {0, 1, 0, 0}})
-        EXPECT_EQ(readStreamAnswer(Frame(0, p0, p1, p2, 0).received()).encoding, encoding) << p0 << " " << p2;
+    const struct {
+        std::uint16_t p0, p1, p2;
+        std::int16_t deviation;
+        int encoding;
+    } rows[] = {
+        {0x2000, 0, 0, 0, 1},     {0x3000, 0, 0, 8192, 1},   {0x1000, 0, 0, -8192, 1},
+        {0x4000, 0, 0, 16384, 1}, {0xC000, 0, 0, -16384, 2}, {0x8001, 0, 0, 1, 2},
+        {0xBFFF, 0, 0, 16383, 2}, {0xFFFF, 0, 0, -1, 2},     {0, 150, 100, 8192, 3},
+        {0, 50, 100, -8192, 3},   {0, 150, 0, 0, 0},  // no level wanted: no feedback
+    };
+    for (const auto& row : rows) {
+        StreamAnswer answer = readStreamAnswer(Frame(0, row.p0, row.p1, row.p2, 0).received());
+        EXPECT_EQ(answer.deviation, row.deviation) << row.p0 << " " << row.p1 << " " << row.p2;
+        EXPECT_EQ(answer.encoding, row.encoding) << row.p0 << " " << row.p1 << " " << row.p2;
+    }
 }
 
 TEST(StreamAnswer, ResendFormCarriesNoFeedbackOrPhase) {
@@ -68,13 +64,10 @@ TEST(StreamAnswer, ResendFormCarriesNoFeedbackOrPhase) {
 }
 
 TEST(ConnectMessages, ConnectPreValue) {
-    FormatID stereoS32;
-    stereoS32.replace(0x02 | 0x0800, 0);
-    ASSERT_TRUE(stereoS32.setRate(48000));
-    std::uint64_t value = connectPreValue(stereoS32, 25);
+    std::uint64_t value = connectPreValue(stereoS32At48k, 25);
     EXPECT_EQ(value & 0xFFFF, 0x0102u);
     EXPECT_EQ((value >> 16) & 0xFFFF, 25u);
-    EXPECT_EQ(value >> 32, stereoS32.high());
+    EXPECT_EQ(value >> 32, stereoS32At48k.high());
     FormatID floating(0x2000 | 0x08, 0);
     EXPECT_EQ((connectPreValue(floating, 0) >> 8) & 0xFF, 2u);
     FormatID dsd(FormatID::dsdOneBit | FormatID::dsdMsbFirst | 0x02, 0);

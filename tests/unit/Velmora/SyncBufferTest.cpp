@@ -4,18 +4,17 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
 #include <memory>
 #include <thread>
 #include <utility>
-#include <vector>
 
-#include "Network/Socket.h"
-#include "Protocol/MessageTypes.h"
+#include "FindPeer.h"
 #include "System/Threads.h"
-#include "TestFormats.h"
+#include "TestStream.h"
 #include "WorkerPriority.h"
 
 namespace {
@@ -43,18 +42,10 @@ class CountingBuffer : public SyncBuffer {
         connectState = idle;
         onStateChange();
     }
-    // A playing ring of `count` slots of 8 frames.
-    void startPlaying(std::uint32_t count) {
-        setupRing(8, count, 0, stereoS32At48k);
-        pretendConnected();
-        play();
-    }
 };
 
 bool allBytes(const StreamChunk& chunk, std::uint8_t value) {
-    for (std::uint32_t i = 0; i < chunk.size; ++i)
-        if (chunk.data[i] != value) return false;
-    return true;
+    return std::all_of(chunk.data, chunk.data + chunk.size, [=](std::uint8_t b) { return b == value; });
 }
 
 template <class Done>
@@ -158,7 +149,9 @@ TEST(SyncBufferRing, PushWaitsForAFreeSlotAndSeekStaysInsideTheData) {
 
 TEST(SyncBufferWorker, MarksTheFirstFillAfterACycleOnly) {
     CountingBuffer sync;
-    sync.startPlaying(4);
+    sync.setupRing(8, 4, 0, stereoS32At48k);
+    sync.pretendConnected();
+    sync.play();
     StreamChunk chunk;
     sync.getBuffer(chunk);
     sync.onCycle();
@@ -178,30 +171,15 @@ TEST(SyncBufferWorker, MarksTheFirstFillAfterACycleOnly) {
 // The connect exchange waits 10 s a try for a sink that never answers; the
 // object's end must not wait for that.
 TEST(SyncBufferShutdown, EndsAWorkerInsideTheConnectExchangeAtOnce) {
-    NORVA::UDPV6 mute;
-    ASSERT_TRUE(mute.openNonBlocking());
-    NORVA::IPAddress sink = NORVA::IPAddress::loopback(0);
-    ASSERT_TRUE(mute.bind(sink));
     if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
+    FindPeer mute([](FindPeer&, const Receive&) {});
     auto sync = std::make_unique<CountingBuffer>();
     ASSERT_TRUE(sync->open(0, NORVA::TimeValue::fromMs(100), 0, "studio", 1, -1, -1, 0));
-    sync->targetAddress = sink;
-    sync->format.streamFormat = stereoS32At48k;
-    sync->profiles[0].cycle = NORVA::TimeValue::fromUs(1000);
-    sync->profiles[0].packetCount = 1;
-    sync->profiles[0].sizeQ14 = 48u << 14;
-    sync->profileCount = 1;
+    sync->targetAddress = mute.address;
+    planTestStream(*sync);
     sync->setupRing(48, 2, 0, stereoS32At48k);
     ASSERT_TRUE(sync->connect());
-    std::vector<std::uint8_t> frame(2048);
-    bool asked = false;
-    ASSERT_TRUE(eventually([&] {
-        std::size_t got = 0;
-        if (!asked && mute.waitReadable(NORVA::TimeValue::fromMs(10)) == 2 &&
-            mute.receive(frame.data(), frame.size(), got))
-            asked = got >= 16 && frame[4] == (MessageType::CONNECT_REQ & 0xFF);
-        return asked;
-    }));
+    ASSERT_TRUE(eventually([&] { return !mute.requestsOf(MessageType::CONNECT_REQ).empty(); }));
     EXPECT_EQ(sync->connectState, Sync::starting);
     auto begin = std::chrono::steady_clock::now();
     sync.reset();

@@ -1,20 +1,9 @@
 // Information, icons, settings, and refusals of a read-only target.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "TargetPeer.h"
 
 using namespace VELMORA;
-
-namespace {
-
-bool loopEnds(const Target& target) {
-    for (int i = 0; i < 200 && target.loopResult() == Target::loopRunning; ++i) NORVA::sleepMilliseconds(10);
-    return target.loopResult() == Target::loopEndedByMessage;
-}
-
-}  // namespace
 
 TEST(TargetControl, InformationSelectorsAndIcons) {
     TargetConfig config = testConfig();
@@ -123,7 +112,9 @@ TEST(TargetControl, SettingsAreDescribedWrittenReadBackAndCommitted) {
     EXPECT_EQ(peer.ask(MessageType::SETTINGVALUE_REQ, to, 2, 0).param1(), 1);
 
     EXPECT_EQ(peer.ask(MessageType::SETTINGVALUE_REQ, to, 0, 1).flags(), flagYes) << "answered before ending";
-    EXPECT_TRUE(loopEnds(open.target));
+    for (int i = 0; i < 200 && open.target.loopResult() == Target::loopRunning; ++i)
+        NORVA::sleepMilliseconds(10);
+    EXPECT_EQ(open.target.loopResult(), Target::loopEndedByMessage);
     EXPECT_EQ(open.target.exitCode(), 1);
 }
 

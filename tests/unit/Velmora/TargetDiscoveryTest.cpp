@@ -5,26 +5,6 @@
 
 using namespace VELMORA;
 
-namespace {
-
-void registerPort(TargetPeer& peer, std::uint16_t to, std::uint16_t sinkIndex, std::uint16_t secondIndex,
-                  std::uint16_t port, const std::string& name, std::uint16_t flags = 0) {
-    SendBuffer registration(MessageType::PORT_REGIST, flags, sinkIndex, secondIndex, port, 0);
-    registration.setBodyText(name);
-    peer.send(registration, to);
-}
-
-// Registrations arrive on another socket than requests: ask until the answer shows the port.
-Receive askUntilVisible(TargetPeer& peer, std::uint16_t control, std::uint16_t index,
-                        std::uint16_t second = 0) {
-    Receive answer;
-    for (int i = 0; i < 100 && (answer.flags() & flagYes) == 0; ++i)
-        answer = peer.ask(MessageType::PORT_REQ, control, index, second, 1, 1);
-    return answer;
-}
-
-}  // namespace
-
 TEST(TargetDiscovery, AnswersDiscoverAndEchoesUnknownTypes) {
     OpenTarget<> open;
     ASSERT_TRUE(open.opened);
@@ -46,8 +26,13 @@ TEST(TargetDiscovery, RegisteredPortAppearsInListAndByIndex) {
     ASSERT_TRUE(open.opened);
     TargetPeer peer;
     const std::uint16_t to = open.control();
-    registerPort(peer, open.registration(), 3, 0, 40000, "out 3");
-    Receive one = askUntilVisible(peer, to, 3);
+    SendBuffer registration(MessageType::PORT_REGIST, 0, 3, 0, 40000, 0);
+    registration.setBodyText("out 3");
+    peer.send(registration, open.registration());
+    // Registrations arrive on another socket than requests: ask until the answer shows the port.
+    Receive one;
+    for (int i = 0; i < 100 && (one.flags() & flagYes) == 0; ++i)
+        one = peer.ask(MessageType::PORT_REQ, to, 3, 0, 1, 1);
     EXPECT_EQ(one.flags(), flagYes);
     EXPECT_EQ(one.param2(), 40000);
     EXPECT_EQ(peer.body(one), "out 3");

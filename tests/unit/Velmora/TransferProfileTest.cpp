@@ -52,7 +52,7 @@ void expectPlan(const TransferConfig& t, std::uint64_t cycleUs, std::uint16_t co
 
 }  // namespace
 
-TEST(PlanFix, KnownPlansAt48k) {
+TEST(PlanFix, KnownPlansAt48kAndShorterCyclesToFitTheAllowedPackets) {
     TransferConfig transfer = planner(stereoS32At48k);
     ASSERT_TRUE(transfer.planFix(0, us(1000)));
     expectPlan(transfer, 1000, 1, 0, 786432);
@@ -60,13 +60,10 @@ TEST(PlanFix, KnownPlansAt48k) {
     EXPECT_EQ(transfer.mode, VELMORA::transferFix);
     ASSERT_TRUE(transfer.planFix(0, us(5000)));
     expectPlan(transfer, 5000, 2, 0, 1966080);
-}
 
-// One packet allowed: 3600 us make 1424 bytes with headroom, 3650 us would
-// make 1448; from any longer cycle the steps end there, and off the 50 us
-// grid they keep their offset (3610 us round up to 1432 bytes).
-TEST(PlanFix, ShortensTheCycleUntilItFitsTheAllowedPackets) {
-    TransferConfig transfer = planner(stereoS32At48k);
+    // One packet allowed: 3600 us make 1424 bytes with headroom, 3650 us would
+    // make 1448; from any longer cycle the steps end there, and off the 50 us
+    // grid they keep their offset (3610 us round up to 1432 bytes).
     for (auto [from, to] : {std::pair{10000u, 3600u}, {3650u, 3600u}, {125000u, 3600u}, {10010u, 3560u}}) {
         ASSERT_TRUE(transfer.planFix(1, us(from)));
         EXPECT_EQ(transfer.cycle.toUs(), to) << from;
@@ -199,28 +196,28 @@ TEST(SinkCycle, TriangoloIsDecidedByTheAnswer) {
     EXPECT_FALSE(sink.hasProfile());
 }
 
+// Packets of whole frames for the sink's 1/300 s cycle, and the cycle follows them. At 44.1 kHz in
+// 1000-byte packets, 1176 bytes a share halve to 588: not whole frames. Over two packets, parts of 73
+// frames are shorter than 3.33 ms: a third is added. At 8000 Hz, 3.33 ms round up to 27 frames.
 TEST(PlanProfile, TriangoloAndItsFallBacksToTheSinkCycle) {
-    {
-        TransferConfig transfer = profilePlanner(333, 0, 0x20);
-        ASSERT_TRUE(transfer.planProfile());
-        EXPECT_EQ(transfer.cycle.raw(), 3333333333u);
-        expectPlan(transfer, transfer.cycle.toUs(), 1, 1280, 160u << 14);
+    const struct {
+        FormatID format;
+        std::uint16_t packDataSize;
+        std::uint32_t fixedSize;
+        std::uint16_t packets;
+        std::uint64_t cycleRaw;
+    } rows[] = {
+        {stereoS32At48k, 1432, 1280, 1, 3'333'333'333},
+        {stereo32At44k, 1000, 584, 3, 4'965'986'394},
+        {FormatID(0x802u, 0x0009u), 1432, 216, 1, 3'375'000'000},  // 8000 x 1
+    };
+    for (const auto& row : rows) {
+        TransferConfig transfer = profilePlanner(333, 0, 0x20, row.format);
+        transfer.packDataSize = row.packDataSize;
+        ASSERT_TRUE(transfer.planProfile()) << row.fixedSize;
         EXPECT_EQ(transfer.mode, VELMORA::transferSinkCycle);
-    }
-    {
-        // 1176 bytes a share, halved to 588: not whole frames. Over two
-        // packets, parts of 73 frames are shorter than 3.33 ms: a third is added.
-        TransferConfig transfer = profilePlanner(333, 0, 0x20, stereo32At44k);
-        transfer.packDataSize = 1000;
-        ASSERT_TRUE(transfer.planProfile());
-        EXPECT_EQ(transfer.fixedSize, 584u);
-        EXPECT_EQ(transfer.packetCount, 3);
-        EXPECT_EQ(transfer.cycle.raw(), 3u * 584u * 1000000000000ull / 352800u);
-    }
-    {
-        TransferConfig transfer = profilePlanner(333, 0, 0x20, FormatID(0x802u, 0x0009u));  // 8000 x 1
-        ASSERT_TRUE(transfer.planProfile());
-        EXPECT_EQ(transfer.fixedSize, 216u);  // 8000 x 8 x 3.33 ms, up to whole frames
+        EXPECT_EQ(transfer.cycle.raw(), row.cycleRaw);
+        expectPlan(transfer, transfer.cycle.toUs(), row.packets, row.fixedSize, (row.fixedSize / 8) << 14);
     }
     TransferConfig noFrames = profilePlanner(500, 0, 0x20);
     noFrames.sink.frameMax = 0;

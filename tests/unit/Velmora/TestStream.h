@@ -1,0 +1,28 @@
+// The stream the worker tests play, and the source they play.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+#include "Stream/Sync.h"
+#include "TestFormats.h"
+
+// Stereo 32-bit at 48 kHz to a sink that takes it, in 1 ms cycles of two
+// packets of 24 frames.
+inline void planTestStream(VELMORA::Sync& sync) {
+    sync.format.sink.pcm = VELMORA::FormatID(0xE06u, 0x003Eu);
+    EXPECT_TRUE(sync.format.setFormat(stereoS32At48k));
+    VELMORA::TransferProfile& profile = sync.profiles[0];
+    profile.cycle = NORVA::TimeValue::fromUs(1000);
+    profile.packetCount = 2;
+    profile.sizeQ14 = 24u << 14;
+    profile.dataSize = 24 * 8;
+    profile.mode = VELMORA::transferFix;
+    sync.profileCount = 1;
+}
+
+// Byte n of a test source; never the silence byte.
+inline std::uint8_t patternByte(std::uint64_t n) {
+    return std::uint8_t(1 + n % 251);
+}
