@@ -57,10 +57,9 @@ std::uint64_t stepsToTry(TimeValue first, TimeValue target) {
 }
 
 // `cycle` lowered by `steps` search steps, as that many TimeValue
-// subtractions would give it; not set if it would reach 0.
+// subtractions would give it; the steps end short of 0.
 TimeValue stepsBelow(TimeValue cycle, std::uint64_t steps) {
     if (steps == 0) return cycle;
-    if (steps * searchStep.raw() >= cycle.raw()) return {};
     return TimeValue::fromRaw((cycle.raw() - steps * searchStep.raw()) | 1);
 }
 
@@ -115,8 +114,7 @@ bool TransferConfig::planFix(std::int32_t count, TimeValue wanted) {
     // The cycle falls by search steps until its bytes fit. The bytes only
     // grow with the cycle, so a bisection finds the step that walking would.
     auto fits = [&](std::uint64_t steps) {
-        TimeValue lowered = stepsBelow(wanted, steps);
-        return lowered.isSet() && bytesPerCycle(lowered.toUs(), fixHeadroom) < capacity;
+        return bytesPerCycle(stepsBelow(wanted, steps).toUs(), fixHeadroom) < capacity;
     };
     std::uint64_t steps = 0;
     if (!fits(0)) {
