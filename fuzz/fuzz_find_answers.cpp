@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -98,77 +99,54 @@ VELMORA::FindSettings loopbackSettings() {
 
 void read(VELMORA::Find& find, const NORVA::IPAddress& target, std::uint8_t choice) {
     using VELMORA::SettingTable;
-    switch (choice % 10) {
-        case 0: {
-            std::uint64_t id = 0;
-            std::string name;
-            find.probeTarget(target, id, name);
-            break;
-        }
-        case 1: {
-            std::uint16_t count = 0, second = 0;
-            std::uint8_t map[512];
-            find.readPortList(target, count, second, map);
-            break;
-        }
-        case 2: {
-            NORVA::IPAddress sink;
-            VELMORA::TargetRecord record;
-            find.readFirstTarget(target, sink, record);
-            break;
-        }
-        case 3: {
-            std::string text;
-            std::vector<std::string> list;
-            std::vector<std::uint8_t> bytes;
+    std::uint64_t id = 0;
+    std::uint32_t mtu = 0;
+    std::uint16_t count = 0, second = 0, version = 0, kind = 0, state = 0xFFFF;
+    std::uint8_t map[512];
+    const std::uint8_t data[64] = {1, 2, 3};
+    std::string text;
+    std::vector<std::string> list;
+    std::vector<std::uint8_t> bytes;
+    NORVA::IPAddress sink, peer;
+    VELMORA::TargetRecord record;
+    std::vector<VELMORA::TargetSetting> settings;
+    VELMORA::TargetIcon icon;
+    std::vector<VELMORA::SlotDescription> slots;
+    const std::function<void()> reads[] = {
+        [&] { find.probeTarget(target, id, text); },
+        [&] { find.readPortList(target, count, second, map); },
+        [&] { find.readFirstTarget(target, sink, record); },
+        [&] {
             find.readText1(target, text);
             find.readInfoList(target, 1, list);
             find.readInfoBytes(target, 2, bytes);
             find.readInfoText(target, 6, text);
-            break;
-        }
-        case 4: {
-            std::uint16_t count = 0, version = 0, kind = 0;
-            NORVA::IPAddress entry, peer;
-            std::string text;
+        },
+        [&] {
             find.readStatusCount(target, count);
-            find.readStatusEntry(target, 1, entry, version, text, peer, kind);
-            break;
-        }
-        case 5: {
-            std::vector<VELMORA::TargetSetting> list;
-            find.readSettings(SettingTable::first, target, list, false);
-            find.readSettings(SettingTable::second, target, list, true);
-            break;
-        }
-        case 6: {
-            VELMORA::TargetIcon icon;
+            find.readStatusEntry(target, 1, sink, version, text, peer, kind);
+        },
+        [&] {
+            find.readSettings(SettingTable::first, target, settings, false);
+            find.readSettings(SettingTable::second, target, settings, true);
+        },
+        [&] {
             find.readIconNumber(target, 0, 1, icon);
             find.readIcon(target, 0x10002, icon, 32);
-            break;
-        }
-        case 7: {
-            std::vector<VELMORA::SlotDescription> list;
-            std::uint16_t state = 0xFFFF;
-            find.readSlotList(target, list);
+        },
+        [&] {
+            find.readSlotList(target, slots);
             find.checkTransfer(target, 0, 0x1234, state);
-            break;
-        }
-        case 8: {
-            std::uint32_t mtu = 0;
-            find.measureMtu(target, mtu);
-            break;
-        }
-        default: {
-            std::string answerText;
-            const std::uint8_t data[64] = {1, 2, 3};
-            find.writeSetting(SettingTable::first, target, 1, 5, "text", answerText);
+        },
+        [&] { find.measureMtu(target, mtu); },
+        [&] {
+            find.writeSetting(SettingTable::first, target, 1, 5, "text", text);
             find.commitSettings(SettingTable::first, target, false);
             find.restartTarget(target, false, 0);
             find.Transfer(target, 0, NORVA::BufferCS_const{data, sizeof data}, 16);
-            break;
-        }
-    }
+        },
+    };
+    reads[choice % 10]();
 }
 
 }  // namespace

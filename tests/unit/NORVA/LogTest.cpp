@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <cstring>
+#include <regex>
 #include <string>
 
 #include "AllocationCounter.h"
@@ -17,18 +17,6 @@ using NORVA::LogLine;
 using NORVA::LogPri;
 using NORVA::Syslog;
 using NORVA::TimeValue;
-
-// "<PRI>Mmm DD hh:mm:ss localhost text": one to three digits, a month's
-// name and two-digit fields.
-bool stamped(std::string line) {
-    const std::string months = "JanFebMarAprMayJunJulAugSepOctNovDec";
-    std::size_t close = line.find('>'), month = months.find(line.substr(close + 1, 3));
-    if (line[0] != '<' || close < 2 || close > 4 || month > 33 || month % 3 != 0) return false;
-    line.replace(close + 1, 3, "Mmm");
-    for (char& c : line) c = std::isdigit(static_cast<unsigned char>(c)) ? '0' : c;
-    return line.substr(1, close - 1) == std::string(close - 1, '0') &&
-           line.substr(close, 27) == ">Mmm 00 00:00:00 localhost ";
-}
 
 // A log installed and opened towards a listener on [::1] at an ephemeral
 // port, so that each test sees the real datagrams. The log uninstalls
@@ -100,8 +88,10 @@ TEST_F(LogTest, StreamsEveryArgumentKindBehindTheStamp) {
                   << "p" << std::string("s") << std::string_view("cut-here", 3) << " " << address << " "
                   << Hex64{0x0123456789ABCDEFull} << "|" << Hex64{0} << "|" << Hex64{0xa};
     const std::string line = receive();
-    EXPECT_TRUE(stamped(line)) << line;
-    EXPECT_EQ(line.substr(0, 4), "<11>");
+    const std::regex stamp(
+        "<11>(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} "
+        "localhost .*");
+    EXPECT_TRUE(std::regex_match(line, stamp)) << line;
     EXPECT_EQ(line.substr(30),
               "65535 -2147483648 4294967295 -9223372036854775808 18446744073709551615 1.500000 0.250000 "
               "pscut fe80::1%12,19640 0123456789ABCDEF|0000000000000000|000000000000000A");
