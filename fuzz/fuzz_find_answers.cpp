@@ -52,16 +52,12 @@ class Responder {
         return std::uint16_t(input[offset] | input[offset + 1] << 8);
     }
 
-    // The next record as the answer to `request`, or a refusal.
+    // The next record as the answer to `request`.
     void answer(const VELMORA::Receive& request, const NORVA::IPAddress& to) {
         const std::uint16_t type = std::uint16_t(request.type() + 1);
         std::lock_guard<std::mutex> guard(lock);
-        if (at + recordHeader > input.size()) {
-            VELMORA::Send refusal(type, 0);
-            refusal.finish();
-            socket.sendTo(to, true, refusal.bytes.data, refusal.bytes.size);
-            return;
-        }
+        // Past the input a record reads as zeros: no body and no flags, a refusal.
+        if (at + recordHeader > input.size()) input.resize(at + recordHeader);
         const std::size_t bodySize = std::min<std::size_t>(word(at), input.size() - at - recordHeader);
         VELMORA::SendBuffer frame(type, word(at + 2), word(at + 4), word(at + 6), word(at + 8),
                                   word(at + 10));
