@@ -69,8 +69,7 @@ class Capture {
   public:
     Capture(const std::string& server, std::size_t frames) : samples(channels, std::vector<float>(frames)) {
         for (int tries = 0; tries < 100 && client == nullptr; ++tries) {
-            jack_status_t status{};
-            client = jack_client_open("capture", jack_options_t(JackNoStartServer | JackServerName), &status,
+            client = jack_client_open("capture", jack_options_t(JackNoStartServer | JackServerName), nullptr,
                                       server.c_str());
             if (client == nullptr) std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
@@ -97,8 +96,7 @@ class Capture {
     jack_client_t* client = nullptr;
     std::vector<std::vector<float>> samples;
     std::atomic<std::size_t> recorded{0};
-    std::atomic<unsigned> xruns{0};
-    std::atomic<unsigned> xrunsBeforeSound{0};
+    std::atomic<unsigned> xruns{0}, xrunsBeforeSound{0};
 
   private:
     static int process(jack_nframes_t frames, void* self) {
