@@ -35,8 +35,7 @@ class Responder {
         socket.openNonBlocking();
         socket.receiveSize = 70000;
         socket.bind(address);
-        thread = std::thread([this] { serve(); });
-        thread.detach();  // lives as long as the fuzzing process
+        std::thread([this] { serve(); }).detach();  // lives as long as the fuzzing process
     }
 
     void load(const std::uint8_t* data, std::size_t size) {
@@ -82,7 +81,6 @@ class Responder {
     std::mutex lock;
     std::vector<std::uint8_t> input;
     std::size_t at = 0;
-    std::thread thread;
 };
 
 VELMORA::FindSettings loopbackSettings() {
