@@ -7,7 +7,6 @@
 //
 // Input: one byte choosing the read, then records of
 //   u16 body size, flags, param0..param3 (little-endian), then the body.
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -20,7 +19,6 @@
 #include "Network/BufferCS_const.h"
 #include "Network/ByteArray.h"
 #include "Network/Socket.h"
-#include "Protocol/MessageTypes.h"
 #include "Protocol/Receive.h"
 #include "Protocol/Send.h"
 
