@@ -28,8 +28,7 @@ namespace {
 
 using namespace StreamHost;
 
-std::string toolPath;
-std::string jackdPath;
+std::string toolPath, jackdPath;
 int seconds = 4;
 
 const VELMORA::FormatID stereoS16At48k(0x202u, 0x000Cu);

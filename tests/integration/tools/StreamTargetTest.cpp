@@ -24,7 +24,6 @@
 
 namespace {
 
-using NORVA::TimeValue;
 using namespace VELMORA;
 using namespace StreamHost;
 
@@ -52,8 +51,7 @@ struct Case {
 
 class StreamToTarget : public ::testing::TestWithParam<Case> {
   protected:
-    ScratchFile wav{"velmora-stream-target", ".wav"};
-    ScratchFile json{"velmora-stream-target", ".json"};
+    ScratchFile wav{"velmora-stream-target", ".wav"}, json{"velmora-stream-target", ".json"};
     PatternSource host;
     std::vector<std::pair<double, std::int16_t>> adjusts;  // ms since the stream started, Q14; every 10 ms
 

@@ -14,9 +14,7 @@ namespace {
 using NORVA::Hex64;
 using NORVA::IPAddress;
 using NORVA::LogLine;
-using NORVA::LogPri;
 using NORVA::Syslog;
-using NORVA::TimeValue;
 
 // A log installed and opened towards a listener on [::1] at an ephemeral
 // port, so that each test sees the real datagrams. The log uninstalls
@@ -36,7 +34,7 @@ class LogTest : public ::testing::Test {
     std::string receive() {
         char data[4096];
         std::size_t received = 0;
-        if (listener.waitReadable(TimeValue::fromSeconds(10)) != 2) ADD_FAILURE() << "no datagram";
+        if (listener.waitReadable(NORVA::TimeValue::fromSeconds(10)) != 2) ADD_FAILURE() << "no datagram";
         return listener.receive(data, sizeof(data), received) ? std::string(data, received) : "";
     }
     // A marker line is the next datagram: nothing was sent in between.
@@ -68,7 +66,7 @@ TEST_F(LogTest, ThresholdDecidesWhichLinesAreBuiltAndARejectedOneAllocatesNothin
     EXPECT_EQ(LogLine(3, "text").data(), nullptr);
     expectNothingBeforeMarker();
     // The threshold looks at the low three bits of PRI only.
-    EXPECT_TRUE(LogLine(7).data() == nullptr && LogLine(LogPri{16 << 3 | 7}).data() == nullptr &&
+    EXPECT_TRUE(LogLine(7).data() == nullptr && LogLine(NORVA::LogPri{16 << 3 | 7}).data() == nullptr &&
                 LogLine(16, 7).data() == nullptr);
     expectNothingBeforeMarker();
     NORVA::logThreshold = 7;
