@@ -7,10 +7,10 @@
 //
 // Input: one byte choosing the read, then records of
 //   u16 body size, flags, param0..param3 (little-endian), then the body.
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -19,7 +19,6 @@
 #include "Network/BufferCS_const.h"
 #include "Network/ByteArray.h"
 #include "Network/Socket.h"
-#include "Protocol/MessageTypes.h"
 #include "Protocol/Receive.h"
 #include "Protocol/Send.h"
 
@@ -34,8 +33,7 @@ class Responder {
         socket.openNonBlocking();
         socket.receiveSize = 70000;
         socket.bind(address);
-        thread = std::thread([this] { serve(); });
-        thread.detach();  // lives as long as the fuzzing process
+        std::thread([this] { serve(); }).detach();  // lives as long as the fuzzing process
     }
 
     void load(const std::uint8_t* data, std::size_t size) {
@@ -51,16 +49,12 @@ class Responder {
         return std::uint16_t(input[offset] | input[offset + 1] << 8);
     }
 
-    // The next record as the answer to `request`, or a refusal.
+    // The next record as the answer to `request`.
     void answer(const VELMORA::Receive& request, const NORVA::IPAddress& to) {
         const std::uint16_t type = std::uint16_t(request.type() + 1);
         std::lock_guard<std::mutex> guard(lock);
-        if (at + recordHeader > input.size()) {
-            VELMORA::Send refusal(type, 0);
-            refusal.finish();
-            socket.sendTo(to, true, refusal.bytes.data, refusal.bytes.size);
-            return;
-        }
+        // Past the input a record reads as zeros: no body and no flags, a refusal.
+        if (at + recordHeader > input.size()) input.resize(at + recordHeader);
         const std::size_t bodySize = std::min<std::size_t>(word(at), input.size() - at - recordHeader);
         VELMORA::SendBuffer frame(type, word(at + 2), word(at + 4), word(at + 6), word(at + 8),
                                   word(at + 10));
@@ -85,7 +79,6 @@ class Responder {
     std::mutex lock;
     std::vector<std::uint8_t> input;
     std::size_t at = 0;
-    std::thread thread;
 };
 
 VELMORA::FindSettings loopbackSettings() {
@@ -98,77 +91,54 @@ VELMORA::FindSettings loopbackSettings() {
 
 void read(VELMORA::Find& find, const NORVA::IPAddress& target, std::uint8_t choice) {
     using VELMORA::SettingTable;
-    switch (choice % 10) {
-        case 0: {
-            std::uint64_t id = 0;
-            std::string name;
-            find.probeTarget(target, id, name);
-            break;
-        }
-        case 1: {
-            std::uint16_t count = 0, second = 0;
-            std::uint8_t map[512];
-            find.readPortList(target, count, second, map);
-            break;
-        }
-        case 2: {
-            NORVA::IPAddress sink;
-            VELMORA::TargetRecord record;
-            find.readFirstTarget(target, sink, record);
-            break;
-        }
-        case 3: {
-            std::string text;
-            std::vector<std::string> list;
-            std::vector<std::uint8_t> bytes;
+    std::uint64_t id = 0;
+    std::uint32_t mtu = 0;
+    std::uint16_t count = 0, second = 0, version = 0, kind = 0, state = 0xFFFF;
+    std::uint8_t map[512];
+    const std::uint8_t data[64] = {1, 2, 3};
+    std::string text;
+    std::vector<std::string> list;
+    std::vector<std::uint8_t> bytes;
+    NORVA::IPAddress sink, peer;
+    VELMORA::TargetRecord record;
+    std::vector<VELMORA::TargetSetting> settings;
+    VELMORA::TargetIcon icon;
+    std::vector<VELMORA::SlotDescription> slots;
+    const std::function<void()> reads[] = {
+        [&] { find.probeTarget(target, id, text); },
+        [&] { find.readPortList(target, count, second, map); },
+        [&] { find.readFirstTarget(target, sink, record); },
+        [&] {
             find.readText1(target, text);
             find.readInfoList(target, 1, list);
             find.readInfoBytes(target, 2, bytes);
             find.readInfoText(target, 6, text);
-            break;
-        }
-        case 4: {
-            std::uint16_t count = 0, version = 0, kind = 0;
-            NORVA::IPAddress entry, peer;
-            std::string text;
+        },
+        [&] {
             find.readStatusCount(target, count);
-            find.readStatusEntry(target, 1, entry, version, text, peer, kind);
-            break;
-        }
-        case 5: {
-            std::vector<VELMORA::TargetSetting> list;
-            find.readSettings(SettingTable::first, target, list, false);
-            find.readSettings(SettingTable::second, target, list, true);
-            break;
-        }
-        case 6: {
-            VELMORA::TargetIcon icon;
+            find.readStatusEntry(target, 1, sink, version, text, peer, kind);
+        },
+        [&] {
+            find.readSettings(SettingTable::first, target, settings, false);
+            find.readSettings(SettingTable::second, target, settings, true);
+        },
+        [&] {
             find.readIconNumber(target, 0, 1, icon);
             find.readIcon(target, 0x10002, icon, 32);
-            break;
-        }
-        case 7: {
-            std::vector<VELMORA::SlotDescription> list;
-            std::uint16_t state = 0xFFFF;
-            find.readSlotList(target, list);
+        },
+        [&] {
+            find.readSlotList(target, slots);
             find.checkTransfer(target, 0, 0x1234, state);
-            break;
-        }
-        case 8: {
-            std::uint32_t mtu = 0;
-            find.measureMtu(target, mtu);
-            break;
-        }
-        default: {
-            std::string answerText;
-            const std::uint8_t data[64] = {1, 2, 3};
-            find.writeSetting(SettingTable::first, target, 1, 5, "text", answerText);
+        },
+        [&] { find.measureMtu(target, mtu); },
+        [&] {
+            find.writeSetting(SettingTable::first, target, 1, 5, "text", text);
             find.commitSettings(SettingTable::first, target, false);
             find.restartTarget(target, false, 0);
             find.Transfer(target, 0, NORVA::BufferCS_const{data, sizeof data}, 16);
-            break;
-        }
-    }
+        },
+    };
+    reads[choice % 10]();
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 // next; it isn't started, so its answers fail to send.
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 #include "Network/IPAddress.h"
 #include "Sink/StreamSink.h"

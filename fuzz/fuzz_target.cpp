@@ -36,14 +36,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     using Port = VELMORA::Target::Port;
     const Port ports[] = {Port::control, Port::registration, Port::log};
     const Port port = ports[(data[0] & 0x7F) % 3];
-    NORVA::IPAddress source;
-    if ((data[0] & 0x80) != 0) {
-        source = NORVA::IPAddress::loopback(40000);
-    } else {
-        source.parseV6Port("fe80::1%1,40000");
-    }
-    NORVA::ByteArray datagram;
-    datagram.resize(size - 1);
+    NORVA::IPAddress source = NORVA::IPAddress::loopback(40000);
+    if ((data[0] & 0x80) == 0) source.parseV6Port("fe80::1%1,40000");
+    NORVA::ByteArray datagram(size - 1);
     if (size > 1) std::memcpy(datagram.data(), data + 1, size - 1);
     target.takeDatagram(port, datagram, source);
     return 0;

@@ -49,8 +49,7 @@ int main(int argc, char** argv) {
                 inside.sendTo(target, true, datagram.data(), datagram.size());
             }
         }
-        if (sockets.isReady(inside) && inside.receiveFrom(datagram, source) && !datagram.empty()) {
+        if (sockets.isReady(inside) && inside.receiveFrom(datagram, source) && !datagram.empty())
             outside.sendTo(client, true, datagram.data(), datagram.size());
-        }
     }
 }

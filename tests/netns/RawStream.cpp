@@ -141,25 +141,19 @@ int compare(const char* path, std::uint32_t seconds) {
 
 }  // namespace
 
-void printLine(const char* line) {
-    std::fprintf(stderr, "%s\n", line);
-}
-
 int main(int argc, char** argv) {
     if (argc == 5 && std::strcmp(argv[1], "play") == 0) {
-        // The host's log, to explain a failure.
+        // The host's log, to explain a failure; it uninstalls itself when it goes.
         NORVA::Syslog log;
-        log.configure(16, &printLine, 0);
+        log.configure(
+            16, [](const char* line) { std::fprintf(stderr, "%s\n", line); }, 0);
         NORVA::Syslog::install(&log);
         NORVA::logThreshold = 3;
-        int result = play(argv[2], std::uint32_t(std::strtoul(argv[3], nullptr, 0)),
-                          std::uint32_t(std::strtoul(argv[4], nullptr, 0)));
-        NORVA::Syslog::install(nullptr);
-        return result;
+        return play(argv[2], std::uint32_t(std::strtoul(argv[3], nullptr, 0)),
+                    std::uint32_t(std::strtoul(argv[4], nullptr, 0)));
     }
-    if (argc == 4 && std::strcmp(argv[1], "compare") == 0) {
+    if (argc == 4 && std::strcmp(argv[1], "compare") == 0)
         return compare(argv[2], std::uint32_t(std::strtoul(argv[3], nullptr, 0)));
-    }
     std::fputs("usage: netns_raw_stream play ADDRESS%SCOPE THREAD_FLAGS SECONDS | compare WAV SECONDS\n",
                stderr);
     return 2;

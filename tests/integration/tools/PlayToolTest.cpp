@@ -81,16 +81,12 @@ TEST(PlaySource, DsdBitOrdersAreMirrorImages) {
 TEST(PlayCompare, MatchesAfterLeadsAndFindsADifferenceAShortSinkAndAnotherFormat) {
     WavData given = stereo16({0, 0, 5, -5, 7, 8, 0, 0});
     Comparison result = compareWav(given, stereo16({0, 0, 0, 0, 0, 0, 5, -5, 7, 8}));
-    EXPECT_TRUE(result.exact) << result.text();
-    EXPECT_EQ(result.givenLead, 1u);
-    EXPECT_EQ(result.sinkLead, 3u);
+    EXPECT_TRUE(result.exact && result.givenLead == 1 && result.sinkLead == 3) << result.text();
     EXPECT_EQ(result.text().substr(0, 15), "bit-exact: yes ");
 
     given = stereo16({1, 2, 3, 4, 5, 6});
     Comparison changed = compareWav(given, stereo16({1, 2, 3, 5, 5, 6}));
-    EXPECT_FALSE(changed.exact);
-    EXPECT_TRUE(changed.differs);
-    EXPECT_EQ(changed.firstDifference, 1u);
+    EXPECT_TRUE(!changed.exact && changed.differs && changed.firstDifference == 1) << changed.text();
     Comparison shortSink = compareWav(given, stereo16({0, 0, 1, 2, 3, 4}));
     EXPECT_FALSE(shortSink.exact || shortSink.differs);
     EXPECT_NE(shortSink.text().find("only 2 of 3 frames"), std::string::npos) << shortSink.text();
@@ -129,8 +125,7 @@ TEST(PlayCompare, DsdGivenMatchesTheSinksFileAfterItsIdlePattern) {
     source.digest(perChannel + 8, handed);
     arrived.reset(8, 0x69);
     arrived.feed(received.data.data(), received.data.size());
-    EXPECT_EQ(handed.lead(), 0u);
-    EXPECT_EQ(arrived.lead(), 24u);
+    EXPECT_TRUE(handed.lead() == 0 && arrived.lead() == 24) << handed.lead() << " " << arrived.lead();
     EXPECT_EQ(handed.length(), 2 * perChannel) << "the idle tail isn't the source's";
     ASSERT_TRUE(handed.checkpoints().size() == 1 && arrived.checkpoints().size() == 1);
     EXPECT_EQ(handed.checkpoints()[0].hash, arrived.checkpoints()[0].hash);

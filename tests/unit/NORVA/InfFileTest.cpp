@@ -16,11 +16,9 @@ namespace fs = std::filesystem;
 TEST(InfFileParse, LinesAndHeaders) {
     InfFile inf;
     inf.loadText(
-        "a = 1\rb=1\r\n\r\neq=b=c\n\nx=1 ; note\n  indented   =  spaced value  \nempty=\n = orphan\nno "
-        "equals sign\n"
-        "; a=comment\n# b=comment\n// c=comment\n/d=slash\nb=2\n[ first ]   \nk=f\n[broken\nafter=still "
-        "first\n"
-        "[]\nback=global\n[lonely]\n[second]\nk=s\n");
+        "a = 1\rb=1\r\n\r\neq=b=c\n\nx=1 ; note\n  indented   =  spaced value  \nempty=\n = orphan\n"
+        "no equals sign\n; a=comment\n# b=comment\n// c=comment\n/d=slash\nb=2\n[ first ]   \nk=f\n"
+        "[broken\nafter=still first\n[]\nback=global\n[lonely]\n[second]\nk=s\n");
     EXPECT_EQ(inf.sectionText("global"),
               "/d=slash\na=1\nb=2\nback=global\nempty=\neq=b=c\nindented=spaced value\nx=1 ; note");
     EXPECT_EQ(inf.sectionText("first"), "after=still first\nk=f");
