@@ -41,32 +41,18 @@ bool Socket::open(Kind newKind) {
     kind = newKind;
     if (kind == raw) return true;
 
-    bool v6 = kind == tcp6 || kind == udp6 || kind == tcp6dual || kind == udp6dual;
-    handle =
-        Platform::socketCreate(v6 ? Platform::SocketFamily::v6 : Platform::SocketFamily::v4,
-                               isStream() ? Platform::SocketType::stream : Platform::SocketType::datagram);
+    handle = Platform::socketCreate();
     if (handle == Platform::noSocket) {
         lastError = Platform::lastSocketError();
         return false;
     }
 
-    if (kind == udp4) {
-        if (!Platform::socketSetOption(handle, Platform::SocketOption::broadcast, 1)) {
-            close();
-            return false;
-        }
-        Platform::socketSetNonBlocking(handle, false);
-    }
-
-    // Each of these fits only some kinds; a refusal is expected and harmless.
+    // Not all of these apply to a datagram socket; a refusal is expected and
+    // harmless.
     Platform::socketSetOption(handle, Platform::SocketOption::noDelay, 1);
     Platform::socketSetOption(handle, Platform::SocketOption::dontFragment, 1);
     Platform::socketSetOption(handle, Platform::SocketOption::pathMtuDiscovery, 1);
-
-    if (v6) {
-        Platform::socketSetOption(handle, Platform::SocketOption::v6Only,
-                                  kind == tcp6 || kind == udp6 ? 1 : 0);
-    }
+    Platform::socketSetOption(handle, Platform::SocketOption::v6Only, 1);
 
     blocking = true;
     return true;
@@ -75,7 +61,7 @@ bool Socket::open(Kind newKind) {
 void Socket::close() {
     if (handle == Platform::noSocket) return;
     // The raw kind has no platform socket behind its handle.
-    if (kind != raw) Platform::socketClose(handle, isStream());
+    if (kind != raw) Platform::socketClose(handle);
     handle = Platform::noSocket;
 }
 
@@ -103,8 +89,7 @@ bool Socket::bind(IPAddress& address) {
     // out a port that another such socket holds, and its datagrams go astray.
     if (!address.noPort()) Platform::socketSetOption(handle, Platform::SocketOption::reuseAddress, 1);
 
-    bool bound = isV4() ? Platform::socketBind4(handle, record) : Platform::socketBind6(handle, record);
-    if (!bound) {
+    if (!Platform::socketBind6(handle, record)) {
         lastError = Platform::lastSocketError();
         return false;
     }
@@ -114,8 +99,6 @@ bool Socket::bind(IPAddress& address) {
         if (!Platform::socketLocalAddress6(handle, assigned)) return false;
         address.portNetworkOrder = assigned.portNetworkOrder;
     }
-
-    if (isStream() && !Platform::socketListen(handle, 1000)) return false;
 
     // Sending out of the bound interface is wanted but not required.
     if (boundScope != 0) setOutgoingInterface(boundScope);
@@ -178,8 +161,6 @@ bool Socket::receiveDatagram(void* data, std::size_t size, std::size_t& received
     Platform::SocketAddress6 from{};
     std::int64_t result = Platform::socketReceiveFrom6(handle, data, size, peer != nullptr ? &from : nullptr);
     if (result < 0) return isNothingReceived(Platform::lastSocketError());
-    // On a stream, 0 bytes means that the other end has closed.
-    if (result == 0 && isStream()) return false;
     received = static_cast<std::size_t>(result);
     if (peer != nullptr) *peer = addressOf(from);
     return true;

@@ -27,17 +27,12 @@ namespace NORVA {
 class Socket {
   public:
     enum Kind : std::int32_t {
-        tcp4 = 0,      // IPv4 stream
-        udp4 = 1,      // IPv4 datagram
-        tcp6 = 2,      // IPv6 stream, IPv6 only
-        udp6 = 3,      // IPv6 datagram, IPv6 only
-        tcp6dual = 4,  // IPv6 stream, IPv4 too
-        udp6dual = 5,  // IPv6 datagram, IPv4 too
-        raw = 6        // no socket: raw frames
+        udp6,  // IPv6 datagram, IPv6 only
+        raw    // no socket: raw frames
     };
 
     Platform::SocketHandle handle = Platform::noSocket;
-    Kind kind = tcp4;
+    Kind kind = udp6;
     std::uint32_t receiveSize = 1500;  // what a receive buffer is made to
     bool blocking = true;              // the handle's mode, as far as we set it
     std::int32_t lastError = 0;        // of the last failed socket, bind, join or send
@@ -51,9 +46,6 @@ class Socket {
     Socket& operator=(const Socket&) = delete;
 
     bool isOpen() const { return handle != Platform::noSocket; }
-    bool isStream() const { return kind == tcp4 || kind == tcp6 || kind == tcp6dual; }
-    // The IPv4 kinds bind to the mapped form ::ffff:a.b.c.d.
-    bool isV4() const { return kind == tcp4 || kind == udp4; }
 
     // Closes what is there, then makes a socket of the given kind with the
     // options this system always wants. A socket starts in blocking mode.

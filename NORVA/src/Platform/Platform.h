@@ -86,8 +86,7 @@ bool writeWholeFile(const std::string& path, const std::string& bytes);
 
 // ---- Network interfaces -----------------------------------------------------
 
-// One unicast address of one adapter (GetAdaptersAddresses / getifaddrs).
-// For IPv4 the address is in the mapped form ::ffff:a.b.c.d.
+// One unicast IPv6 address of one adapter (GetAdaptersAddresses / getifaddrs).
 struct AdapterAddress {
     std::uint8_t address[16];
     std::uint32_t interfaceIndex;
@@ -97,8 +96,8 @@ struct AdapterAddress {
     std::uint32_t mtu;
     std::uint8_t mac[6];
 };
-// Adapters in the system's order, each with its addresses of one family.
-bool listAdapterAddresses(bool ipv6, std::vector<AdapterAddress>& out);
+// Adapters in the system's order, each with its IPv6 addresses.
+bool listAdapterAddresses(std::vector<AdapterAddress>& out);
 
 // ---- Sockets --------------------------------------------------------------
 
@@ -124,10 +123,9 @@ int startSocketLibrary();
 // The error of the last failed socket call of this thread.
 int lastSocketError();
 
-enum class SocketFamily { v4, v6 };
-enum class SocketType { stream, datagram };
-SocketHandle socketCreate(SocketFamily family, SocketType type);
-void socketClose(SocketHandle handle, bool shutdownFirst);
+// An IPv6 datagram socket.
+SocketHandle socketCreate();
+void socketClose(SocketHandle handle);
 // Ends, for good, any wait or receive on the socket in another thread, and
 // makes later ones return at once; the handle stays valid until closed, so
 // that the other thread never meets a handle that was reused meanwhile.
@@ -136,7 +134,6 @@ void socketInterrupt(SocketHandle handle);
 bool socketSetNonBlocking(SocketHandle handle, bool nonBlocking);
 
 enum class SocketOption {
-    broadcast,           // SO_BROADCAST
     noDelay,             // TCP_NODELAY
     reuseAddress,        // SO_REUSEADDR
     dontFragment,        // IPv4: no fragmentation by this host
@@ -161,12 +158,8 @@ struct SocketAddress6 {
 };
 
 bool socketBind6(SocketHandle handle, const SocketAddress6& address);
-bool socketListen(SocketHandle handle, int backlog);
 bool socketLocalAddress6(SocketHandle handle, SocketAddress6& address);
 bool socketJoinGroup6(SocketHandle handle, const std::uint8_t group[16], std::uint32_t scope);
-
-// IPv4 sockets take their addresses in the mapped form ::ffff:a.b.c.d.
-bool socketBind4(SocketHandle handle, const SocketAddress6& address);
 
 // Bytes sent, or -1 on failure (see lastSocketError).
 std::int64_t socketSendTo6(SocketHandle handle, const void* data, std::size_t length,

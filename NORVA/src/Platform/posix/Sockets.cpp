@@ -106,14 +106,8 @@ bool setInt(SocketHandle handle, int level, int name, int value) {
 // set on every datagram, so that this host never fragments. An IPv6 socket
 // has it twice, for its IPv6 traffic and for IPv4 in mapped form.
 bool setNoFragmentation(SocketHandle handle, bool on, int offValue) {
-    int family = 0;
-    socklen_t size = sizeof(family);
-    getsockopt(fd(handle), SOL_SOCKET, SO_DOMAIN, &family, &size);
     bool done = setInt(handle, IPPROTO_IP, IP_MTU_DISCOVER, on ? IP_PMTUDISC_DO : offValue);
-    if (family == AF_INET6) {
-        done = setInt(handle, IPPROTO_IPV6, IPV6_MTU_DISCOVER, on ? IPV6_PMTUDISC_DO : offValue) || done;
-    }
-    return done;
+    return setInt(handle, IPPROTO_IPV6, IPV6_MTU_DISCOVER, on ? IPV6_PMTUDISC_DO : offValue) || done;
 }
 
 }  // namespace
@@ -127,11 +121,8 @@ int lastSocketError() {
     return lastError;
 }
 
-SocketHandle socketCreate(SocketFamily family, SocketType type) {
-    int domain = family == SocketFamily::v6 ? AF_INET6 : AF_INET;
-    int kind = type == SocketType::stream ? SOCK_STREAM : SOCK_DGRAM;
-    int protocol = type == SocketType::stream ? IPPROTO_TCP : IPPROTO_UDP;
-    int result = socket(domain, kind | SOCK_CLOEXEC, protocol);
+SocketHandle socketCreate() {
+    int result = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
     if (result < 0) {
         failed();
         return noSocket;
@@ -139,8 +130,7 @@ SocketHandle socketCreate(SocketFamily family, SocketType type) {
     return result;
 }
 
-void socketClose(SocketHandle handle, bool shutdownFirst) {
-    if (shutdownFirst) shutdown(fd(handle), SHUT_RDWR);
+void socketClose(SocketHandle handle) {
     close(fd(handle));
 }
 
@@ -181,17 +171,6 @@ bool socketSetOption(SocketHandle handle, SocketOption option, int value) {
 bool socketBind6(SocketHandle handle, const SocketAddress6& address) {
     sockaddr_in6 native = toNative(address);
     if (bind(fd(handle), reinterpret_cast<const sockaddr*>(&native), sizeof(native)) != 0) return failed();
-    return true;
-}
-
-bool socketBind4(SocketHandle handle, const SocketAddress6& address) {
-    sockaddr_in native = toNative4(address);
-    if (bind(fd(handle), reinterpret_cast<const sockaddr*>(&native), sizeof(native)) != 0) return failed();
-    return true;
-}
-
-bool socketListen(SocketHandle handle, int backlog) {
-    if (listen(fd(handle), backlog) != 0) return failed();
     return true;
 }
 

@@ -61,18 +61,14 @@ void ignorePortUnreachable(SOCKET socket) {
 
 }  // namespace
 
-SocketHandle socketCreate(SocketFamily family, SocketType type) {
-    int domain = family == SocketFamily::v6 ? AF_INET6 : AF_INET;
-    int kind = type == SocketType::stream ? SOCK_STREAM : SOCK_DGRAM;
-    int protocol = type == SocketType::stream ? IPPROTO_TCP : IPPROTO_UDP;
-    SOCKET result = socket(domain, kind, protocol);
+SocketHandle socketCreate() {
+    SOCKET result = socket(AF_INET6, SOCK_DGRAM, IPPROTO_UDP);
     if (result == INVALID_SOCKET) return noSocket;
-    if (type == SocketType::datagram) ignorePortUnreachable(result);
+    ignorePortUnreachable(result);
     return static_cast<SocketHandle>(result);
 }
 
-void socketClose(SocketHandle handle, bool shutdownFirst) {
-    if (shutdownFirst) shutdown(native(handle), SD_BOTH);
+void socketClose(SocketHandle handle) {
     closesocket(native(handle));
 }
 
@@ -82,8 +78,7 @@ void socketInterrupt(SocketHandle handle) {
     // wherever it is bound to the unspecified address.
     sockaddr_in6 self{};
     int size = sizeof(self);
-    if (getsockname(native(handle), reinterpret_cast<sockaddr*>(&self), &size) == 0 &&
-        self.sin6_family == AF_INET6) {
+    if (getsockname(native(handle), reinterpret_cast<sockaddr*>(&self), &size) == 0) {
         self.sin6_addr = in6addr_loopback;
         self.sin6_scope_id = 0;
         char nothing = 0;
@@ -116,15 +111,6 @@ bool socketSetOption(SocketHandle handle, SocketOption option, int value) {
 bool socketBind6(SocketHandle handle, const SocketAddress6& address) {
     sockaddr_in6 record = toNative(address);
     return bind(native(handle), reinterpret_cast<const sockaddr*>(&record), sizeof(record)) == 0;
-}
-
-bool socketBind4(SocketHandle handle, const SocketAddress6& address) {
-    sockaddr_in record = toNative4(address);
-    return bind(native(handle), reinterpret_cast<const sockaddr*>(&record), sizeof(record)) == 0;
-}
-
-bool socketListen(SocketHandle handle, int backlog) {
-    return listen(native(handle), backlog) == 0;
 }
 
 bool socketLocalAddress6(SocketHandle handle, SocketAddress6& address) {
