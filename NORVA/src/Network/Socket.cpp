@@ -47,9 +47,7 @@ bool Socket::open(Kind newKind) {
         return false;
     }
 
-    // Not all of these apply to a datagram socket; a refusal is expected and
-    // harmless.
-    Platform::socketSetOption(handle, Platform::SocketOption::noDelay, 1);
+    // A system may refuse one of these; that is harmless.
     Platform::socketSetOption(handle, Platform::SocketOption::dontFragment, 1);
     Platform::socketSetOption(handle, Platform::SocketOption::pathMtuDiscovery, 1);
     Platform::socketSetOption(handle, Platform::SocketOption::v6Only, 1);

@@ -46,7 +46,6 @@ inline bool plainOption(SocketOption option, int& level, int& name) {
         int name;
     };
     static constexpr Plain plain[] = {
-        {SocketOption::noDelay, IPPROTO_TCP, TCP_NODELAY},
         {SocketOption::reuseAddress, SOL_SOCKET, SO_REUSEADDR},
         {SocketOption::v6Only, IPPROTO_IPV6, IPV6_V6ONLY},
         {SocketOption::multicastInterface, IPPROTO_IPV6, IPV6_MULTICAST_IF},

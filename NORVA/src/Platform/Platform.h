@@ -134,7 +134,6 @@ void socketInterrupt(SocketHandle handle);
 bool socketSetNonBlocking(SocketHandle handle, bool nonBlocking);
 
 enum class SocketOption {
-    noDelay,             // TCP_NODELAY
     reuseAddress,        // SO_REUSEADDR
     dontFragment,        // IPv4: no fragmentation by this host
     pathMtuDiscovery,    // IPv4: MTU discovery on the path
