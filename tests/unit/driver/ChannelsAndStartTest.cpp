@@ -184,8 +184,7 @@ TEST_F(Channels, StartRefusesWhatCantStream) {
     }
 }
 
-// A sink of 16 and 32-bit integers at 44.1 and 48 kHz times 1 to 4, and DSD64 MSB first; the host writes 16
-// bits.
+// A sink of 16 and 32-bit integers at 44.1 and 48 kHz times 1 to 4 and of DSD64 MSB first; a 16-bit host.
 class Start : public Channels {
   protected:
     Start() { sinkOffers(FormatID(0xA02u, 0x3Eu), FormatID(), FormatID(0x2A10002u, 0x202u), 0x200, 2); }

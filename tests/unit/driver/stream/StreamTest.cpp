@@ -20,7 +20,6 @@
 #include "Protocol/MessageTypes.h"
 #include "System/Threads.h"
 #include "asio_velmora.h"
-#include "platform/DriverPlatform.h"
 
 #ifdef __linux__
 #include <sched.h>
@@ -173,10 +172,7 @@ class Stream : public DriverEnvironment {
         sinkConfig.latency = 200;  // 20 ms, as a device's buffer
         sinkConfig.play.wavPath = wav;
     }
-    ~Stream() override {
-        Host::current = nullptr;
-        std::filesystem::remove(wav);
-    }
+    ~Stream() override { Host::current = nullptr; }
 
     // A sink for the case, and a driver made by the factory, as a host makes it, with the host's buffers.
     void prepare(const Case& c, const char* settings = "") {
@@ -247,8 +243,7 @@ class Stream : public DriverEnvironment {
     }
 
     StreamSinkConfig sinkConfig;
-    std::string wav = ::testing::TempDir() + "velmora-driver-stream-" +
-                      std::to_string(DriverPlatform::processId()) + ".wav";
+    std::string wav = user.file("stream.wav");  // goes with the folder
     std::unique_ptr<LoopbackTarget> peer;
     AsioVelmora* driver = nullptr;
     Host host;
