@@ -90,12 +90,10 @@ TEST_F(Channels, RatesFormatsAndTypesFollowTheSink) {
     }
     driver.settings.covertS32 = true;
     EXPECT_EQ(typeOf(0), ASIOSTInt32LSB);
-    ASIOChannelInfo info{};
-    info.channel = 2;
-    EXPECT_EQ(driver.getChannelInfo(&info), ASE_InvalidParameter);
-    info.channel = 0;
-    info.isInput = ASIOTrue;
-    EXPECT_EQ(driver.getChannelInfo(&info), ASE_InvalidParameter);
+    for (auto [channel, input] : {std::pair{2, ASIOFalse}, {0, ASIOTrue}}) {
+        ASIOChannelInfo info{channel, input, {}, {}, {}, {}};
+        EXPECT_EQ(driver.getChannelInfo(&info), ASE_InvalidParameter) << channel;
+    }
 
     // A DSD rate takes the DSD branch without the host's format choice.
     sinkOffers(FormatID(), dsdLsbStereo, FormatID());
@@ -273,18 +271,14 @@ TEST_F(Start, TheSettingsPickThePlan) {
 // worker sleep, so the spin bits go.
 TEST_F(Start, TargetProfileLimitPlansTwoProfilesAndLongCyclesSleep) {
     const std::uint32_t spin = VELMORA::ThreadFlag::noSleep4Core | VELMORA::ThreadFlag::noSleepForce;
-    const struct {
-        std::uint64_t limitUs, firstCycleUs;
-        std::uint32_t flagsLeft;
-    } cases[] = {{949, 999, spin | 1}, {950, 1000, 1}};
     makeBuffers(256);
-    for (const auto& c : cases) {
+    for (auto [limitUs, firstCycleUs, flagsLeft] : {std::tuple{949u, 999u, spin | 1}, {950u, 1000u, 1u}}) {
         driver.sync.threadFlags = driver.settings.thredMode = spin | 1;  // as init leaves them
-        driver.settings.targetProfileLimitTime = NORVA::TimeValue::fromUs(c.limitUs);
+        driver.settings.targetProfileLimitTime = NORVA::TimeValue::fromUs(limitUs);
         EXPECT_EQ(driver.start(), ASE_NotPresent);
         EXPECT_EQ(driver.sync.profileCount, 2);
-        EXPECT_EQ(driver.sync.profiles[0].cycle.toUs(), c.firstCycleUs);
-        EXPECT_EQ(driver.sync.threadFlags, c.flagsLeft) << c.limitUs;
+        EXPECT_EQ(driver.sync.profiles[0].cycle.toUs(), firstCycleUs);
+        EXPECT_EQ(driver.sync.threadFlags, flagsLeft) << limitUs;
         driver.stop();
     }
 }

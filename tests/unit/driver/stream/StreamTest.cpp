@@ -294,17 +294,13 @@ TEST_F(Stream, StartsAgainAtAnotherRateAndTellsTheHostItsPosition) {
 }
 
 TEST_F(Stream, PlayWaitsForTheStartDelay) {
-    const struct {
-        const char* settings;
-        std::chrono::milliseconds least;
-    } rows[] = {{"", std::chrono::milliseconds(10)}, {"StartDelay=50000\n", std::chrono::milliseconds(60)}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.settings);
-        prepare(stereo16, row.settings);
+    for (auto [settings, leastMs] : {std::pair{"", 10}, {"StartDelay=50000\n", 60}}) {
+        SCOPED_TRACE(settings);
+        prepare(stereo16, settings);
         const auto started = Clock::now();
         ASSERT_EQ(driver->start(), ASE_OK);
         waitUntil([&] { return driver->sync.playing != 0; });
-        EXPECT_GE(Clock::now() - started, row.least);
+        EXPECT_GE(Clock::now() - started, std::chrono::milliseconds(leastMs));
         EXPECT_EQ(driver->sync.playing, 1);
         release();
     }
