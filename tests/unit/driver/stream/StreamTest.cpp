@@ -29,6 +29,7 @@ namespace {
 
 using VELMORA::FormatID;
 using VELMORA::StreamSinkConfig;
+using namespace std::chrono_literals;
 
 std::uint8_t bitReversed(std::uint8_t byte) {
     std::uint8_t out = 0;
@@ -144,7 +145,7 @@ using Clock = std::chrono::steady_clock;
 
 // Polls `done` until it holds or `limit` passes; whether it holds.
 template <class Condition>
-bool waitUntil(Condition done, std::chrono::seconds limit = std::chrono::seconds(10)) {
+bool waitUntil(Condition done, std::chrono::seconds limit = 10s) {
     const auto end = Clock::now() + limit;
     while (!done() && Clock::now() < end) NORVA::sleepMilliseconds(1);
     return done();
@@ -300,7 +301,7 @@ TEST_F(Stream, PlayWaitsForTheStartDelay) {
         const auto started = Clock::now();
         ASSERT_EQ(driver->start(), ASE_OK);
         waitUntil([&] { return driver->sync.playing != 0; });
-        EXPECT_GE(Clock::now() - started, std::chrono::milliseconds(leastMs));
+        EXPECT_GE(Clock::now() - started, leastMs * 1ms);
         EXPECT_EQ(driver->sync.playing, 1);
         release();
     }
@@ -359,7 +360,7 @@ TEST_F(Stream, ALostStreamAsksTheHostForAReset) {
         if (!stopsInside) {
             EXPECT_TRUE(waitUntil(
                 [&] { return !peer->sink.requestsOf(VELMORA::MessageType::SYNCHRO_STATUS_REQ).empty(); },
-                std::chrono::seconds(3)));
+                3s));
             EXPECT_NE(driver->sync.connectState, VELMORA::Sync::idle) << "the status answer keeps it alive";
             EXPECT_EQ(host.resets, 0);
         }
@@ -367,10 +368,9 @@ TEST_F(Stream, ALostStreamAsksTheHostForAReset) {
         ASSERT_TRUE(waitUntil([&] { return host.resets > 0; })) << "the stream never ended";
         // Long enough for a second request.
         NORVA::sleepMilliseconds(200);
-        EXPECT_TRUE(returnsWithin(std::chrono::seconds(3), [&] { EXPECT_EQ(driver->stop(), ASE_OK); }));
-        EXPECT_TRUE(
-            returnsWithin(std::chrono::seconds(1), [&] { EXPECT_EQ(driver->disposeBuffers(), ASE_OK); }));
-        EXPECT_TRUE(returnsWithin(std::chrono::seconds(1), [&] { release(); }));
+        EXPECT_TRUE(returnsWithin(3s, [&] { EXPECT_EQ(driver->stop(), ASE_OK); }));
+        EXPECT_TRUE(returnsWithin(1s, [&] { EXPECT_EQ(driver->disposeBuffers(), ASE_OK); }));
+        EXPECT_TRUE(returnsWithin(1s, [&] { release(); }));
         EXPECT_EQ(host.resets, 1);
     }
 }
@@ -396,7 +396,7 @@ TEST_F(Stream, CallsWhileRunningEndTheCallbacks) {
 
     ASSERT_EQ(driver->start(), ASE_OK);
     ASSERT_TRUE(waitForCalls(host.calls.load() + 20));
-    EXPECT_TRUE(returnsWithin(std::chrono::seconds(3), [&] { release(); }));
+    EXPECT_TRUE(returnsWithin(3s, [&] { release(); }));
     expectNoMoreCalls("release");
     EXPECT_FALSE(peer->sink.isConnected()) << "the target was told";
     EXPECT_EQ(host.resets, 0);
