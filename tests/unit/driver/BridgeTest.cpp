@@ -24,15 +24,13 @@ std::vector<std::uint8_t> samples32(std::initializer_list<std::uint32_t> values)
     return bytes;
 }
 
-TEST(Bridge, ChannelsAlternateFrameByFrame) {
+TEST(Bridge, ChannelsAlternateAndSamplesAreCutOrPadded) {
     std::vector<std::uint8_t> left = {1, 2, 3, 4, 5, 6}, right = {7, 8, 9, 10, 11, 12};
     EXPECT_EQ(interleaved(BridgeForm::copy3, left, right, 2),
               std::vector<std::uint8_t>({1, 2, 3, 7, 8, 9, 4, 5, 6, 10, 11, 12}));
     EXPECT_EQ(interleaved(BridgeForm::copy1, left, right, 3), std::vector<std::uint8_t>({1, 7, 2, 8, 3, 9}));
-}
 
-TEST(Bridge, ThirtyTwoBitSamplesAreCutOrPaddedWithoutRounding) {
-    auto left = samples32({0x12345678, 0x8000FFFF}), right = samples32({0xFFFFFFFF, 0x00000180});
+    left = samples32({0x12345678, 0x8000FFFF}), right = samples32({0xFFFFFFFF, 0x00000180});
     EXPECT_EQ(interleaved(BridgeForm::cut32to16, left, right, 2),
               std::vector<std::uint8_t>({0x34, 0x12, 0xFF, 0xFF, 0x00, 0x80, 0x00, 0x00}));
     EXPECT_EQ(interleaved(BridgeForm::cut32to24, left, right, 1),

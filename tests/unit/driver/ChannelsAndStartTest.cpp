@@ -90,12 +90,10 @@ TEST_F(Channels, RatesFormatsAndTypesFollowTheSink) {
     }
     driver.settings.covertS32 = true;
     EXPECT_EQ(typeOf(0), ASIOSTInt32LSB);
-    ASIOChannelInfo info{};
-    info.channel = 2;
-    EXPECT_EQ(driver.getChannelInfo(&info), ASE_InvalidParameter);
-    info.channel = 0;
-    info.isInput = ASIOTrue;
-    EXPECT_EQ(driver.getChannelInfo(&info), ASE_InvalidParameter);
+    for (auto [channel, input] : {std::pair{2, ASIOFalse}, {0, ASIOTrue}}) {
+        ASIOChannelInfo info{channel, input, {}, {}, {}, {}};
+        EXPECT_EQ(driver.getChannelInfo(&info), ASE_InvalidParameter) << channel;
+    }
 
     // A DSD rate takes the DSD branch without the host's format choice.
     sinkOffers(FormatID(), dsdLsbStereo, FormatID());
@@ -184,8 +182,7 @@ TEST_F(Channels, StartRefusesWhatCantStream) {
     }
 }
 
-// A sink of 16 and 32-bit integers at 44.1 and 48 kHz times 1 to 4, and DSD64 MSB first; the host writes 16
-// bits.
+// A sink of 16 and 32-bit integers at 44.1 and 48 kHz times 1 to 4 and of DSD64 MSB first; a 16-bit host.
 class Start : public Channels {
   protected:
     Start() { sinkOffers(FormatID(0xA02u, 0x3Eu), FormatID(), FormatID(0x2A10002u, 0x202u), 0x200, 2); }
@@ -226,38 +223,28 @@ TEST_F(Start, DsdRingScalesWithTheRateAndStartsInSilence) {
     EXPECT_FALSE(driver.running);
 }
 
-TEST_F(Start, HostBufferFixesTheCycle) {
-    driver.settings.flexFixAsio = true;
-    makeBuffers(512);
-    LogCapture log;
-    EXPECT_EQ(driver.start(), ASE_NotPresent);
-    // 2048 bytes a buffer: two packets of 1024, 11.61 ms of audio.
-    EXPECT_TRUE(log.has("configTransfer VarASIO 1024x2"));
-    EXPECT_TRUE(log.has("start cycle=11610usec 86Hz size=1024 cycleMin=0usec 0Hz 1024x2ppc"));
-    EXPECT_TRUE(buffersHold(0));
-    EXPECT_EQ(driver.sync.profileCount, 1);
-}
-
 // The settings pick the planner (the planners' own results are TransferProfileTest's), at 44.1 kHz
 // 16-bit stereo and a 1 ms cycle; the target's packet size reaches it, and a failed plan fails start with
-// its own text.
+// its own text. FlexCycle=fixAsio sends each host buffer of 1024 bytes in packets that fit the target.
 TEST_F(Start, TheSettingsPickThePlan) {
     const struct {
-        bool optimize, flexCycle, flexMax, flexRandom;
+        bool optimize, flexCycle, flexMax, flexRandom, fixAsio;
         std::uint16_t packetSize;  // that the target takes
         std::uint64_t cycleMinUs;
         const char* logged;     // the plan's line, or its failure's
         std::uint16_t packets;  // 0: start fails at the plan
     } rows[] = {
-        {true, false, false, false, 1400, 0, "configTransfer FixAuto", 1},
-        {true, true, false, false, 1400, 0, "configTransfer VarAuto", 1},
-        {false, false, false, false, 1400, 0, "configTransfer Fix", 1},
-        {false, true, false, false, 1400, 0, "configTransfer Var", 1},
-        {false, true, true, false, 1400, 0, "configTransfer VarMax", 1},
-        {false, true, false, true, 1400, 300, "configTransfer Random", 1},
-        {true, true, false, false, 100, 0, "configTransfer VarAuto", 2},
-        {true, false, false, false, 2, 0, "error configTransfer FixAuto", 0},
-        {false, true, false, true, 1400, 1000, "error configTransfer Var", 0},  // not below the cycle
+        {false, false, false, false, true, 1000, 0,
+         "start cycle=5805usec 172Hz size=512 cycleMin=0usec 0Hz 512x2ppc", 2},
+        {true, false, false, false, false, 1400, 0, "configTransfer FixAuto", 1},
+        {true, true, false, false, false, 1400, 0, "configTransfer VarAuto", 1},
+        {false, false, false, false, false, 1400, 0, "configTransfer Fix", 1},
+        {false, true, false, false, false, 1400, 0, "configTransfer Var", 1},
+        {false, true, true, false, false, 1400, 0, "configTransfer VarMax", 1},
+        {false, true, false, true, false, 1400, 300, "configTransfer Random", 1},
+        {true, true, false, false, false, 100, 0, "configTransfer VarAuto", 2},
+        {true, false, false, false, false, 2, 0, "error configTransfer FixAuto", 0},
+        {false, true, false, true, false, 1400, 1000, "error configTransfer Var", 0},  // not below the cycle
     };
     makeBuffers(256);
     for (const auto& row : rows) {
@@ -266,6 +253,7 @@ TEST_F(Start, TheSettingsPickThePlan) {
         driver.settings.flexCycle = row.flexCycle;
         driver.settings.flexMax = row.flexMax;
         driver.settings.flexRandom = row.flexRandom;
+        driver.settings.flexFixAsio = row.fixAsio;
         driver.settings.cycleMinTime = NORVA::TimeValue::fromUs(row.cycleMinUs);
         driver.sync.maxPacketSize = row.packetSize;
         driver.sync.profiles[0] = {};
@@ -276,24 +264,21 @@ TEST_F(Start, TheSettingsPickThePlan) {
         EXPECT_EQ(driver.sync.profiles[0].packetCount, row.packets);
         driver.stop();
     }
+    EXPECT_TRUE(buffersHold(0)) << "PCM silence";
 }
 
 // With a limit for the target's profile two profiles are planned; a first cycle of 1 ms or more lets the
 // worker sleep, so the spin bits go.
 TEST_F(Start, TargetProfileLimitPlansTwoProfilesAndLongCyclesSleep) {
     const std::uint32_t spin = VELMORA::ThreadFlag::noSleep4Core | VELMORA::ThreadFlag::noSleepForce;
-    const struct {
-        std::uint64_t limitUs, firstCycleUs;
-        std::uint32_t flagsLeft;
-    } cases[] = {{949, 999, spin | 1}, {950, 1000, 1}};
     makeBuffers(256);
-    for (const auto& c : cases) {
+    for (auto [limitUs, firstCycleUs, flagsLeft] : {std::tuple{949u, 999u, spin | 1}, {950u, 1000u, 1u}}) {
         driver.sync.threadFlags = driver.settings.thredMode = spin | 1;  // as init leaves them
-        driver.settings.targetProfileLimitTime = NORVA::TimeValue::fromUs(c.limitUs);
+        driver.settings.targetProfileLimitTime = NORVA::TimeValue::fromUs(limitUs);
         EXPECT_EQ(driver.start(), ASE_NotPresent);
         EXPECT_EQ(driver.sync.profileCount, 2);
-        EXPECT_EQ(driver.sync.profiles[0].cycle.toUs(), c.firstCycleUs);
-        EXPECT_EQ(driver.sync.threadFlags, c.flagsLeft) << c.limitUs;
+        EXPECT_EQ(driver.sync.profiles[0].cycle.toUs(), firstCycleUs);
+        EXPECT_EQ(driver.sync.threadFlags, flagsLeft) << limitUs;
         driver.stop();
     }
 }

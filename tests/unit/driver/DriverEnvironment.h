@@ -27,8 +27,6 @@ class TempFolder {
     TempFolder(const TempFolder&) = delete;
     TempFolder& operator=(const TempFolder&) = delete;
 
-    // The folder's path with a trailing separator, as UTF-8.
-    std::string directory() const { return (path / "").string(); }
     std::string file(const std::string& name) const { return (path / name).string(); }
 
     // Writes `text` to `name` (folders made as needed); returns its path.

@@ -16,10 +16,10 @@ namespace {
 
 constexpr GUID otherId = {0x12345678, 0x1234, 0x5678, {1, 2, 3, 4, 5, 6, 7, 8}};
 
-class ComServer : public DriverEnvironment {};
+class Exports : public DriverEnvironment {};
 
 // Refusals leave no object and null out the result; the library stays while a lock or an object lives.
-TEST_F(ComServer, FactoryDriverAndTheLibrarysLifetime) {
+TEST_F(Exports, FactoryDriverAndTheLibrarysLifetime) {
     void* out = &out;
     EXPECT_EQ(DllGetClassObject(classIdVelmora, classIdVelmora, &out), E_NOINTERFACE);
     EXPECT_EQ(out, nullptr);
@@ -63,11 +63,9 @@ std::string text(FinderCall& finder, std::uint32_t (ASIO_METHOD FinderCall::*cal
     return out;
 }
 
-class Finder : public DriverEnvironment {};
-
 // The driver and the finder export agree on where the files lie: the settings in the user's folder, the
 // tool and the reference copy beside the library, which here is the test program.
-TEST_F(Finder, FilesLieInTheUsersAndTheLibrarysFolders) {
+TEST_F(Exports, FinderFilesLieInTheUsersAndTheLibrarysFolders) {
     const bool windows = DriverPlatform::pathSeparator == '\\';
     if (!windows) user.write("KESTRANE Velmora/setting.inf", "CycleTime=2500\n");
     AsioVelmora driver(nullptr, nullptr);

@@ -12,11 +12,6 @@
 
 namespace {
 
-std::string utf8(const std::filesystem::path& path) {
-    std::u8string text = path.u8string();
-    return std::string(text.begin(), text.end());
-}
-
 TEST(RunTool, WaitsForTheToolToEndAndFailsWithoutOne) {
     TempFolder folder;
     // A blank and a non-ASCII letter: the path must reach the shell as UTF-8 turned wide.
@@ -26,7 +21,7 @@ TEST(RunTool, WaitsForTheToolToEndAndFailsWithoutOne) {
     std::filesystem::create_directories(tool.parent_path());
     std::ofstream(tool, std::ios::binary)
         << "@echo off\r\nfor /L %%i in (1,1,3000) do rem\r\necho done> \"" << done.string() << "\"\r\n";
-    ASSERT_TRUE(DriverPlatform::runAndWait(utf8(tool)));
+    ASSERT_TRUE(DriverPlatform::runAndWait(reinterpret_cast<const char*>(tool.u8string().c_str())));
     EXPECT_TRUE(std::filesystem::exists(done));
     EXPECT_FALSE(DriverPlatform::runAndWait(folder.file("no-such-tool.exe")));
     EXPECT_FALSE(DriverPlatform::runAndWait(""));

@@ -6,7 +6,6 @@
 #include <sstream>
 
 #include "DriverEnvironment.h"
-#include "platform/DriverPlatform.h"
 
 namespace {
 
@@ -92,31 +91,25 @@ TEST(Settings, ValuesAsTheKeysReadThem) {
         const char* text;
         const char *field, *also = "";  // " name=value " as describe() writes it
     } cases[] = {
-        {"PCMRequest=abc", " pcm=0 "},
-        {"InfoCycle=x", " info=0 "},
-        {"InfoCycle=-5", " info=-5 "},
-        {"CycleTime=-250", " cycle=-250 "},
-        {"CycleTime=zero", " cycle=1000 "},
-        {"CycleMinTime=-1", " cycleMin=-1 "},
-        {"CycleTime=1500us", " cycle=1500 "},
-        {"StartDelay=+20", " delay=20 "},
-        {"ASIOBufferSize=99999999999", " buffer=2147483647/"},
-        {"TargetPO=65537", " po=1 "},  // cut to 16 bits
-        {"CpuOther=0", " cpuOther=0/1 "},
+        {"PCMRequest=abc\nInfoCycle=x", " pcm=0 ", " info=0 "},
+        {"InfoCycle=-5\nCycleTime=-250", " info=-5 ", " cycle=-250 "},
+        {"CycleTime=zero\nCycleMinTime=-1", " cycle=1000 ", " cycleMin=-1 "},
+        {"CycleTime=1500us\nStartDelay=+20", " cycle=1500 ", " delay=20 "},
+        // The port is cut to 16 bits.
+        {"ASIOBufferSize=99999999999\nTargetPO=65537", " buffer=2147483647/", " po=1 "},
+        {"CpuOther=0\nCpuSend=-1", " cpuOther=0/1 ", " cpuSend=-1 "},
         {"CpuOther=3-x", " cpuOther=3/-1 "},
         {"CpuOther=x-5", " cpuOther=-1/7 "},
         {"CpuOther=5-2", " cpuOther=5/-2 "},
-        {"CpuSend=-1", " cpuSend=-1 "},
         {"PCMRequest=CovertS32", " pcm=32 covert=1 "},
         {"PCMRequest=covertS32", " pcm=0 covert=0 "},
-        {"Fragment=disable", " fragment=1 optimize=0 "},
+        {"Fragment=disable\nTargetAddress=zz::1,19642", " fragment=1 optimize=0 ", " target=::,0 "},
         {"Fragment=Optimize", " fragment=0 optimize=1 "},
         {"Fragment=optimize", " fragment=0 optimize=0 "},
         // FlexCycle comes after Fragment: only "enable" keeps the optimisation.
         {"Fragment=Optimize\nFlexCycle=random", " optimize=0 ", " flex=1010 "},
         {"Fragment=Optimize\nFlexCycle=max", " optimize=0 ", " flex=1001 "},
         {"Fragment=Optimize\nFlexCycle=enable", " optimize=1 ", " flex=1000 "},
-        {"TargetAddress=zz::1,19642", " target=::,0 "},
         {"SyncBufferCount=3\nCPULOW=64\nCycleTime=2000\nThredMode=3\n[LOW]\nCycleTime=4000",
          " syncBuffers=3 cycle=4000 ", " thred=1 "},
         {"CPULOW=63\nCycleTime=2000\n[LOW]\nCycleTime=4000", " cycle=2000 "},
@@ -131,13 +124,10 @@ TEST(Settings, ValuesAsTheKeysReadThem) {
 // A user's folder and a library folder, each in its own temporary folder.
 class SettingsFiles : public DriverEnvironment {
   protected:
-    std::string userFile() const {
-        const char separator = DriverPlatform::pathSeparator;
-        return user.path.string() + separator + "KESTRANE Velmora" + separator + "setting.inf";
+    std::string userFile() const { return (user.path / "KESTRANE Velmora" / "setting.inf").string(); }
+    ::SettingsFiles choose() const {
+        return chooseSettingsFile(user.path.string(), (library.path / "").string());
     }
-    void writeUser(const std::string& text) const { user.write("KESTRANE Velmora/setting.inf", text); }
-    std::string readUser() const { return user.read("KESTRANE Velmora/setting.inf"); }
-    ::SettingsFiles choose() const { return chooseSettingsFile(user.path.string(), library.directory()); }
 
     TempFolder library;
 };
@@ -158,7 +148,9 @@ TEST_F(SettingsFiles, DebugFileBesideTheSettingsWins) {
     EXPECT_FALSE(s.load(user.file("other.inf"), manyProcessors));
 }
 
-TEST_F(SettingsFiles, PointerFileNamesAFileElsewhere) {
+// A pointer file names a settings file elsewhere, which a new version replaces as it does the user's; a
+// pointer to no file leaves the reference copy in force, and nothing is written in the user's folder.
+TEST_F(SettingsFiles, PointerFileOrElseTheReferenceCopy) {
     TempFolder elsewhere;
     std::string target = elsewhere.write("mine.inf", "Version=1\nCycleTime=2000\n");
     library.write("setting_path.inf", "SettingPath=" + target + "\n");
@@ -166,19 +158,14 @@ TEST_F(SettingsFiles, PointerFileNamesAFileElsewhere) {
     ::SettingsFiles files = choose();
     EXPECT_EQ(files.settingPath, target);
     EXPECT_FALSE(files.referenceInUse);
-    // A new version replaces the named file, as it does the user's.
     library.write("setting_org.inf", "Version=2\n");
     choose();
     EXPECT_EQ(elsewhere.read("mine.inf"), "[global]\r\nVersion=2\r\n\r\n");
-}
 
-TEST_F(SettingsFiles, ReferenceCopyWhenNothingElseLoads) {
     library.write("setting_path.inf", "SettingPath=" + library.file("gone.inf") + "\n");
-    library.write("setting_org.inf", "Version=2\n");
-    ::SettingsFiles files = choose();
+    files = choose();
     EXPECT_EQ(files.settingPath, library.file("setting_org.inf"));
     EXPECT_TRUE(files.referenceInUse);
-    // Nothing was written in the user's folder.
     EXPECT_FALSE(std::filesystem::exists(userFile()));
 }
 
@@ -195,13 +182,13 @@ TEST_F(SettingsFiles, AnotherVersionReplacesTheUsersFileWhole) {
         {"Version=3\n; my notes\nCycleTime=2000\n", "Version=3\nCycleTime=900\n", nullptr},
     };
     for (const auto& row : rows) {
-        writeUser(row.mine);
+        user.write("KESTRANE Velmora/setting.inf", row.mine);
         library.write("setting_org.inf", row.reference);
         const ::SettingsFiles files = choose();
         EXPECT_EQ(files.settingPath, userFile());
         EXPECT_EQ(files.referencePath, library.file("setting_org.inf"));
         EXPECT_FALSE(files.referenceInUse);
-        EXPECT_EQ(readUser(), row.after ? row.after : row.mine) << row.mine;
+        EXPECT_EQ(user.read("KESTRANE Velmora/setting.inf"), row.after ? row.after : row.mine) << row.mine;
     }
 }
 
