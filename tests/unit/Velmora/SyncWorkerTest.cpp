@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <initializer_list>
 #include <mutex>
 #include <set>
@@ -153,10 +152,9 @@ class PatternSync : public Sync {
         if (cycle == 40 || cycle == 340) allocationsAt[cycle / 300] = allocationsOnThisThread();
         return true;
     }
-    bool waitForEnd(std::chrono::seconds limit) {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        while (connectState != idle && std::chrono::steady_clock::now() < deadline)
-            NORVA::sleepMilliseconds(2);
+    // Within 10 s, as a busy machine may need.
+    bool waitForEnd() {
+        for (int i = 0; i < 5000 && connectState != idle; ++i) NORVA::sleepMilliseconds(2);
         if (connectState != idle) return false;
         joinWorker();
         return true;
@@ -197,7 +195,7 @@ TEST_F(SyncWorkerStream, PlaysTheSourceOutInOrderAndDisconnects) {
     connectTo(sink, bytes);
     sync.play();
     sync.requestDisconnect();
-    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(20)));
+    ASSERT_TRUE(sync.waitForEnd());
     EXPECT_TRUE(sync.disconnectWait());
     // Silence, the source in order, and silence.
     const std::vector<std::uint8_t> stream = sink.stream();
@@ -224,7 +222,6 @@ TEST_F(SyncWorkerStream, PlaysTheSourceOutInOrderAndDisconnects) {
                             [](const ScriptedSink::Packet& packet) { return packet.wantsFeedback; }),
               1);
     EXPECT_TRUE(log.has("DISCONNECT_REQ done"));
-    EXPECT_EQ(sync.connectState, Sync::idle);
 }
 
 // A source that fails while connected, or a resend request from further back than the pool holds,
@@ -241,7 +238,7 @@ TEST_F(SyncWorkerStream, AFailingSourceOrAnImpossibleResendEndsTheStream) {
             // Ahead of what was sent: the distance wraps past any pool.
             sink.askFrom({std::uint16_t(sink.arrivals().back().seq + 200)});
         }
-        ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+        ASSERT_TRUE(sync.waitForEnd());
         EXPECT_TRUE(log.hasPrefix(sourceFails ? "buffer timeout" : "   count error "));
         EXPECT_EQ(sink.disconnects(), 0u);
     }
@@ -275,7 +272,7 @@ TEST_F(SyncWorkerStream, OfResendRequestsReadTogetherTheLastStands) {
     }
     sync.stop();
     sync.disconnect();
-    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+    ASSERT_TRUE(sync.waitForEnd());
 }
 
 // The sink's polarity (in its feedback) and the host's combine into what the
@@ -297,7 +294,7 @@ TEST_F(SyncWorkerStream, PhaseChangesInTheFeedbackTurnTheStreamOver) {
             std::all_of(newest.begin(), newest.end(), [&](std::uint8_t b) { return b == step.silence; }));
     }
     sync.requestDisconnect();
-    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+    ASSERT_TRUE(sync.waitForEnd());
 }
 
 // The cycle allocates nothing, through sends, waits, feedback, resends and
@@ -315,7 +312,7 @@ TEST_F(SyncWorkerStream, TheCycleAllocatesNothing) {
     bool measured = sync.waitForCycles(341);
     sync.stop();
     sync.requestDisconnect();
-    EXPECT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+    EXPECT_TRUE(sync.waitForEnd());
     NORVA::logThreshold = threshold;
     ASSERT_TRUE(measured);
     EXPECT_EQ(sync.allocationsAt[1] - sync.allocationsAt[0], 0u);
