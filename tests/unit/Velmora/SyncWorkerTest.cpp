@@ -95,19 +95,16 @@ class ScriptedSink {
                 gapReported = false;
             } else if (std::int16_t(seq - expected) > 0 && !gapReported) {
                 gapReported = true;
-                answer(self, streamAnswerResend, 0, expected, seq);
+                self.reply(MessageType::STREAM_ANS, streamAnswerResend, 0, expected, seq);
             }
             if (!wantsFeedback) return;
             forced.swap(forcedResends);
         }
-        for (std::uint16_t resendFrom : forced) answer(self, streamAnswerResend, 0, resendFrom, 0);
+        for (std::uint16_t resendFrom : forced)
+            self.reply(MessageType::STREAM_ANS, streamAnswerResend, 0, resendFrom, 0);
         if (forced.empty())
-            answer(self, script.invert ? 0x100 : 0, std::uint16_t(0x2000 + script.deviation / 2), 0, 0);
-    }
-    static void answer(FindPeer& self, std::uint16_t flags, std::uint16_t p0, std::uint16_t p1,
-                       std::uint16_t p2) {
-        SendBuffer reply(MessageType::STREAM_ANS, flags, p0, p1, p2, 0);
-        self.reply(reply);
+            self.reply(MessageType::STREAM_ANS, script.invert ? 0x100 : 0,
+                       std::uint16_t(0x2000 + script.deviation / 2), 0, 0);
     }
     SinkScript& script;
     std::mutex mutex;
