@@ -13,8 +13,8 @@ namespace {
 using namespace VELMORA;
 
 // A received frame with the given header words and body.
-class Frame {
-  public:
+struct Frame {
+    std::vector<std::uint8_t> bytes;
     Frame(std::uint16_t flags, std::uint16_t p0, std::uint16_t p1, std::uint16_t p2, std::uint16_t p3,
           std::vector<std::uint8_t> body = {}) {
         FrameHeader header;
@@ -25,9 +25,6 @@ class Frame {
         bytes.resize(frameSizeOf(header.length()), 0);
     }
     Receive received() const { return Receive(bytes.data(), std::uint32_t(bytes.size())); }
-
-  private:
-    std::vector<std::uint8_t> bytes;
 };
 
 // Centred (1): 0x2000 the middle, 0 and 0x4000 the ends. Signed (2): 15 bits
