@@ -9,8 +9,7 @@
 
 namespace {
 
-using VELMORA::Receive;
-namespace MessageType = VELMORA::MessageType;
+using namespace VELMORA;
 
 constexpr std::uint16_t ackWanted = 0x8000;
 
@@ -38,7 +37,7 @@ class SlotTarget {
                 if (p0 <= 2) return self.yes(request, p0, 1023, 3, 3);
                 return self.reply(MessageType::TRANSFERINFO_ANS, 0);
             case MessageType::TRANSFERCHECK_REQ:
-                if (VELMORA::crc16(data.data(), data.size()) != request.param1())
+                if (crc16(data.data(), data.size()) != request.param1())
                     return self.reply(MessageType::TRANSFERCHECK_ANS, 0);
                 return self.yes(request, p0, request.param1(), request.param2());
             case MessageType::TRANSFERDATA_SET:
@@ -72,7 +71,7 @@ std::vector<std::uint8_t> pattern(std::size_t size) {
 
 class SlotTransfer : public ::testing::Test {
   protected:
-    VELMORA::Find find{loopbackSettings()};
+    Find find{loopbackSettings()};
     SlotTarget target;
     std::vector<std::pair<unsigned, unsigned>> progress;
     LogCapture log;
