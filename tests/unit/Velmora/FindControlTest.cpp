@@ -9,11 +9,7 @@ namespace {
 
 using namespace VELMORA;
 
-class FindControl : public ::testing::Test {
-  protected:
-    Find find{loopbackSettings()};
-    void SetUp() override { ASSERT_TRUE(find.open()); }
-};
+using FindControl = FindOnLoopback;
 
 // A text, a signed number, a switch without texts, and a list kept as text whose value lies beyond it.
 TEST_F(FindControl, SettingsAreReadWithTheirKindsLimitsAndChoices) {

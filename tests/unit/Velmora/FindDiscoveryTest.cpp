@@ -13,12 +13,6 @@ using namespace VELMORA;
 
 constexpr std::uint64_t peerId = 0x1122334455667788ull;
 
-class FindOnLoopback : public ::testing::Test {
-  protected:
-    Find find{loopbackSettings()};
-    void SetUp() override { ASSERT_TRUE(find.open()); }
-};
-
 // A target answering discovery with `flags`; a refused product is heard and told our name, but not listed.
 TEST_F(FindOnLoopback, SearchListsAcceptedTargetsThatSayYesAndTellsThemOurName) {
     const struct {

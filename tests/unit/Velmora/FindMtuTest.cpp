@@ -24,9 +24,9 @@ FindPeer::Script mtuScript(std::uint32_t pathMtu, std::uint16_t sumError = 0) {
 }
 
 // The loopback interface is far wider than the path: the search narrows down on its odd limit.
-TEST(MtuMeasurement, FindsThePathLimitExactlyOr1500WithoutTheTest) {
-    Find find{loopbackSettings()};
-    ASSERT_TRUE(find.open());
+using MtuMeasurement = FindOnLoopback;
+
+TEST_F(MtuMeasurement, FindsThePathLimitExactlyOr1500WithoutTheTest) {
     std::uint32_t activeMtu = 0, interfaceMtu = 0;
     for (std::uint32_t path : {1400u, 1283u, 0u}) {
         FindPeer peer(path != 0 ? mtuScript(path)

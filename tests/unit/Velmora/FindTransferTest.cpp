@@ -69,14 +69,12 @@ std::vector<std::uint8_t> pattern(std::size_t size) {
     return bytes;
 }
 
-class SlotTransfer : public ::testing::Test {
+class SlotTransfer : public FindOnLoopback {
   protected:
-    Find find{loopbackSettings()};
     SlotTarget target;
     std::vector<std::pair<unsigned, unsigned>> progress;
     LogCapture log;
 
-    void SetUp() override { ASSERT_TRUE(find.open()); }
     bool transfer(const std::vector<std::uint8_t>& bytes, unsigned window, int slot = 0) {
         return find.Transfer(target.peer.address, slot,
                              {bytes.data(), static_cast<std::uint32_t>(bytes.size())}, window,

@@ -54,14 +54,6 @@ struct Feed {
     }
 };
 
-// A sink that has played 100 ms of 1 ms packets from its centre.
-struct Centred : Feed {
-    Centred() {
-        stream(15, 0);
-        stream(100);
-    }
-};
-
 // The deviation the host reads from an answer, through its own reader.
 StreamAnswer asHostReads(const SinkPlayout::Answer& answer) {
     SendBuffer frame;
@@ -145,7 +137,9 @@ TEST(SinkPlay, ABatchTakenLateCountsEachPacketFromItsArrival) {
     enum Taking { onArrival, lateStamped, lateUnstamped };
     std::int16_t reported[3] = {};
     for (Taking taking : {onArrival, lateStamped, lateUnstamped}) {
-        Centred feed;
+        Feed feed;
+        feed.stream(15, 0);  // the centre, then 100 ms of 1 ms packets
+        feed.stream(100);
         feed.send(feed.next++, true);  // the interval starts here
         Clock::time_point start = feed.now;
         for (int i = 1; i <= 5; ++i) {
