@@ -10,20 +10,18 @@ namespace {
 
 using NORVA::IPAddress;
 using NORVA::TimeValue;
-using VELMORA::ConnectionBuffer;
-using VELMORA::Receive;
-namespace MessageType = VELMORA::MessageType;
+using namespace VELMORA;
 
 class SendAck : public ::testing::Test {
   protected:
-    VELMORA::Connection connection;
+    Connection connection;
     IPAddress local = IPAddress::loopback(0);
     ConnectionBuffer answer{*connection.socket};
 
     void SetUp() override { ASSERT_TRUE(connection.open(local)); }
     bool exchange(FindPeer& peer, std::uint16_t type, TimeValue timeout = TimeValue::fromSeconds(10)) {
         ConnectionBuffer request(*connection.socket, peer.address, type);
-        return connection.sendAck(request, peer.address, VELMORA::awaitedAnswer(type), answer, timeout);
+        return connection.sendAck(request, peer.address, awaitedAnswer(type), answer, timeout);
     }
     static std::size_t sends(FindPeer& peer, std::uint16_t type) {
         peer.stop();
@@ -35,8 +33,7 @@ class SendAck : public ::testing::Test {
 TEST_F(SendAck, SilenceIsThreeSendsAndAnEmptyAnswer) {
     for (std::uint16_t type : {MessageType::TARGETNAME_REQ, MessageType::NOPBREAK_REQ}) {
         SCOPED_TRACE(type);
-        FindPeer peer(
-            [](FindPeer& self, const Receive&) { self.reply(MessageType::NOPBREAK_ANS, VELMORA::flagYes); });
+        FindPeer peer([](FindPeer& self, const Receive&) { self.reply(MessageType::NOPBREAK_ANS, flagYes); });
         TimeValue start = TimeValue::now();
         EXPECT_TRUE(exchange(peer, type, TimeValue::fromMs(20)));
         EXPECT_GE(TimeValue::now() - start, TimeValue::fromMs(3 * 20));
@@ -50,11 +47,11 @@ TEST_F(SendAck, OneAnswerEndsTheExchange) {
     const struct {
         bool echo;
         std::uint16_t flags;
-    } rows[] = {{false, VELMORA::flagYes}, {false, 0}, {true, VELMORA::flagYes}};
+    } rows[] = {{false, flagYes}, {false, 0}, {true, flagYes}};
     for (const auto& row : rows) {
         SCOPED_TRACE(std::to_string(row.echo) + " " + std::to_string(row.flags));
         FindPeer peer([&row](FindPeer& self, const Receive& request) {
-            self.reply(row.echo ? request.type() : VELMORA::awaitedAnswer(request.type()), row.flags, 6);
+            self.reply(row.echo ? request.type() : awaitedAnswer(request.type()), row.flags, 6);
         });
         EXPECT_TRUE(exchange(peer, MessageType::TARGETNAME_REQ));
         EXPECT_EQ(answer.isEmpty(), row.echo || row.flags == 0);
@@ -69,7 +66,7 @@ TEST_F(SendAck, ADatagramFromAnotherPortDoesNotEndTheWait) {
     IPAddress strayAddress = IPAddress::loopback(0);
     ASSERT_TRUE(stray.openNonBlocking() && stray.bind(strayAddress));
     FindPeer peer([&stray](FindPeer& self, const Receive& request) {
-        VELMORA::Send fake(VELMORA::awaitedAnswer(request.type()), VELMORA::flagYes, 1, 0, 0, 0);
+        Send fake(awaitedAnswer(request.type()), flagYes, 1, 0, 0, 0);
         fake.finish();
         stray.sendTo(self.from, true, fake.bytes.data, fake.bytes.size);
         self.yes(request, 2);
@@ -85,7 +82,7 @@ TEST_F(SendAck, UnrelatedFramesRestartTheWait) {
         const std::uint8_t broken[16] = {99};
         for (int i = 0; i < 30; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
             if (i % 5 == 4) self.socket.sendTo(self.from, true, broken, sizeof(broken));
-            if (i % 5 != 4) self.reply(MessageType::STATUS_ANS, VELMORA::flagYes);
+            if (i % 5 != 4) self.reply(MessageType::STATUS_ANS, flagYes);
         }
         self.yes(request, 9);
     });

@@ -7,15 +7,9 @@
 
 namespace {
 
-using VELMORA::Find;
-using VELMORA::Receive;
-namespace MessageType = VELMORA::MessageType;
+using namespace VELMORA;
 
-class FindControl : public ::testing::Test {
-  protected:
-    Find find{loopbackSettings()};
-    void SetUp() override { ASSERT_TRUE(find.open()); }
-};
+using FindControl = FindOnLoopback;
 
 // A text, a signed number, a switch without texts, and a list kept as text whose value lies beyond it.
 TEST_F(FindControl, SettingsAreReadWithTheirKindsLimitsAndChoices) {
@@ -37,28 +31,28 @@ TEST_F(FindControl, SettingsAreReadWithTheirKindsLimitsAndChoices) {
         if (request.type() == MessageType::SETTINGLIST_REQ) {
             if (number == 0) return self.yes(request, static_cast<std::uint16_t>(rows.size()));
             const WireSetting& row = rows.at(number - 1u);
-            return self.reply(MessageType::SETTINGLIST_ANS, VELMORA::flagYes, number, row.wireKind,
-                              row.minimum, row.maximum, row.name);
+            return self.reply(MessageType::SETTINGLIST_ANS, flagYes, number, row.wireKind, row.minimum,
+                              row.maximum, row.name);
         }
         if (request.type() != MessageType::SETTINGVALUE_REQ || number == 0) return self.echo(request);
         const WireSetting& row = rows.at(number - 1u);
-        self.reply(MessageType::SETTINGVALUE_ANS, VELMORA::flagYes, number, row.value, 0, row.value,
+        self.reply(MessageType::SETTINGVALUE_ANS, flagYes, number, row.value, 0, row.value,
                    request.param1() == 3 ? row.choices.at(request.param2()) : row.text);
     });
-    std::vector<VELMORA::TargetSetting> list;
-    ASSERT_TRUE(find.readSettings(VELMORA::SettingTable::first, peer.address, list, false));
+    std::vector<TargetSetting> list;
+    ASSERT_TRUE(find.readSettings(SettingTable::first, peer.address, list, false));
     ASSERT_EQ(list.size(), 4u);
-    EXPECT_EQ(list[0].kind, VELMORA::SettingKind::text);
+    EXPECT_EQ(list[0].kind, SettingKind::text);
     EXPECT_EQ(list[0].text, "Living room");
-    EXPECT_EQ(list[1].kind, VELMORA::SettingKind::number);
+    EXPECT_EQ(list[1].kind, SettingKind::number);
     EXPECT_EQ(list[1].minimum, -10);
     EXPECT_EQ(list[1].value, -2);
-    EXPECT_EQ(list[2].kind, VELMORA::SettingKind::onOff);
+    EXPECT_EQ(list[2].kind, SettingKind::onOff);
     EXPECT_EQ(list[2].choices, (std::vector<std::string>{"disable", "enable"}));
-    EXPECT_EQ(list[3].kind, VELMORA::SettingKind::textChoice);
+    EXPECT_EQ(list[3].kind, SettingKind::textChoice);
     EXPECT_EQ(list[3].choices, (std::vector<std::string>{"sharp", "slow"}));
     EXPECT_EQ(list[3].text, "unknown");
-    EXPECT_FALSE(find.readSettings(VELMORA::SettingTable::second, peer.address, list, false)) << "not served";
+    EXPECT_FALSE(find.readSettings(SettingTable::second, peer.address, list, false)) << "not served";
     EXPECT_TRUE(list.empty());
 }
 
@@ -75,7 +69,7 @@ TEST_F(FindControl, AnIconBeyondAMegapixelIsRefusedBeforeItsPixels) {
             if (request.param1() == 0) return self.yes(request, 1, c.width, c.height, 1);
             self.reply(MessageType::ICON_ANS, 0);
         });
-        VELMORA::TargetIcon icon;
+        TargetIcon icon;
         ASSERT_TRUE(find.readIcon(peer.address, 1, icon, 20));
         auto asked = peer.requestsOf(MessageType::ICON_REQ);
         EXPECT_EQ(

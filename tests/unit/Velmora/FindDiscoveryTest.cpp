@@ -9,17 +9,9 @@
 namespace {
 
 using NORVA::IPAddress;
-using VELMORA::Find;
-using VELMORA::Receive;
-namespace MessageType = VELMORA::MessageType;
+using namespace VELMORA;
 
 constexpr std::uint64_t peerId = 0x1122334455667788ull;
-
-class FindOnLoopback : public ::testing::Test {
-  protected:
-    Find find{loopbackSettings()};
-    void SetUp() override { ASSERT_TRUE(find.open()); }
-};
 
 // A target answering discovery with `flags`; a refused product is heard and told our name, but not listed.
 TEST_F(FindOnLoopback, SearchListsAcceptedTargetsThatSayYesAndTellsThemOurName) {
@@ -27,21 +19,19 @@ TEST_F(FindOnLoopback, SearchListsAcceptedTargetsThatSayYesAndTellsThemOurName) 
         std::uint16_t flags;
         std::uint64_t filter;
         bool listed;
-    } rows[] = {{VELMORA::flagYes, VELMORA::anyProductId, true},
-                {VELMORA::flagYes, 42, false},
-                {0, VELMORA::anyProductId, false}};
+    } rows[] = {{flagYes, anyProductId, true}, {flagYes, 42, false}, {0, anyProductId, false}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.filter);
         FindPeer peer([&row](FindPeer& self, const Receive& request) {
             if (request.type() == MessageType::SYNCNAME_SET) self.yes(request);
             if (request.type() != MessageType::DISCOVER) return;
-            VELMORA::SendBuffer answer(MessageType::DISCOVER_ANS, row.flags, peerId);
+            SendBuffer answer(MessageType::DISCOVER_ANS, row.flags, peerId);
             answer.setBodyText("studio target");
             self.reply(answer);
         });
         find.targetPort = peer.address.port();
         find.settings.filterId = row.filter;
-        VELMORA::TargetMap targets;
+        TargetMap targets;
         ASSERT_TRUE(find.searchTargets(targets));
         ASSERT_EQ(targets.size(), row.listed ? 1u : 0u);
         if (row.listed) {
@@ -66,27 +56,27 @@ TEST_F(FindOnLoopback, RecordsListOnlyTheMappedSinksOfAcceptedVersions) {
     FindPeer control([&](FindPeer& peer, const Receive& request) {
         if (request.type() == MessageType::SYNCNAME_SET) return peer.yes(request);
         if (request.type() == MessageType::TARGETNAME_REQ)
-            return peer.reply(MessageType::TARGETNAME_ANS, VELMORA::flagYes, 0, 0, 0, 0,
+            return peer.reply(MessageType::TARGETNAME_ANS, flagYes, 0, 0, 0, 0,
                               "at [myaddress] and [myaddress]");
         if (request.type() != MessageType::PORT_REQ) return peer.echo(request);
         std::uint16_t index = request.param0();
         if (index != 0) {
             std::uint16_t port = index == 1 ? sink.address.port() : otherSink.address.port();
-            return peer.reply(MessageType::PORT_ANS, VELMORA::flagYes, index, 0, port, index == 3 ? 2 : 1,
+            return peer.reply(MessageType::PORT_ANS, flagYes, index, 0, port, index == 3 ? 2 : 1,
                               "out " + std::to_string(index));
         }
-        VELMORA::SendBuffer list(MessageType::PORT_ANS, VELMORA::flagYes, 4095, 0, request.param2(), 1);
+        SendBuffer list(MessageType::PORT_ANS, flagYes, 4095, 0, request.param2(), 1);
         list.setBodySize(1024);
         std::memset(list.body(), 0, 1024);
         list.body()[0] = 0b1010;
         peer.reply(list);
     });
-    VELMORA::TargetMap targets{{control.address, {peerId, "studio"}}};
-    VELMORA::TargetRecordMap records;
+    TargetMap targets{{control.address, {peerId, "studio"}}};
+    TargetRecordMap records;
     find.settings.protocolVersion = 2;
     ASSERT_TRUE(find.readTargetRecords(targets, records));
     ASSERT_EQ(records.size(), 2u);
-    const VELMORA::TargetRecord& first = records.at(sink.address);
+    const TargetRecord& first = records.at(sink.address);
     EXPECT_EQ(first.portIndex, 1);
     EXPECT_EQ(first.outputName, "out 1");
     EXPECT_EQ(first.productId, peerId);
@@ -112,11 +102,11 @@ TEST_F(FindOnLoopback, AHugePortListFromATargetThatGoesSilentEndsInSeconds) {
     });
     find.targetPort = lister.address.port();
     const auto began = std::chrono::steady_clock::now();
-    VELMORA::TargetRecordMap records;
+    TargetRecordMap records;
     EXPECT_TRUE(find.readTargetRecords({{lister.address, {peerId, "lister"}}}, records));
     EXPECT_TRUE(records.empty());
     IPAddress sink;
-    VELMORA::TargetRecord record;
+    TargetRecord record;
     EXPECT_TRUE(find.readFirstTarget(lister.address, sink, record));
     EXPECT_TRUE(sink.isAnyNoPort());
     EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(15));
@@ -124,7 +114,7 @@ TEST_F(FindOnLoopback, AHugePortListFromATargetThatGoesSilentEndsInSeconds) {
 
 // Interface 0 is no restriction: nothing is enumerated. One without addresses fails quietly, unopened.
 TEST(FindOpen, InterfaceZeroIsEveryInterfaceAndOneWithoutAddressesFailsSilently) {
-    Find find{VELMORA::FindSettings()};
+    Find find{FindSettings()};
     ASSERT_TRUE(find.open(std::uint16_t{0}));
     EXPECT_TRUE(find.localAddresses.empty());
     EXPECT_TRUE(find.socket->isOpen());

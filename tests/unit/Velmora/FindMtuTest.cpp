@@ -4,8 +4,7 @@
 
 namespace {
 
-using VELMORA::Receive;
-namespace MessageType = VELMORA::MessageType;
+using namespace VELMORA;
 
 // Answers MTU probes that fit a path of `pathMtu` (IP and UDP headers, 48 bytes, included) with the
 // size and the sum of the bytes after the header, plus `sumError`.
@@ -14,20 +13,20 @@ FindPeer::Script mtuScript(std::uint32_t pathMtu, std::uint16_t sumError = 0) {
         if (request.type() != MessageType::MTUTEST_REQ) return self.echo(request);
         if (request.size + 48 > pathMtu) return;
         std::uint16_t sum = sumError;
-        for (std::uint32_t i = VELMORA::headerSize; i < request.size; ++i)
+        for (std::uint32_t i = headerSize; i < request.size; ++i)
             sum = static_cast<std::uint16_t>(sum + request.frame[i]);
-        VELMORA::SendBuffer answer(MessageType::MTUTEST_ANS, VELMORA::flagYes, 0, request.param1(), 0, sum);
+        SendBuffer answer(MessageType::MTUTEST_ANS, flagYes, 0, request.param1(), 0, sum);
         answer.setBodySize(4);
-        VELMORA::writeU16(answer.body(), static_cast<std::uint16_t>(request.size));
-        VELMORA::writeU16(answer.body() + 2, static_cast<std::uint16_t>(request.size >> 16));
+        writeU16(answer.body(), static_cast<std::uint16_t>(request.size));
+        writeU16(answer.body() + 2, static_cast<std::uint16_t>(request.size >> 16));
         self.reply(answer);
     };
 }
 
 // The loopback interface is far wider than the path: the search narrows down on its odd limit.
-TEST(MtuMeasurement, FindsThePathLimitExactlyOr1500WithoutTheTest) {
-    VELMORA::Find find{loopbackSettings()};
-    ASSERT_TRUE(find.open());
+using MtuMeasurement = FindOnLoopback;
+
+TEST_F(MtuMeasurement, FindsThePathLimitExactlyOr1500WithoutTheTest) {
     std::uint32_t activeMtu = 0, interfaceMtu = 0;
     for (std::uint32_t path : {1400u, 1283u, 0u}) {
         FindPeer peer(path != 0 ? mtuScript(path)

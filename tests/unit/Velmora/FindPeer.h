@@ -2,6 +2,8 @@
 // script, and a record of the requests it saw.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -104,3 +106,10 @@ inline VELMORA::FindSettings loopbackSettings() {
     settings.clientName = "find test";
     return settings;
 }
+
+// A Find open on the loopback address.
+class FindOnLoopback : public ::testing::Test {
+  protected:
+    VELMORA::Find find{loopbackSettings()};
+    void SetUp() override { ASSERT_TRUE(find.open()); }
+};

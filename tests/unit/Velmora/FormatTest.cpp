@@ -6,12 +6,7 @@
 #include "Format/FormatNegotiation.h"
 #include "LogCapture.h"
 
-using VELMORA::chooseFormat;
-using VELMORA::FormatChoice;
-using VELMORA::FormatID;
-using VELMORA::FormatNegotiation;
-using VELMORA::KernelForm;
-using VELMORA::SinkFormats;
+using namespace VELMORA;
 
 namespace {
 
@@ -93,8 +88,7 @@ TEST(FormatValidity, StreamWordsThatCanGoOnTheWire) {
                 {dsd(0x2110000u), false},                 // no word order
                 {dsd(0x0510000u), false},                 // 16-bit words
                 {dsd(0x2530000u), false}};
-    for (const auto& row : rows)
-        EXPECT_EQ(VELMORA::isValidStream(row.word), row.valid) << std::hex << row.word.value;
+    for (const auto& row : rows) EXPECT_EQ(isValidStream(row.word), row.valid) << std::hex << row.word.value;
 }
 
 // Each row: a sink that takes only the target word in one mask, and a source in another order.
@@ -152,10 +146,10 @@ TEST(FormatNegotiation, PhaseIsHostAndSinkCombined) {
     format.hostInvert = true;
     format.applyPhase(true);
     EXPECT_FALSE(format.playInvert);
-    EXPECT_EQ(format.copyKernel, &VELMORA::copyReverse);
+    EXPECT_EQ(format.copyKernel, &copyReverse);
     format.applyPhase(false);
     EXPECT_TRUE(format.playInvert);
-    EXPECT_EQ(format.copyKernel, &VELMORA::copyReverseInvert);
+    EXPECT_EQ(format.copyKernel, &copyReverseInvert);
     EXPECT_EQ(format.silenceByte(), 0x69u);  // MSB-first silence 0x96, inverted
 
     // Without a conversion the plain copy has its inverted partner too.
@@ -163,6 +157,6 @@ TEST(FormatNegotiation, PhaseIsHostAndSinkCombined) {
     format.sink.dsdLsb = FormatID(lsbLittle | stereo, rateDsd64);
     ASSERT_TRUE(format.setFormat(dsd(lsbLittle)));
     format.applyPhase(true);
-    EXPECT_EQ(format.copyKernel, &VELMORA::copyInvert);
+    EXPECT_EQ(format.copyKernel, &copyInvert);
     EXPECT_EQ(format.silenceByte(), 0x96u);  // LSB-first silence 0x69, inverted
 }

@@ -14,10 +14,6 @@
 class LogCapture {
   public:
     LogCapture() : threshold(NORVA::logThreshold.load()) {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            texts.clear();
-        }
         log.configure(16, &LogCapture::collect, 0);
         previous = NORVA::Syslog::install(&log);
         NORVA::logThreshold = 7;
@@ -25,6 +21,8 @@ class LogCapture {
     ~LogCapture() {
         NORVA::logThreshold = threshold;
         NORVA::Syslog::install(previous);
+        std::lock_guard<std::mutex> lock(mutex);
+        texts.clear();
     }
 
     // The texts of the lines so far, without the syslog header.
@@ -32,14 +30,10 @@ class LogCapture {
         std::lock_guard<std::mutex> lock(mutex);
         return texts;
     }
-    bool has(std::string_view text) const {
-        const auto all = lines();
-        return std::find(all.begin(), all.end(), text) != all.end();
-    }
+    bool has(std::string_view text) const { return std::ranges::count(lines(), text) != 0; }
     bool hasPrefix(std::string_view prefix) const {
-        const auto all = lines();
-        return std::any_of(all.begin(), all.end(),
-                           [&](const std::string& line) { return line.starts_with(prefix); });
+        return std::ranges::any_of(lines(),
+                                   [&](const std::string& line) { return line.starts_with(prefix); });
     }
 
   private:

@@ -13,10 +13,7 @@
 namespace {
 
 using NORVA::IPAddress;
-using VELMORA::ConnectionBuffer;
-using VELMORA::Receive;
-using VELMORA::SendBuffer;
-namespace MessageType = VELMORA::MessageType;
+using namespace VELMORA;
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -34,10 +31,10 @@ TEST(FrameLength, RoundsUpToEightAndCountsThePad) {
     };
     for (Case c : {Case{0, 0x0010}, Case{1, 0x001F}, Case{5, 0x001B}, Case{8, 0x0018}, Case{9, 0x0027}}) {
         SCOPED_TRACE(c.body);
-        EXPECT_EQ(VELMORA::lengthFieldFor(c.body), c.length);
-        EXPECT_EQ(VELMORA::bodySizeOf(c.length), c.body);
+        EXPECT_EQ(lengthFieldFor(c.body), c.length);
+        EXPECT_EQ(bodySizeOf(c.length), c.body);
     }
-    EXPECT_EQ(VELMORA::bodySizeOf(0x0017), 0u) << "a pad larger than the body";
+    EXPECT_EQ(bodySizeOf(0x0017), 0u) << "a pad larger than the body";
 }
 
 TEST(FrameValidation, RefusesShortFramesOtherVersionsAndLengthsBeyondTheDatagram) {
@@ -54,8 +51,8 @@ TEST(FrameValidation, RefusesShortFramesOtherVersionsAndLengthsBeyondTheDatagram
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << c.version << " " << c.length << " " << c.size);
         Bytes frame(c.size, 0);
-        VELMORA::writeU16(frame.data(), c.version);
-        VELMORA::writeU16(frame.data() + 2, c.length);
+        writeU16(frame.data(), c.version);
+        writeU16(frame.data() + 2, c.length);
         Receive view(frame.data(), static_cast<std::uint32_t>(frame.size()));
         EXPECT_EQ(view.isValid(), c.valid);
         EXPECT_EQ(view.bodySize(), c.body);
@@ -70,8 +67,8 @@ TEST(FrameHeader, FieldsAreLittleEndianAndParametersFormOneWord) {
                       0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11};
     EXPECT_EQ(bytesOf(request), expected);
     EXPECT_EQ(request.paramU64(), 0x1122334455667788ull);
-    request.setFlags(0xFFFF, VELMORA::flagYes);
-    EXPECT_EQ(request.flags(), VELMORA::flagYes) << "setFlags rewrites the frame at once";
+    request.setFlags(0xFFFF, flagYes);
+    EXPECT_EQ(request.flags(), flagYes) << "setFlags rewrites the frame at once";
 }
 
 // Ethernet frames: a body under 44 bytes is short, flagged in the type byte and carrying its size.
@@ -101,7 +98,7 @@ TEST(EthernetFrame, ShortBodiesCarryTheirSize) {
 }
 
 TEST(SendBuffer, TextListsAreExactFramesWithAZeroPad) {
-    SendBuffer list(MessageType::SETTINGLIST_ANS, VELMORA::flagYes);
+    SendBuffer list(MessageType::SETTINGLIST_ANS, flagYes);
     list.setBodyText("first");
     list.appendBodyText("x");
     list.finish();

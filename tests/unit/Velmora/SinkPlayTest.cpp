@@ -28,8 +28,7 @@ struct Feed {
     SinkPlayout sink;
     Clock::time_point now = Clock::now();
     std::uint16_t next = 0;
-    bool compact = false;
-    Clock::duration waited{};  // of the next packet, in the socket
+    SinkPlayout::Packet packet;  // its compact tag and socket wait set by the test
     SinkPlayout::Answer answers[2] = {};
     std::vector<std::uint8_t> body = std::vector<std::uint8_t>(framesPerPacket * frameBytes, 1);
     explicit Feed(const SinkPlayConfig& config = {}, FormatID format = stereoS32At48k,
@@ -38,12 +37,9 @@ struct Feed {
         EXPECT_TRUE(sink.start(format, latency));
     }
     int send(std::uint16_t sequence, bool feedback = false, bool queuedBehind = false) {
-        SinkPlayout::Packet packet;
-        packet.sequence = compact ? std::uint16_t(sequence & 0x7F) : sequence;
-        packet.compact = compact;
+        packet.sequence = packet.compact ? std::uint16_t(sequence & 0x7F) : sequence;
         packet.wantsFeedback = feedback;
         packet.queuedBehind = queuedBehind;
-        packet.waited = waited;
         packet.body = body.data();
         packet.size = std::uint32_t(body.size());
         return sink.receive(packet, now, answers);
@@ -55,14 +51,6 @@ struct Feed {
             now += microseconds(hostUs);
             sink.advance(now);
         }
-    }
-};
-
-// A sink that has played 100 ms of 1 ms packets from its centre.
-struct Centred : Feed {
-    Centred() {
-        stream(15, 0);
-        stream(100);
     }
 };
 
@@ -149,13 +137,15 @@ TEST(SinkPlay, ABatchTakenLateCountsEachPacketFromItsArrival) {
     enum Taking { onArrival, lateStamped, lateUnstamped };
     std::int16_t reported[3] = {};
     for (Taking taking : {onArrival, lateStamped, lateUnstamped}) {
-        Centred feed;
+        Feed feed;
+        feed.stream(15, 0);  // the centre, then 100 ms of 1 ms packets
+        feed.stream(100);
         feed.send(feed.next++, true);  // the interval starts here
         Clock::time_point start = feed.now;
         for (int i = 1; i <= 5; ++i) {
             Clock::time_point arrival = start + milliseconds(i);
             feed.now = taking == onArrival ? arrival : start + milliseconds(5);
-            feed.waited = taking == lateStamped ? feed.now - arrival : Clock::duration::zero();
+            feed.packet.waited = taking == lateStamped ? feed.now - arrival : Clock::duration::zero();
             feed.send(feed.next++, i == 5, taking != onArrival);
         }
         if (taking != onArrival) {
@@ -220,7 +210,7 @@ TEST(SinkPlay, AGapIsAskedForOnceUntilTheRetryAndDuplicatesAreDropped) {
 
 TEST(SinkPlay, SevenBitTagsRebuildTheSequenceAcrossWraps) {
     Feed feed;
-    feed.compact = true;
+    feed.packet.compact = true;
     feed.stream(300);
     ASSERT_EQ(feed.send(364), 0) << "64 ahead of the next reads as 64 behind";
     ASSERT_EQ(feed.send(250), 0);  // 250 & 0x7F lies behind: a duplicate

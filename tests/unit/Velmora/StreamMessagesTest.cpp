@@ -13,8 +13,8 @@ namespace {
 using namespace VELMORA;
 
 // A received frame with the given header words and body.
-class Frame {
-  public:
+struct Frame {
+    std::vector<std::uint8_t> bytes;
     Frame(std::uint16_t flags, std::uint16_t p0, std::uint16_t p1, std::uint16_t p2, std::uint16_t p3,
           std::vector<std::uint8_t> body = {}) {
         FrameHeader header;
@@ -25,9 +25,6 @@ class Frame {
         bytes.resize(frameSizeOf(header.length()), 0);
     }
     Receive received() const { return Receive(bytes.data(), std::uint32_t(bytes.size())); }
-
-  private:
-    std::vector<std::uint8_t> bytes;
 };
 
 // Centred (1): 0x2000 the middle, 0 and 0x4000 the ends. Signed (2): 15 bits
@@ -68,12 +65,10 @@ TEST(ConnectMessages, ConnectPreValue) {
     EXPECT_EQ(value & 0xFFFF, 0x0102u);
     EXPECT_EQ((value >> 16) & 0xFFFF, 25u);
     EXPECT_EQ(value >> 32, stereoS32At48k.high());
-    FormatID floating(0x2000 | 0x08, 0);
-    EXPECT_EQ((connectPreValue(floating, 0) >> 8) & 0xFF, 2u);
-    FormatID dsd(FormatID::dsdOneBit | FormatID::dsdMsbFirst | 0x02, 0);
-    EXPECT_EQ((connectPreValue(dsd, 0) >> 8) & 0xFF, 8u) << "the bit order bits are not part of the kind";
-    FormatID unknown(0x02, 0);
-    EXPECT_EQ((connectPreValue(unknown, 0) >> 8) & 0xFF, 4u);
+    // The kind: float, DSD (its bit order no part of it), and a word of no kind we know.
+    for (auto [low, kind] :
+         {std::pair{0x2008u, 2u}, {FormatID::dsdOneBit | FormatID::dsdMsbFirst | 0x02u, 8u}, {0x02u, 4u}})
+        EXPECT_EQ((connectPreValue(FormatID(low, 0), 0) >> 8) & 0xFF, kind) << std::hex << low;
 }
 
 TEST(ConnectMessages, MsConnectBodyAndFlags) {

@@ -36,8 +36,7 @@ class CountingBuffer : public SyncBuffer {
         if (mark) ++marks;
         for (std::uint64_t at = 0; at + 4 <= slot.size; at += 4) std::memcpy(slot.data + at, &n, 4);
     }
-    // The stream is up, or gone, as far as the ring can tell.
-    void pretendConnected() { connectState = connected; }
+    // The stream is gone, as far as the ring can tell.
     void pretendGone() {
         connectState = idle;
         onStateChange();
@@ -117,7 +116,7 @@ TEST(SyncBufferRing, DataGoesOutBeforeMuteAndStop) {
 TEST(SyncBufferRing, PushWaitsForAFreeSlotAndSeekStaysInsideTheData) {
     CountingBuffer sync;
     sync.setupRing(4, 3, 0, stereoS32At48k);
-    sync.pretendConnected();
+    sync.connectState = Sync::connected;
     StreamBuffer own;
     own.fill(sync.slotBytes, 0xAB);
     const std::uint8_t* ownBytes = own.data;
@@ -129,7 +128,7 @@ TEST(SyncBufferRing, PushWaitsForAFreeSlotAndSeekStaysInsideTheData) {
     EXPECT_FALSE(sync.push(own));
     ender.join();
     EXPECT_EQ(own.data, ownBytes);
-    sync.pretendConnected();
+    sync.connectState = Sync::connected;
     StreamChunk chunk;
     ASSERT_TRUE(sync.getBuffer(chunk));
     ASSERT_TRUE(sync.push(own));
@@ -150,7 +149,7 @@ TEST(SyncBufferRing, PushWaitsForAFreeSlotAndSeekStaysInsideTheData) {
 TEST(SyncBufferWorker, MarksTheFirstFillAfterACycleOnly) {
     CountingBuffer sync;
     sync.setupRing(8, 4, 0, stereoS32At48k);
-    sync.pretendConnected();
+    sync.connectState = Sync::connected;
     sync.play();
     StreamChunk chunk;
     sync.getBuffer(chunk);

@@ -162,9 +162,8 @@ TEST_F(SyncSetup, ProbeSettlesOnWhatThePathCarries) {
         ASSERT_TRUE(getInfoFrom(sink, TimeValue(), c.measured));
         EXPECT_EQ(sync.smtu, c.smtu) << c.max << " " << c.linkMtu;
         std::set<std::uint32_t> frames;
-        for (const auto& request : sink.requestsOf(MessageType::DATASIZE_REQ)) {
+        for (const auto& request : sink.requestsOf(MessageType::DATASIZE_REQ))
             if (request.size > 16) frames.insert(request.size);
-        }
         EXPECT_EQ(frames, c.probeFrames) << c.max << " " << c.linkMtu;
     }
 }

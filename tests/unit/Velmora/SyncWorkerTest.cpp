@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <initializer_list>
 #include <mutex>
 #include <set>
@@ -96,19 +95,16 @@ class ScriptedSink {
                 gapReported = false;
             } else if (std::int16_t(seq - expected) > 0 && !gapReported) {
                 gapReported = true;
-                answer(self, streamAnswerResend, 0, expected, seq);
+                self.reply(MessageType::STREAM_ANS, streamAnswerResend, 0, expected, seq);
             }
             if (!wantsFeedback) return;
             forced.swap(forcedResends);
         }
-        for (std::uint16_t resendFrom : forced) answer(self, streamAnswerResend, 0, resendFrom, 0);
+        for (std::uint16_t resendFrom : forced)
+            self.reply(MessageType::STREAM_ANS, streamAnswerResend, 0, resendFrom, 0);
         if (forced.empty())
-            answer(self, script.invert ? 0x100 : 0, std::uint16_t(0x2000 + script.deviation / 2), 0, 0);
-    }
-    static void answer(FindPeer& self, std::uint16_t flags, std::uint16_t p0, std::uint16_t p1,
-                       std::uint16_t p2) {
-        SendBuffer reply(MessageType::STREAM_ANS, flags, p0, p1, p2, 0);
-        self.reply(reply);
+            self.reply(MessageType::STREAM_ANS, script.invert ? 0x100 : 0,
+                       std::uint16_t(0x2000 + script.deviation / 2), 0, 0);
     }
     SinkScript& script;
     std::mutex mutex;
@@ -153,10 +149,9 @@ class PatternSync : public Sync {
         if (cycle == 40 || cycle == 340) allocationsAt[cycle / 300] = allocationsOnThisThread();
         return true;
     }
-    bool waitForEnd(std::chrono::seconds limit) {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        while (connectState != idle && std::chrono::steady_clock::now() < deadline)
-            NORVA::sleepMilliseconds(2);
+    // Within 10 s, as a busy machine may need.
+    bool waitForEnd() {
+        for (int i = 0; i < 5000 && connectState != idle; ++i) NORVA::sleepMilliseconds(2);
         if (connectState != idle) return false;
         joinWorker();
         return true;
@@ -197,7 +192,7 @@ TEST_F(SyncWorkerStream, PlaysTheSourceOutInOrderAndDisconnects) {
     connectTo(sink, bytes);
     sync.play();
     sync.requestDisconnect();
-    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(20)));
+    ASSERT_TRUE(sync.waitForEnd());
     EXPECT_TRUE(sync.disconnectWait());
     // Silence, the source in order, and silence.
     const std::vector<std::uint8_t> stream = sink.stream();
@@ -214,7 +209,6 @@ TEST_F(SyncWorkerStream, PlaysTheSourceOutInOrderAndDisconnects) {
         ASSERT_EQ(packets[i].seq, std::uint16_t(i)) << "no loss, no resend";
         EXPECT_EQ(packets[i].body.size(), 24 * frameBytes);
     }
-    EXPECT_GE(sink.disconnects(), 1u);
     // Once the source is out, feedback is asked for exactly once more.
     auto lastAudio = std::find_if(packets.rbegin(), packets.rend(), [](const ScriptedSink::Packet& packet) {
         return std::any_of(packet.body.begin(), packet.body.end(), [](std::uint8_t b) { return b != 0; });
@@ -224,7 +218,6 @@ TEST_F(SyncWorkerStream, PlaysTheSourceOutInOrderAndDisconnects) {
                             [](const ScriptedSink::Packet& packet) { return packet.wantsFeedback; }),
               1);
     EXPECT_TRUE(log.has("DISCONNECT_REQ done"));
-    EXPECT_EQ(sync.connectState, Sync::idle);
 }
 
 // A source that fails while connected, or a resend request from further back than the pool holds,
@@ -241,7 +234,7 @@ TEST_F(SyncWorkerStream, AFailingSourceOrAnImpossibleResendEndsTheStream) {
             // Ahead of what was sent: the distance wraps past any pool.
             sink.askFrom({std::uint16_t(sink.arrivals().back().seq + 200)});
         }
-        ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+        ASSERT_TRUE(sync.waitForEnd());
         EXPECT_TRUE(log.hasPrefix(sourceFails ? "buffer timeout" : "   count error "));
         EXPECT_EQ(sink.disconnects(), 0u);
     }
@@ -275,7 +268,7 @@ TEST_F(SyncWorkerStream, OfResendRequestsReadTogetherTheLastStands) {
     }
     sync.stop();
     sync.disconnect();
-    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+    ASSERT_TRUE(sync.waitForEnd());
 }
 
 // The sink's polarity (in its feedback) and the host's combine into what the
@@ -297,7 +290,7 @@ TEST_F(SyncWorkerStream, PhaseChangesInTheFeedbackTurnTheStreamOver) {
             std::all_of(newest.begin(), newest.end(), [&](std::uint8_t b) { return b == step.silence; }));
     }
     sync.requestDisconnect();
-    ASSERT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+    ASSERT_TRUE(sync.waitForEnd());
 }
 
 // The cycle allocates nothing, through sends, waits, feedback, resends and
@@ -315,7 +308,7 @@ TEST_F(SyncWorkerStream, TheCycleAllocatesNothing) {
     bool measured = sync.waitForCycles(341);
     sync.stop();
     sync.requestDisconnect();
-    EXPECT_TRUE(sync.waitForEnd(std::chrono::seconds(10)));
+    EXPECT_TRUE(sync.waitForEnd());
     NORVA::logThreshold = threshold;
     ASSERT_TRUE(measured);
     EXPECT_EQ(sync.allocationsAt[1] - sync.allocationsAt[0], 0u);

@@ -8,11 +8,7 @@
 #include "TestFormats.h"
 
 using NORVA::TimeValue;
-using VELMORA::FormatID;
-using VELMORA::SinkCycle;
-using VELMORA::StreamPath;
-using VELMORA::TransferConfig;
-using VELMORA::TransferProfile;
+using namespace VELMORA;
 
 namespace {
 
@@ -57,7 +53,7 @@ TEST(PlanFix, KnownPlansAt48kAndShorterCyclesToFitTheAllowedPackets) {
     ASSERT_TRUE(transfer.planFix(0, us(1000)));
     expectPlan(transfer, 1000, 1, 0, 786432);
     EXPECT_EQ(transfer.dataSize, 400u);
-    EXPECT_EQ(transfer.mode, VELMORA::transferFix);
+    EXPECT_EQ(transfer.mode, transferFix);
     ASSERT_TRUE(transfer.planFix(0, us(5000)));
     expectPlan(transfer, 5000, 2, 0, 1966080);
 
@@ -75,7 +71,7 @@ TEST(PlanVar, KnownPlans) {
     TransferConfig transfer = planner(stereoS32At48k);
     ASSERT_TRUE(transfer.planVar(1, us(1000)));
     expectPlan(transfer, 1000, 1, 384, 48u << 14);
-    EXPECT_EQ(transfer.mode, VELMORA::transferVar);
+    EXPECT_EQ(transfer.mode, transferVar);
     // More than one packet holds: cut to 1432 bytes, and the cycle follows.
     ASSERT_TRUE(transfer.planVar(1, us(5000)));
     expectPlan(transfer, 3730, 1, 1432, 179u << 14);
@@ -110,10 +106,10 @@ TEST(PlanAuto, FewestPacketsThatReachTheCycle) {
 
 TEST(PlanMax, GreatestPacketsUntilTheLimitCycle) {
     TransferConfig transfer = planner(stereoS32At48k, 1432, 10, us(10000));
-    transfer.mode = VELMORA::transferRandom;
+    transfer.mode = transferRandom;
     ASSERT_TRUE(transfer.planMax());
     expectPlan(transfer, 11188, 3, 1432);
-    EXPECT_EQ(transfer.mode, VELMORA::transferVar);
+    EXPECT_EQ(transfer.mode, transferVar);
     EXPECT_FALSE(planner(FormatID(0x4020u, 0x000Cu), 100).planMax()) << "128-byte frames";
 }
 
@@ -122,7 +118,7 @@ TEST(PlanRandom, NeedsAShortestCycleBelowThePlannedOne) {
     EXPECT_FALSE(transfer.planRandom(0, us(1000), TimeValue()));
     EXPECT_FALSE(transfer.planRandom(0, us(1000), us(1000)));
     ASSERT_TRUE(transfer.planRandom(0, us(1000), us(500)));
-    EXPECT_EQ(transfer.mode, VELMORA::transferRandom);
+    EXPECT_EQ(transfer.mode, transferRandom);
     EXPECT_EQ(transfer.cycleMin, us(500));
     EXPECT_EQ(transfer.sizeQ14, 786432u);
 }
@@ -215,7 +211,7 @@ TEST(PlanProfile, TriangoloAndItsFallBacksToTheSinkCycle) {
         TransferConfig transfer = profilePlanner(333, 0, 0x20, row.format);
         transfer.packDataSize = row.packDataSize;
         ASSERT_TRUE(transfer.planProfile()) << row.fixedSize;
-        EXPECT_EQ(transfer.mode, VELMORA::transferSinkCycle);
+        EXPECT_EQ(transfer.mode, transferSinkCycle);
         EXPECT_EQ(transfer.cycle.raw(), row.cycleRaw);
         expectPlan(transfer, transfer.cycle.toUs(), row.packets, row.fixedSize, (row.fixedSize / 8) << 14);
     }
@@ -262,7 +258,7 @@ TEST(PlanProfileAuto, FallsBackToTheHostLimit) {
     ASSERT_TRUE(transfer.planProfileAuto(TimeValue()));
     // The limit with 3 % headroom is 412 us; the search goes in 50 us steps.
     EXPECT_EQ(transfer.cycle.toUs(), 450u);
-    EXPECT_EQ(transfer.mode, VELMORA::transferFix);
+    EXPECT_EQ(transfer.mode, transferFix);
     EXPECT_EQ(transfer.packDataCount, 10);
     TransferConfig sinkCycle = profilePlanner(500, 0, 0x20);
     sinkCycle.sink.frameMax = 0;
