@@ -61,16 +61,12 @@ TEST(SampleConvert, SamplesKeepTheirValueAcrossForms) {
 TEST(SampleConvert, FramesMapChannelsSilencingTheMissingOnes) {
     // Two frames of stereo 16-bit to four channels of 32 bits, and back to mono.
     const std::uint8_t stereo[] = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08};
-    std::uint8_t quad[32];
-    std::memset(quad, 0xEE, sizeof quad);
-    convertFrames(stereo, SampleForm::s16, 2, quad, SampleForm::s32, 4, 2);
-    const std::uint8_t wanted[32] = {0, 0, 0x01, 0x02, 0, 0, 0x03, 0x04, 0, 0, 0, 0, 0, 0, 0, 0,
-                                     0, 0, 0x05, 0x06, 0, 0, 0x07, 0x08, 0, 0, 0, 0, 0, 0, 0, 0};
-    EXPECT_EQ(0, std::memcmp(quad, wanted, sizeof quad));
-    std::uint8_t mono[4];
-    convertFrames(stereo, SampleForm::s16, 2, mono, SampleForm::s16, 1, 2);
-    const std::uint8_t left[4] = {0x01, 0x02, 0x05, 0x06};
-    EXPECT_EQ(0, std::memcmp(mono, left, sizeof mono));
+    std::vector<std::uint8_t> quad(32, 0xEE), mono(4);
+    convertFrames(stereo, SampleForm::s16, 2, quad.data(), SampleForm::s32, 4, 2);
+    EXPECT_EQ(quad, (std::vector<std::uint8_t>{0, 0, 0x01, 0x02, 0, 0, 0x03, 0x04, 0, 0, 0, 0, 0, 0, 0, 0,
+                                               0, 0, 0x05, 0x06, 0, 0, 0x07, 0x08, 0, 0, 0, 0, 0, 0, 0, 0}));
+    convertFrames(stereo, SampleForm::s16, 2, mono.data(), SampleForm::s16, 1, 2);
+    EXPECT_EQ(mono, (std::vector<std::uint8_t>{0x01, 0x02, 0x05, 0x06}));
 }
 
 TEST(SampleConvert, FormsOfTheFormatWord) {

@@ -59,12 +59,12 @@ TEST(SinkRawFrames, FramesForAnotherStreamOrCutShortAreSkipped) {
     SinkPlayout::Packet packet;
     EXPECT_FALSE(read(hostFrame(100, 1, false, 0x88B6), packet)) << "ether type";
     EXPECT_FALSE(read(hostFrame(100, 1, false, 0x88B5, 0x02), packet)) << "link byte";
-    std::vector<std::uint8_t> frame = hostFrame(100, 1, false);
-    frame[11] ^= 1;
-    EXPECT_FALSE(read(frame, packet)) << "another host";
-    frame = hostFrame(100, 1, false);
-    frame[5] ^= 1;
-    EXPECT_FALSE(read(frame, packet)) << "another sink";
+    std::vector<std::uint8_t> frame;
+    for (auto [byte, what] : {std::pair{11, "another host"}, {5, "another sink"}}) {
+        frame = hostFrame(100, 1, false);
+        frame[byte] ^= 1;
+        EXPECT_FALSE(read(frame, packet)) << what;
+    }
     frame = hostFrame(20, 1, false);
     frame.resize(16 + 8 + 19);
     EXPECT_FALSE(read(frame, packet)) << "a short frame without its whole body";

@@ -47,12 +47,6 @@ bool allBytes(const StreamChunk& chunk, std::uint8_t value) {
     return std::all_of(chunk.data, chunk.data + chunk.size, [=](std::uint8_t b) { return b == value; });
 }
 
-template <class Done>
-bool eventually(Done done) {
-    for (int i = 0; i < 2000 && !done(); ++i) NORVA::sleepMilliseconds(1);
-    return done();
-}
-
 TEST(SyncBufferRing, StartsWithCountSlotsOfSilenceThenTenMillisecondsOfIt) {
     CountingBuffer sync;
     sync.format.sourceFormat = FormatID(0x202u, 0x000Au);  // 16-bit stereo at 44.1 kHz

@@ -17,7 +17,6 @@
 #include "Protocol/Send.h"
 #include "Stream/StreamMessages.h"
 #include "System/Log.h"
-#include "System/Threads.h"
 #include "TestStream.h"
 #include "WorkerPriority.h"
 
@@ -149,16 +148,13 @@ class PatternSync : public Sync {
         if (cycle == 40 || cycle == 340) allocationsAt[cycle / 300] = allocationsOnThisThread();
         return true;
     }
-    // Within 10 s, as a busy machine may need.
     bool waitForEnd() {
-        for (int i = 0; i < 5000 && connectState != idle; ++i) NORVA::sleepMilliseconds(2);
-        if (connectState != idle) return false;
+        if (!eventually([this] { return connectState == idle; })) return false;
         joinWorker();
         return true;
     }
     bool waitForCycles(std::uint32_t count) {
-        for (int i = 0; i < 5000 && cycles < count; ++i) NORVA::sleepMilliseconds(2);
-        return cycles >= count;
+        return eventually([&] { return cycles >= count; });
     }
 
   private:

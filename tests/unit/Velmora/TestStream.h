@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "Stream/Sync.h"
+#include "System/Threads.h"
 #include "TestFormats.h"
 
 // Stereo 32-bit at 48 kHz to a sink that takes it, in 1 ms cycles of two
@@ -25,4 +26,11 @@ inline void planTestStream(VELMORA::Sync& sync) {
 // Byte n of a test source; never the silence byte.
 inline std::uint8_t patternByte(std::uint64_t n) {
     return std::uint8_t(1 + n % 251);
+}
+
+// Polls for up to 10 s, as a busy machine may need.
+template <class Done>
+bool eventually(Done done) {
+    for (int i = 0; i < 5000 && !done(); ++i) NORVA::sleepMilliseconds(2);
+    return done();
 }

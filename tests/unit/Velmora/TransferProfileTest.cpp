@@ -15,9 +15,7 @@ namespace {
 const FormatID stereo32At44k(0x802u, 0x000Au);   // byteRate 352800
 const FormatID stereo32At768k(0x802u, 0x0084u);  // 48000 x 16
 
-TimeValue us(std::uint64_t value) {
-    return TimeValue::fromUs(value);
-}
+constexpr auto us = &TimeValue::fromUs;
 
 TransferConfig planner(FormatID format, std::uint16_t size = 1432, std::uint16_t count = 10,
                        TimeValue limit = us(400)) {
@@ -253,7 +251,7 @@ TEST(PlanProfile, SearchesWithinTheSinksCycles) {
     }
 }
 
-TEST(PlanProfileAuto, FallsBackToTheHostLimit) {
+TEST(PlanProfileAuto, FallsBackToTheHostLimitAndConfigTransferPlansFastAndSlow) {
     TransferConfig transfer = profilePlanner(0, 0, 0);
     ASSERT_TRUE(transfer.planProfileAuto(TimeValue()));
     // The limit with 3 % headroom is 412 us; the search goes in 50 us steps.
@@ -265,12 +263,10 @@ TEST(PlanProfileAuto, FallsBackToTheHostLimit) {
     ASSERT_TRUE(sinkCycle.planProfileAuto(TimeValue()));
     EXPECT_EQ(sinkCycle.fixedSize, 1432u) << "the greatest packets";
     EXPECT_EQ(sinkCycle.packetCount, 1);
-}
 
-TEST(ConfigTransfer, FastAndSlowProfiles) {
-    TransferConfig transfer = profilePlanner(0, 0, 0);
-    StreamPath path{stereoS32At48k, 1432, 10};
-    auto profiles = transfer.configTransfer(path, us(1000), TimeValue(), us(5000));
+    // The fast profile and the slow one, from the same host limit.
+    auto profiles =
+        transfer.configTransfer(StreamPath{stereoS32At48k, 1432, 10}, us(1000), TimeValue(), us(5000));
     EXPECT_EQ(profiles[0].cycle.toUs(), 1050u);
     EXPECT_EQ(profiles[1].cycle.toUs(), 5150u);
     EXPECT_EQ(profiles[1].packetCount, 2);
