@@ -12,7 +12,6 @@
 #include "ScratchFile.h"
 #include "System/Threads.h"
 #include "TestStream.h"
-#include "WorkerPriority.h"
 
 namespace {
 
@@ -68,14 +67,8 @@ class PatternBuffer : public SyncBuffer {
     }
 };
 
-class SinkStream : public ::testing::TestWithParam<std::uint32_t> {
+class SinkStream : public TimedStreamTest<::testing::TestWithParam<std::uint32_t>> {
   protected:
-    void SetUp() override {
-#ifdef _WIN32
-        GTEST_SKIP() << "a Wine timer tick of 15 ms is too coarse for millisecond cycles";
-#endif
-        if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
-    }
     ScratchFile wav{"velmora-sinkstream", ".wav"};
     ScratchFile json{"velmora-sinkstream", ".json"};
 };

@@ -15,7 +15,6 @@
 #include "FindPeer.h"
 #include "System/Threads.h"
 #include "TestStream.h"
-#include "WorkerPriority.h"
 
 namespace {
 

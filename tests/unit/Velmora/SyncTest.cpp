@@ -11,7 +11,6 @@
 #include "Sink/StreamSink.h"
 #include "System/Threads.h"
 #include "TestStream.h"
-#include "WorkerPriority.h"
 
 namespace {
 

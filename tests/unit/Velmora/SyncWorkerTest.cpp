@@ -18,7 +18,6 @@
 #include "Stream/StreamMessages.h"
 #include "System/Log.h"
 #include "TestStream.h"
-#include "WorkerPriority.h"
 
 namespace {
 
@@ -161,16 +160,10 @@ class PatternSync : public Sync {
     std::array<std::uint8_t, 1000> chunk{};
 };
 
-class SyncWorkerStream : public ::testing::Test {
+class SyncWorkerStream : public TimedStreamTest<> {
   protected:
     SinkScript script;
     PatternSync sync;
-    void SetUp() override {
-#ifdef _WIN32
-        GTEST_SKIP() << "a Wine timer tick of 15 ms is too coarse for millisecond cycles";
-#endif
-        if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
-    }
     void connectTo(ScriptedSink& sink, std::uint64_t bytes = ~0ull) {
         sync.sourceBytes = bytes;
         sync.targetAddress = sink.peer.address;

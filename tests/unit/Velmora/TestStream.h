@@ -8,6 +8,7 @@
 #include "Stream/Sync.h"
 #include "System/Threads.h"
 #include "TestFormats.h"
+#include "WorkerPriority.h"
 
 // Stereo 32-bit at 48 kHz to a sink that takes it, in 1 ms cycles of two
 // packets of 24 frames.
@@ -34,3 +35,15 @@ bool eventually(Done done) {
     for (int i = 0; i < 5000 && !done(); ++i) NORVA::sleepMilliseconds(2);
     return done();
 }
+
+// A fixture for streams in millisecond cycles, which need a fine timer and the worker's priority.
+template <class Base = ::testing::Test>
+class TimedStreamTest : public Base {
+  protected:
+    void SetUp() override {
+#ifdef _WIN32
+        GTEST_SKIP() << "a Wine timer tick of 15 ms is too coarse for millisecond cycles";
+#endif
+        if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
+    }
+};
