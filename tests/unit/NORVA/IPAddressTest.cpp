@@ -56,8 +56,8 @@ TEST(IPAddressParse, RefusesMalformedGroupsAndGaps) {
 }
 
 // The port wraps at 16 bits; the scope is never touched; the address is set
-// even when the port behind it is refused.
-TEST(IPAddressParse, V6PortNeedsTheComma) {
+// even when the port behind it is refused. Typed text is read more freely.
+TEST(IPAddressParse, V6PortNeedsTheCommaAndPersonTypedTextIsReadFreely) {
     IPAddress address;
     address.setPort(7);
     address.setScope(3);
@@ -70,10 +70,7 @@ TEST(IPAddressParse, V6PortNeedsTheComma) {
     }
     EXPECT_TRUE(!address.parseV6Port("::2,12x") && address.group(7) == 2);
     EXPECT_FALSE(address.parseV6Port("::g,1"));
-}
 
-TEST(IPAddressParse, PersonTypedText) {
-    IPAddress address;
     ASSERT_TRUE(address.parse("  [fe80::1%12],19640 trailing words"));
     EXPECT_EQ(address.toStringScopePort(), "fe80::1%12,19640");
     // Numbers wrap to their field, never overflow into a sign.

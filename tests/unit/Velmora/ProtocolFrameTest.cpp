@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Network/Socket.h"
@@ -25,14 +26,11 @@ Bytes bytesOf(const SendBuffer& buffer) {
 }
 
 TEST(FrameLength, RoundsUpToEightAndCountsThePad) {
-    struct Case {
-        std::uint32_t body;
-        std::uint16_t length;
-    };
-    for (Case c : {Case{0, 0x0010}, Case{1, 0x001F}, Case{5, 0x001B}, Case{8, 0x0018}, Case{9, 0x0027}}) {
-        SCOPED_TRACE(c.body);
-        EXPECT_EQ(lengthFieldFor(c.body), c.length);
-        EXPECT_EQ(bodySizeOf(c.length), c.body);
+    const std::pair<std::uint32_t, std::uint16_t> cases[] = {
+        {0, 0x0010}, {1, 0x001F}, {5, 0x001B}, {8, 0x0018}, {9, 0x0027}};
+    for (const auto& [body, length] : cases) {
+        EXPECT_EQ(lengthFieldFor(body), length) << body;
+        EXPECT_EQ(bodySizeOf(length), body) << body;
     }
     EXPECT_EQ(bodySizeOf(0x0017), 0u) << "a pad larger than the body";
 }

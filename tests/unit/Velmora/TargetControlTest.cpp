@@ -80,9 +80,9 @@ class WritableTarget : public Target {
 
 TargetConfig settingConfig() {
     TargetConfig config = testConfig();
-    config.settings.push_back(TargetSettingRow{1, "Volume", "", 0, 100, 40, {}});
-    config.settings.push_back(TargetSettingRow{5, "Mode", "", 0, 0, 1, {"low", "high"}});
-    config.settings.push_back(TargetSettingRow{4, "Label", "lab", 0, 0, 0, {}});
+    config.settings = {{1, "Volume", "", 0, 100, 40, {}},
+                       {5, "Mode", "", 0, 0, 1, {"low", "high"}},
+                       {4, "Label", "lab", 0, 0, 0, {}}};
     return config;
 }
 
