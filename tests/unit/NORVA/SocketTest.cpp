@@ -233,10 +233,9 @@ TEST(Transfer, ReceiveIntoABufferAndAnUndirectedListIsNotSent) {
     EXPECT_FALSE(local.socket.sendNow(undirected));
 }
 
-// Two datagrams wait before the call and none come after: a mode that sleeps
-// receives both, then waits out the deadline on the third buffer; one that
-// spins takes only one, after the send. Both frames leave for the first's
-// peer at the deadline, not before; with the deadline passed, at once.
+// Two datagrams wait before the call and none come after: a mode that sleeps receives both, then waits out
+// the deadline on the third buffer; one that spins takes only one, after the send. Both frames leave for the
+// first's peer at the deadline, not before; with the deadline passed, at once.
 class TransferWaitMode : public ::testing::TestWithParam<int> {};
 
 TEST_P(TransferWaitMode, FramesLeaveAtTheDeadlineAndOnlySleepingModesReceiveWhileWaiting) {
