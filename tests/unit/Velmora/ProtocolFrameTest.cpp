@@ -57,7 +57,8 @@ TEST(FrameValidation, RefusesShortFramesOtherVersionsAndLengthsBeyondTheDatagram
     }
 }
 
-TEST(FrameHeader, FieldsAreLittleEndianAndParametersFormOneWord) {
+// Ethernet frames: a body under 44 bytes is short, flagged in the type byte and carrying its size.
+TEST(ConnectionBuffer, FieldsAreLittleEndianAndShortEthernetBodiesCarryTheirSize) {
     NORVA::UDPV6 socket;
     ConnectionBuffer request(socket, IPAddress::loopback(19642), MessageType::TARGETINFO_REQ,
                              0x1122334455667788ull);
@@ -67,13 +68,9 @@ TEST(FrameHeader, FieldsAreLittleEndianAndParametersFormOneWord) {
     EXPECT_EQ(request.paramU64(), 0x1122334455667788ull);
     request.setFlags(0xFFFF, flagYes);
     EXPECT_EQ(request.flags(), flagYes) << "setFlags rewrites the frame at once";
-}
 
-// Ethernet frames: a body under 44 bytes is short, flagged in the type byte and carrying its size.
-TEST(EthernetFrame, ShortBodiesCarryTheirSize) {
     const std::uint8_t source[6] = {0x02, 0, 0, 0, 0, 0x01};
     const std::uint8_t destination[6] = {0x02, 0, 0, 0, 0, 0x02};
-    NORVA::UDPV6 socket;
     ConnectionBuffer buffer{socket, 5, source, destination, 0x88B5, 0x11};
     EXPECT_EQ(buffer.frame->peerRecord()->scope, 5u);
     for (std::uint16_t size : {43, 44}) {

@@ -61,10 +61,8 @@ TEST(StreamAnswer, ResendFormCarriesNoFeedbackOrPhase) {
 }
 
 TEST(ConnectMessages, ConnectPreValue) {
-    std::uint64_t value = connectPreValue(stereoS32At48k, 25);
-    EXPECT_EQ(value & 0xFFFF, 0x0102u);
-    EXPECT_EQ((value >> 16) & 0xFFFF, 25u);
-    EXPECT_EQ(value >> 32, stereoS32At48k.high());
+    EXPECT_EQ(connectPreValue(stereoS32At48k, 25),
+              std::uint64_t{stereoS32At48k.high()} << 32 | 25u << 16 | 0x0102u);
     // The kind: float, DSD (its bit order no part of it), and a word of no kind we know.
     for (auto [low, kind] :
          {std::pair{0x2008u, 2u}, {FormatID::dsdOneBit | FormatID::dsdMsbFirst | 0x02u, 8u}, {0x02u, 4u}})
