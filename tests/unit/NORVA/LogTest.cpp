@@ -16,9 +16,8 @@ using NORVA::IPAddress;
 using NORVA::LogLine;
 using NORVA::Syslog;
 
-// A log installed and opened towards a listener on [::1] at an ephemeral
-// port, so that each test sees the real datagrams. The log uninstalls
-// itself when it goes.
+// A log installed and opened towards a listener on [::1] at an ephemeral port, so that each test sees the
+// real datagrams. The log uninstalls itself when it goes.
 class LogTest : public ::testing::Test {
   protected:
     void SetUp() override {

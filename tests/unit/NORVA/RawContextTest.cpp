@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "../Velmora/LogCapture.h"
 #include "AllocationCounter.h"
 #include "Network/Socket.h"
 #include "Platform/PacketLibrary.h"
-#include "System/Log.h"
 
 namespace {
 
@@ -23,8 +23,8 @@ using NORVA::PacketSendQueue;
 using NORVA::RawContext;
 using NORVA::UDPV6;
 
-// The fake packet library's state. Sent frames land in fixed storage, so
-// that a send can be checked for allocations.
+// The fake packet library's state. Sent frames land in storage reserved up
+// front, so that a send can be checked for allocations.
 struct FakeLibrary {
     bool withQueue = true, listFails = false, openRefused = false;
     std::string missing;  // a function the library doesn't offer; "all": no library
@@ -35,20 +35,12 @@ struct FakeLibrary {
     int listsMade = 0, listsFreed = 0, adaptersOpen = 0, queuesLive = 0, sendPacketCalls = 0,
         transmitCalls = 0;
     std::string openedName;
-    // Every frame that went out, back to back, and where each ends.
-    std::array<std::uint8_t, 1 << 16> wire{};
-    std::size_t wireLength = 0;
-    std::array<std::size_t, 16> frameEnds{};
+    // Every frame that went out, in order.
+    std::vector<std::vector<std::uint8_t>> sent = std::vector(16, std::vector<std::uint8_t>(2048));
     std::size_t frameCount = 0;
 
     void put(const unsigned char* frame, std::size_t length) {
-        if (wireLength + length > wire.size() || frameCount == frameEnds.size()) return;
-        std::memcpy(wire.data() + wireLength, frame, length);
-        frameEnds[frameCount++] = wireLength += length;
-    }
-    std::vector<std::uint8_t> frame(std::size_t index) const {
-        return {wire.begin() + std::ptrdiff_t(index == 0 ? 0 : frameEnds[index - 1]),
-                wire.begin() + std::ptrdiff_t(frameEnds[index])};
+        if (frameCount < sent.size()) sent[frameCount++].assign(frame, frame + length);
     }
 };
 
@@ -133,11 +125,6 @@ void* fakeLookup(const char* name) {
     return nullptr;
 }
 
-std::string logText;  // every line logged, each ended by a newline
-bool logged(const std::string& text) {
-    return logText.find(text) != std::string::npos;
-}
-
 // A raw socket whose local interfaces are the test's: index 5 is "vfh".
 class RawSocket : public UDPV6 {
   public:
@@ -150,22 +137,15 @@ class RawSocket : public UDPV6 {
     }
 };
 
-// The fake library in place, and every line logged collected (the log
-// uninstalls itself when it goes).
+// The fake library in place, and every line logged collected.
 class RawPath : public ::testing::Test {
   protected:
-    NORVA::Syslog log;
+    LogCapture log;
     void SetUp() override {
         fake = FakeLibrary{};
         NORVA::setPacketSymbolLookup(fakeLookup);
-        logText.clear();
-        log.configure(
-            16, [](const char* line) { logText += std::string(line) + "\n"; }, 0);
-        NORVA::Syslog::install(&log);
-        NORVA::logThreshold = 7;
     }
     void TearDown() override {
-        NORVA::logThreshold = -1;
         NORVA::setPacketSymbolLookup(nullptr);
         // Whatever the path, nothing of the library is left behind.
         EXPECT_TRUE(fake.adaptersOpen == 0 && fake.queuesLive == 0 && fake.listsFreed == fake.listsMade);
@@ -188,7 +168,7 @@ struct Frame {
 // The library got these frames, in this order, from its `from`th frame on.
 void expectSent(std::size_t from, std::initializer_list<const Frame*> frames) {
     ASSERT_EQ(fake.frameCount, from + frames.size());
-    for (const Frame* frame : frames) EXPECT_EQ(fake.frame(from++), frame->bytes()) << "frame " << from - 1;
+    for (const Frame* frame : frames) EXPECT_EQ(fake.sent[from++], frame->bytes()) << "frame " << from - 1;
 }
 
 // Without the library the mode is silently not offered; other failures are logged.
@@ -202,7 +182,7 @@ TEST_F(RawPath, EachFailureToOpenLeavesNothingOpen) {
         bool queueFunction = std::strncmp(name, "pcap_sendqueue", 14) == 0;
         EXPECT_EQ(RawSocket().openRaw(5), queueFunction && !queueRequired) << name;
     }
-    EXPECT_TRUE(logText.empty());
+    EXPECT_TRUE(log.lines().empty());
     EXPECT_TRUE(fake.adaptersOpen == 0 && fake.listsFreed == fake.listsMade);
     fake = FakeLibrary{};
 
@@ -211,30 +191,28 @@ TEST_F(RawPath, EachFailureToOpenLeavesNothingOpen) {
     EXPECT_FALSE(udp->openRaw(5)) << "only the raw kind opens";
     EXPECT_TRUE(udp->handle == before && fake.listsMade == 0);
 
-    EXPECT_TRUE(!RawSocket().openRaw(7) && logged("not foud intrface: 7"));
+    EXPECT_TRUE(!RawSocket().openRaw(7) && log.has("not foud intrface: 7"));
 
     fake.deviceNames = {"\\Device\\NPF_{eth0}", "\\Device\\NPF_{wlan}"};
-    EXPECT_TRUE(!RawSocket().openRaw(5) && logged("not foud pcap interface: vfh"));
+    EXPECT_TRUE(!RawSocket().openRaw(5) && log.has("not foud pcap interface: vfh"));
     // Each device the library knows, on a line of its own.
-    EXPECT_TRUE(logged("localhost \\Device\\NPF_{eth0}\n") && logged("localhost \\Device\\NPF_{wlan}\n"));
+    EXPECT_TRUE(log.has("\\Device\\NPF_{eth0}") && log.has("\\Device\\NPF_{wlan}"));
 
     fake.deviceNames = {"vfh"};
     fake.openRefused = true;
     {
         RawSocket socket;
         EXPECT_FALSE(socket.openRaw(5));
-        EXPECT_TRUE(logged("Unable to open the adapter. vfh is not supported by WinPcap"));
+        EXPECT_TRUE(log.has("Unable to open the adapter. vfh is not supported by WinPcap"));
         // A context without an adapter has nothing to send through.
         Frame one(60, 0, 1);
         EthernetBuffer* const list[] = {&one.buffer};
         EXPECT_TRUE(!socket.sendNow(list) && fake.sendPacketCalls == 0);
     }
     // The device list is asked before the interface, so its failure is the one reported.
-    logText.clear();
     fake.listFails = true;
     EXPECT_FALSE(RawSocket().openRaw(7));
-    EXPECT_TRUE(logged("Error in pcap_findalldevs: no permission"));
-    EXPECT_FALSE(logged("not foud intrface: 7"));
+    EXPECT_EQ(log.lines().back(), "Error in pcap_findalldevs: no permission");
 }
 
 TEST_F(RawPath, OpensTheNamedDeviceAndFramesGoOutAsTheyAreWithoutAllocating) {
@@ -259,13 +237,12 @@ TEST_F(RawPath, OpensTheNamedDeviceAndFramesGoOutAsTheyAreWithoutAllocating) {
     // The queue is reused: the next list carries only its own frames.
     EXPECT_TRUE(socket.sendNow(three));
     expectSent(4, {&first, &second, &third});
-    EXPECT_TRUE(logText.empty());
+    EXPECT_TRUE(log.lines().empty());
 
-    fake.wireLength = fake.wire.size();  // the fake records nothing of this
     Frame big(RawContext::queueSize / 2, 0, 0);
     EthernetBuffer* const beyond[] = {&big.buffer, &big.buffer};
     EXPECT_FALSE(socket.sendNow(beyond)) << "a list beyond the queue is a failed send";
-    EXPECT_TRUE(logged("Error sending the packet wue: the link is down"));
+    EXPECT_TRUE(log.has("Error sending the packet wue: the link is down"));
     socket.close();
     EXPECT_TRUE(fake.adaptersOpen == 0 && !socket.isOpen() && socket.kind == NORVA::Socket::raw);
 }
@@ -281,7 +258,7 @@ TEST_F(RawPath, WithoutAQueueFramesGoOneByOneUntilOneIsRefused) {
     EthernetBuffer* const list[] = {&a.buffer, &b.buffer, &c.buffer, &a.buffer};
     EXPECT_FALSE(socket.sendNow(list));
     expectSent(0, {&a, &b});
-    EXPECT_TRUE(logged("Error sending the packet: the link is down"));
+    EXPECT_TRUE(log.has("Error sending the packet: the link is down"));
 }
 
 }  // namespace

@@ -130,12 +130,12 @@ TEST(Interfaces, LinkLocalFilterAndBinding) {
     EXPECT_TRUE(socket.boundScope == address.scope() && socket.boundScope != 0u);
 }
 
-TEST(Socket, DatagramsKeepTheirBoundariesAndAreCutToTheBuffer) {
+TEST(Socket, DatagramsKeepTheirBoundariesAndAreCutToTheBufferOneOrManyAtATime) {
     Endpoint receiver, sender;
-    char data[16];
-    std::size_t received = 99;
-    EXPECT_TRUE(receiver.socket.receiveFrom(data, sizeof(data), received, receiver.peer));
-    EXPECT_EQ(received, 0u) << "non-blocking and empty: nothing received";
+    char none[16];
+    std::size_t length = 99;
+    EXPECT_TRUE(receiver.socket.receiveFrom(none, sizeof(none), length, receiver.peer));
+    EXPECT_EQ(length, 0u) << "non-blocking and empty: nothing received";
 
     for (const std::string& text : {std::string(1000, 'b'), std::string(), std::string("small")})
         sender.send(receiver.address, text);
@@ -153,10 +153,8 @@ TEST(Socket, DatagramsKeepTheirBoundariesAndAreCutToTheBuffer) {
     ASSERT_TRUE(receiver.socket.waitReadable(longWait) == 2 && receiver.socket.receive(array));
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(array.data()), array.size()), "datagram");
     EXPECT_EQ(array.data(), storage);
-}
 
-TEST(Socket, ReceiveManyTakesWhatWaitsInOrderUpToTheCountEachCut) {
-    Endpoint receiver, sender;
+    // Many at once: what waits, in order, up to the count, each cut.
     bool stamped = receiver.socket.stampArrivals();
     for (const std::string& datagram :
          {std::string("one"), std::string(40, 'x'), std::string(), std::string("4")})
@@ -235,10 +233,9 @@ TEST(Transfer, ReceiveIntoABufferAndAnUndirectedListIsNotSent) {
     EXPECT_FALSE(local.socket.sendNow(undirected));
 }
 
-// Two datagrams wait before the call and none come after: a mode that sleeps
-// receives both, then waits out the deadline on the third buffer; one that
-// spins takes only one, after the send. Both frames leave for the first's
-// peer at the deadline, not before; with the deadline passed, at once.
+// Two datagrams wait before the call and none come after: a mode that sleeps receives both, then waits out
+// the deadline on the third buffer; one that spins takes only one, after the send. Both frames leave for the
+// first's peer at the deadline, not before; with the deadline passed, at once.
 class TransferWaitMode : public ::testing::TestWithParam<int> {};
 
 TEST_P(TransferWaitMode, FramesLeaveAtTheDeadlineAndOnlySleepingModesReceiveWhileWaiting) {

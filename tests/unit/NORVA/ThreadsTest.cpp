@@ -33,8 +33,7 @@ TEST(ThreadLevels, ClassesAndMasks) {
     for (const auto& [first, count, mask] : masks) EXPECT_EQ(NORVA::processorMask(first, count), mask);
 }
 
-// Each processor this process may use takes a thread pinned to it, placed
-// by itself or through its id.
+// Each processor this process may use takes a thread pinned to it, placed by itself or through its id.
 TEST(ThreadProcessors, PinnedThreadRunsThere) {
     int usable = 0;
     std::thread([&] {
@@ -96,9 +95,8 @@ int policyOf(NORVA::ThreadId id, int* priority = nullptr) {
     return sched_getscheduler(pid_t(id)) & ~SCHED_RESET_ON_FORK;
 }
 
-// Levels reach the scheduler for the thread named only. A thread that will
-// never sleep leaves SCHED_FIFO, which the kernel throttles, for the strongest
-// normal priority; a normal one stays as it is.
+// Levels reach the scheduler for the thread named only. A thread that will never sleep leaves SCHED_FIFO,
+// which the kernel throttles, for the strongest normal priority; a normal one stays as it is.
 TEST(ThreadLevelsLinux, LevelsReachTheScheduler) {
     const int mainPolicy = policyOf(NORVA::currentThreadId());
     std::vector<int> policies, priorities;

@@ -112,7 +112,6 @@ TEST_F(FindOnLoopback, AHugePortListFromATargetThatGoesSilentEndsInSeconds) {
     EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(15));
 }
 
-// Interface 0 is no restriction: nothing is enumerated. One without addresses fails quietly, unopened.
 TEST(FindOpen, InterfaceZeroIsEveryInterfaceAndOneWithoutAddressesFailsSilently) {
     Find find{FindSettings()};
     ASSERT_TRUE(find.open(std::uint16_t{0}));

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Network/Socket.h"
@@ -25,14 +26,11 @@ Bytes bytesOf(const SendBuffer& buffer) {
 }
 
 TEST(FrameLength, RoundsUpToEightAndCountsThePad) {
-    struct Case {
-        std::uint32_t body;
-        std::uint16_t length;
-    };
-    for (Case c : {Case{0, 0x0010}, Case{1, 0x001F}, Case{5, 0x001B}, Case{8, 0x0018}, Case{9, 0x0027}}) {
-        SCOPED_TRACE(c.body);
-        EXPECT_EQ(lengthFieldFor(c.body), c.length);
-        EXPECT_EQ(bodySizeOf(c.length), c.body);
+    const std::pair<std::uint32_t, std::uint16_t> cases[] = {
+        {0, 0x0010}, {1, 0x001F}, {5, 0x001B}, {8, 0x0018}, {9, 0x0027}};
+    for (const auto& [body, length] : cases) {
+        EXPECT_EQ(lengthFieldFor(body), length) << body;
+        EXPECT_EQ(bodySizeOf(length), body) << body;
     }
     EXPECT_EQ(bodySizeOf(0x0017), 0u) << "a pad larger than the body";
 }
@@ -59,7 +57,8 @@ TEST(FrameValidation, RefusesShortFramesOtherVersionsAndLengthsBeyondTheDatagram
     }
 }
 
-TEST(FrameHeader, FieldsAreLittleEndianAndParametersFormOneWord) {
+// Ethernet frames: a body under 44 bytes is short, flagged in the type byte and carrying its size.
+TEST(ConnectionBuffer, FieldsAreLittleEndianAndShortEthernetBodiesCarryTheirSize) {
     NORVA::UDPV6 socket;
     ConnectionBuffer request(socket, IPAddress::loopback(19642), MessageType::TARGETINFO_REQ,
                              0x1122334455667788ull);
@@ -69,13 +68,9 @@ TEST(FrameHeader, FieldsAreLittleEndianAndParametersFormOneWord) {
     EXPECT_EQ(request.paramU64(), 0x1122334455667788ull);
     request.setFlags(0xFFFF, flagYes);
     EXPECT_EQ(request.flags(), flagYes) << "setFlags rewrites the frame at once";
-}
 
-// Ethernet frames: a body under 44 bytes is short, flagged in the type byte and carrying its size.
-TEST(EthernetFrame, ShortBodiesCarryTheirSize) {
     const std::uint8_t source[6] = {0x02, 0, 0, 0, 0, 0x01};
     const std::uint8_t destination[6] = {0x02, 0, 0, 0, 0, 0x02};
-    NORVA::UDPV6 socket;
     ConnectionBuffer buffer{socket, 5, source, destination, 0x88B5, 0x11};
     EXPECT_EQ(buffer.frame->peerRecord()->scope, 5u);
     for (std::uint16_t size : {43, 44}) {

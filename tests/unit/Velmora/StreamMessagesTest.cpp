@@ -29,7 +29,7 @@ struct Frame {
 
 // Centred (1): 0x2000 the middle, 0 and 0x4000 the ends. Signed (2): 15 bits
 // behind bit 15. Level (3): param1 against the level wanted in param2.
-TEST(StreamAnswer, FeedbackEncodings) {
+TEST(StreamAnswer, FeedbackEncodingsAndTheResendForm) {
     const struct {
         std::uint16_t p0, p1, p2;
         std::int16_t deviation;
@@ -45,9 +45,8 @@ TEST(StreamAnswer, FeedbackEncodings) {
         EXPECT_EQ(answer.deviation, row.deviation) << row.p0 << " " << row.p1 << " " << row.p2;
         EXPECT_EQ(answer.encoding, row.encoding) << row.p0 << " " << row.p1 << " " << row.p2;
     }
-}
 
-TEST(StreamAnswer, ResendFormCarriesNoFeedbackOrPhase) {
+    // The resend form carries no feedback and no phase.
     StreamAnswer answer = readStreamAnswer(Frame(0x108, 0x3000, 0xFFFE, 7, 0).received());
     EXPECT_TRUE(answer.resend);
     EXPECT_EQ(answer.resendFrom, 0xFFFE) << "the full 16-bit sequence number";
@@ -61,10 +60,8 @@ TEST(StreamAnswer, ResendFormCarriesNoFeedbackOrPhase) {
 }
 
 TEST(ConnectMessages, ConnectPreValue) {
-    std::uint64_t value = connectPreValue(stereoS32At48k, 25);
-    EXPECT_EQ(value & 0xFFFF, 0x0102u);
-    EXPECT_EQ((value >> 16) & 0xFFFF, 25u);
-    EXPECT_EQ(value >> 32, stereoS32At48k.high());
+    EXPECT_EQ(connectPreValue(stereoS32At48k, 25),
+              std::uint64_t{stereoS32At48k.high()} << 32 | 25u << 16 | 0x0102u);
     // The kind: float, DSD (its bit order no part of it), and a word of no kind we know.
     for (auto [low, kind] :
          {std::pair{0x2008u, 2u}, {FormatID::dsdOneBit | FormatID::dsdMsbFirst | 0x02u, 8u}, {0x02u, 4u}})

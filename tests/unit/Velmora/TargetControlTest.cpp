@@ -5,47 +5,6 @@
 
 using namespace VELMORA;
 
-TEST(TargetControl, InformationSelectorsAndIcons) {
-    TargetConfig config = testConfig();
-    config.infoText = "first";
-    config.infoList = {"a", "b"};
-    config.identity = 0x0123456789ABCDEFull;
-    config.icons[7].width = 3;
-    for (std::uint32_t i = 0; i < 6; ++i) config.icons[7].pixels.push_back(0x11000000u * (i + 1) + i);
-    config.icons[1].width = 4;
-    config.icons[1].pixels.resize(5);
-    OpenTarget<> open(config);
-    ASSERT_TRUE(open.opened);
-    TargetPeer peer;
-    EXPECT_EQ(peer.body(peer.ask(MessageType::TARGETINFO_REQ, open.control(), 0)), "first");
-    Receive entry = peer.ask(MessageType::TARGETINFO_REQ, open.control(), 1, 1);
-    EXPECT_EQ(entry.flags(), flagYes);
-    EXPECT_EQ(entry.param2(), 2);
-    EXPECT_EQ(peer.body(entry), "b");
-    EXPECT_EQ(peer.ask(MessageType::TARGETINFO_REQ, open.control(), 1, 2).flags(), 0);
-    // The identity shows as the CRC of its eight little-endian bytes.
-    EXPECT_EQ(peer.body(peer.ask(MessageType::TARGETINFO_REQ, open.control(), 6)), "65FF");
-    EXPECT_EQ(peer.ask(MessageType::TARGETINFO_REQ, open.control(), 9).flags(), 0);
-
-    // Icon 8, the last, is 3 by 2; icon 2 isn't whole rows.
-    Receive size = peer.ask(MessageType::ICON_REQ, open.control(), 8);
-    EXPECT_EQ(size.flags(), flagYes);
-    EXPECT_EQ(size.param1(), 3);
-    EXPECT_EQ(size.param2(), 2);
-    // (x, y) and the count come one-based; a run crosses rows and is cut at the icon's end.
-    const struct {
-        std::uint16_t x, y, count, answered;
-    } runs[] = {{2, 1, 0, 3}, {3, 1, 5, 5}, {3, 2, 50, 2}, {1, 3, 0, 0}};
-    for (const auto& run : runs) {
-        Receive pixels = peer.ask(MessageType::ICON_REQ, open.control(), 8, run.x, run.y, run.count);
-        EXPECT_EQ(pixels.param3(), run.answered) << run.x << "," << run.y;
-        EXPECT_EQ(pixels.bodySize(), 4u * (run.answered - (run.answered != 0)));
-    }
-    EXPECT_EQ(peer.ask(MessageType::ICON_REQ, open.control(), 8, 2, 1, 0).body()[3], 0x22);
-    EXPECT_EQ(peer.ask(MessageType::ICON_REQ, open.control(), 2).flags(), 0);
-    EXPECT_EQ(peer.ask(MessageType::ICON_REQ, open.control(), 9).flags(), 0);
-}
-
 namespace {
 
 // Stores settings and counts what reaches the program's hooks.
@@ -80,19 +39,56 @@ class WritableTarget : public Target {
 
 TargetConfig settingConfig() {
     TargetConfig config = testConfig();
-    config.settings.push_back(TargetSettingRow{1, "Volume", "", 0, 100, 40, {}});
-    config.settings.push_back(TargetSettingRow{5, "Mode", "", 0, 0, 1, {"low", "high"}});
-    config.settings.push_back(TargetSettingRow{4, "Label", "lab", 0, 0, 0, {}});
+    config.settings = {{1, "Volume", "", 0, 100, 40, {}},
+                       {5, "Mode", "", 0, 0, 1, {"low", "high"}},
+                       {4, "Label", "lab", 0, 0, 0, {}}};
     return config;
 }
 
 }  // namespace
 
-TEST(TargetControl, SettingsAreDescribedWrittenReadBackAndCommitted) {
-    OpenTarget<WritableTarget> open(settingConfig());
+// Information, icons and settings; the commit, last, ends the target's loop.
+TEST(TargetControl, InformationIconsAndSettingsAreDescribedWrittenReadBackAndCommitted) {
+    TargetConfig config = settingConfig();
+    config.infoText = "first";
+    config.infoList = {"a", "b"};
+    config.identity = 0x0123456789ABCDEFull;
+    config.icons[7].width = 3;
+    for (std::uint32_t i = 0; i < 6; ++i) config.icons[7].pixels.push_back(0x11000000u * (i + 1) + i);
+    config.icons[1].width = 4;
+    config.icons[1].pixels.resize(5);
+    OpenTarget<WritableTarget> open(config);
     ASSERT_TRUE(open.opened);
     TargetPeer peer;
     const std::uint16_t to = open.control();
+    EXPECT_EQ(peer.body(peer.ask(MessageType::TARGETINFO_REQ, to, 0)), "first");
+    Receive entry = peer.ask(MessageType::TARGETINFO_REQ, to, 1, 1);
+    EXPECT_EQ(entry.flags(), flagYes);
+    EXPECT_EQ(entry.param2(), 2);
+    EXPECT_EQ(peer.body(entry), "b");
+    EXPECT_EQ(peer.ask(MessageType::TARGETINFO_REQ, to, 1, 2).flags(), 0);
+    // The identity shows as the CRC of its eight little-endian bytes.
+    EXPECT_EQ(peer.body(peer.ask(MessageType::TARGETINFO_REQ, to, 6)), "65FF");
+    EXPECT_EQ(peer.ask(MessageType::TARGETINFO_REQ, to, 9).flags(), 0);
+
+    // Icon 8, the last, is 3 by 2; icon 2 isn't whole rows.
+    Receive size = peer.ask(MessageType::ICON_REQ, to, 8);
+    EXPECT_EQ(size.flags(), flagYes);
+    EXPECT_EQ(size.param1(), 3);
+    EXPECT_EQ(size.param2(), 2);
+    // (x, y) and the count come one-based; a run crosses rows and is cut at the icon's end.
+    const struct {
+        std::uint16_t x, y, count, answered;
+    } runs[] = {{2, 1, 0, 3}, {3, 1, 5, 5}, {3, 2, 50, 2}, {1, 3, 0, 0}};
+    for (const auto& run : runs) {
+        Receive pixels = peer.ask(MessageType::ICON_REQ, to, 8, run.x, run.y, run.count);
+        EXPECT_EQ(pixels.param3(), run.answered) << run.x << "," << run.y;
+        EXPECT_EQ(pixels.bodySize(), 4u * (run.answered - (run.answered != 0)));
+    }
+    EXPECT_EQ(peer.ask(MessageType::ICON_REQ, to, 8, 2, 1, 0).body()[3], 0x22);
+    EXPECT_EQ(peer.ask(MessageType::ICON_REQ, to, 2).flags(), 0);
+    EXPECT_EQ(peer.ask(MessageType::ICON_REQ, to, 9).flags(), 0);
+
     EXPECT_EQ(peer.ask(MessageType::SETTINGLIST_REQ, to, 0).param0(), 3);
     Receive mode = peer.ask(MessageType::SETTINGLIST_REQ, to, 2);
     EXPECT_EQ(mode.param1(), 5);

@@ -5,27 +5,22 @@
 
 using namespace VELMORA;
 
-TEST(TargetDiscovery, AnswersDiscoverAndEchoesUnknownTypes) {
-    OpenTarget<> open;
-    ASSERT_TRUE(open.opened);
-    TargetPeer peer;
-    Receive answer = peer.ask(MessageType::DISCOVER, open.control());
-    ASSERT_EQ(answer.type(), MessageType::DISCOVER_ANS);
-    EXPECT_EQ(answer.paramU64(), testConfig().productId);
-    EXPECT_EQ(peer.body(answer), "test target");
-    EXPECT_EQ(peer.ask(MessageType::TARGETNAME_REQ, open.control()).flags(), 0) << "no target name";
-    // An unused even type is echoed; an answer type is dropped.
-    EXPECT_EQ(peer.ask(0x0026, open.control()).type(), 0x0026);
-    Send dropped(MessageType::SETTINGLIST_ANS, 1);
-    peer.send(dropped, open.control());
-    EXPECT_EQ(peer.ask(MessageType::STATUS_REGIST, open.control()).type(), MessageType::STATUS_REGIST);
-}
-
-TEST(TargetDiscovery, RegisteredPortAppearsInListAndByIndex) {
+TEST(TargetDiscovery, AnswersDiscoverEchoesUnknownTypesAndListsARegisteredPort) {
     OpenTarget<> open;
     ASSERT_TRUE(open.opened);
     TargetPeer peer;
     const std::uint16_t to = open.control();
+    Receive answer = peer.ask(MessageType::DISCOVER, to);
+    ASSERT_EQ(answer.type(), MessageType::DISCOVER_ANS);
+    EXPECT_EQ(answer.paramU64(), testConfig().productId);
+    EXPECT_EQ(peer.body(answer), "test target");
+    EXPECT_EQ(peer.ask(MessageType::TARGETNAME_REQ, to).flags(), 0) << "no target name";
+    // An unused even type is echoed; an answer type is dropped.
+    EXPECT_EQ(peer.ask(0x0026, to).type(), 0x0026);
+    Send dropped(MessageType::SETTINGLIST_ANS, 1);
+    peer.send(dropped, to);
+    EXPECT_EQ(peer.ask(MessageType::STATUS_REGIST, to).type(), MessageType::STATUS_REGIST);
+
     SendBuffer registration(MessageType::PORT_REGIST, 0, 3, 0, 40000, 0);
     registration.setBodyText("out 3");
     peer.send(registration, open.registration());
