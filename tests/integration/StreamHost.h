@@ -6,8 +6,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -80,8 +78,7 @@ struct SinkReport {
     std::vector<std::pair<std::uint32_t, std::int32_t>> deviation;  // ms, Q14
 
     explicit SinkReport(const std::string& path) {
-        std::ifstream in(path);
-        std::string json((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        const std::string json = readFile(path);
         for (auto [key, value] : {std::pair{"underruns", &underruns},
                                   {"resends", &resends},
                                   {"dropped", &dropped},

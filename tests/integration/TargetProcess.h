@@ -11,7 +11,9 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -112,6 +114,12 @@ struct TempDir {
         std::filesystem::remove_all(path, ignored);
     }
 };
+
+// All a file holds; "" if it can't be read.
+inline std::string readFile(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
 
 // A shell command run to its end: its exit code (-1 if killed) and all it printed.
 inline std::pair<int, std::string> runCommand(const std::string& command) {

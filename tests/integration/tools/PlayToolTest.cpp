@@ -8,7 +8,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -152,11 +151,6 @@ TEST(PlayOptionsTest, ContradictionsAreRefused) {
 }
 
 // ---- The programs --------------------------------------------------------
-
-std::string readFile(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 std::string settingsFolder(const TempDir& dir) {
     std::string folder = dir.path + "/config/KESTRANE Velmora";

@@ -85,8 +85,7 @@ TEST_F(Driver, SlotsInTheOrderHostsCallThem) {
     EXPECT_EQ(std::string(text + 124, 4), "xxxx");
     AsioLong a = 7, b = 0;
     EXPECT_EQ(callSlot<ASIOError>(host, 9, &a, &b), ASE_OK);
-    EXPECT_EQ(a, 0);
-    EXPECT_EQ(b, 6);
+    EXPECT_TRUE(a == 0 && b == 6) << a << " inputs, " << b << " outputs";
     EXPECT_EQ(callSlot<ASIOError>(host, 21), ASE_NotPresent);
     EXPECT_EQ(callSlot<ASIOError>(host, 22, AsioLong(kAsioCanTimeInfo), static_cast<void*>(nullptr)),
               ASE_SUCCESS);
@@ -142,18 +141,13 @@ TEST_F(Driver, InitAgainstSinksAndItsFailures) {
     }
 }
 
-TEST_F(Driver, InitFailsWhereNothingIsFound) {
+TEST_F(Driver, InitFailsForAPortTheTargetHasNot) {
     LoopbackTarget peer(sinkOffering(sinkPcm));
     ASSERT_TRUE(peer.opened);
-    // A port index the target hasn't.
     auto driver = driverWith("TargetAddress=::1,19642\nTargetPO=7\nInterLoopback=enable\n");
     driver->targetControlPort = peer.control();
     EXPECT_EQ(driver->init(nullptr), ASIOFalse);
     EXPECT_EQ(errorMessage(*driver), "Velmora can not ReFind");
-
-    auto noAddresses = driverWith("Interface=65000\n");
-    EXPECT_EQ(noAddresses->init(nullptr), ASIOFalse);
-    EXPECT_EQ(errorMessage(*noAddresses), "Velmora Find open err!");
 }
 
 TEST(SampleFormat, RowsAndWidths) {

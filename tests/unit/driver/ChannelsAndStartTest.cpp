@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <tuple>
 #include <vector>
 
 #include "../Velmora/LogCapture.h"
@@ -249,11 +250,9 @@ TEST_F(Start, TheSettingsPickThePlan) {
     makeBuffers(256);
     for (const auto& row : rows) {
         SCOPED_TRACE(row.logged);
-        driver.settings.fragmentOptimize = row.optimize;
-        driver.settings.flexCycle = row.flexCycle;
-        driver.settings.flexMax = row.flexMax;
-        driver.settings.flexRandom = row.flexRandom;
-        driver.settings.flexFixAsio = row.fixAsio;
+        DriverSettings& s = driver.settings;
+        std::tie(s.fragmentOptimize, s.flexCycle, s.flexMax, s.flexRandom, s.flexFixAsio) =
+            std::tie(row.optimize, row.flexCycle, row.flexMax, row.flexRandom, row.fixAsio);
         driver.settings.cycleMinTime = NORVA::TimeValue::fromUs(row.cycleMinUs);
         driver.sync.maxPacketSize = row.packetSize;
         driver.sync.profiles[0] = {};

@@ -36,9 +36,11 @@ class TempFolder {
         return file(name);
     }
 
-    std::string read(const std::string& name) const {
+    // What `name` holds, as text or as bytes.
+    template <class Bytes = std::string>
+    Bytes read(const std::string& name) const {
         std::ifstream in(path / name, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
+        return Bytes(std::istreambuf_iterator<char>(in), {});
     }
 
     std::filesystem::path path;

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iterator>
 #include <map>
@@ -158,11 +157,6 @@ bool returnsWithin(std::chrono::seconds limit, Call call) {
     return Clock::now() - begin < limit;
 }
 
-std::vector<std::uint8_t> fileBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 class Stream : public DriverEnvironment {
   protected:
     // Straight to the sink, 1500-byte packets, the worker at this process's priority.
@@ -170,8 +164,8 @@ class Stream : public DriverEnvironment {
         "TargetAddress=::1,19642\nTargetPO=1\nInterLoopback=enable\nThredMode=73729\nSyncBufferCount=8\n";
 
     Stream() {
-        sinkConfig.latency = 200;  // 20 ms, as a device's buffer
-        sinkConfig.play.wavPath = wav;
+        sinkConfig.latency = 200;                           // 20 ms, as a device's buffer
+        sinkConfig.play.wavPath = user.file("stream.wav");  // goes with the folder
     }
     ~Stream() override { Host::current = nullptr; }
 
@@ -231,7 +225,7 @@ class Stream : public DriverEnvironment {
         const std::uint64_t calls = host.calls.load();
         release();
         peer->sink.stop();
-        const std::vector<std::uint8_t> stream = fileBytes(wav);
+        const std::vector<std::uint8_t> stream = user.read<std::vector<std::uint8_t>>("stream.wav");
         ASSERT_GE(stream.size(), 44u) << "a WAV header";
         std::vector<std::uint8_t> audio;
         std::copy_if(stream.begin() + 44, stream.end(), std::back_inserter(audio),
@@ -244,7 +238,6 @@ class Stream : public DriverEnvironment {
     }
 
     StreamSinkConfig sinkConfig;
-    std::string wav = user.file("stream.wav");  // goes with the folder
     std::unique_ptr<LoopbackTarget> peer;
     AsioVelmora* driver = nullptr;
     Host host;
@@ -288,7 +281,7 @@ TEST_F(Stream, StartsAgainAtAnotherRateAndTellsTheHostItsPosition) {
     EXPECT_EQ(host.times[0].flags, 0x1Fu);
     EXPECT_EQ(host.times[1].flags, 0xFu);
     EXPECT_EQ(host.times[0].position, 0u);
-    const std::vector<std::uint8_t> header = fileBytes(wav);
+    const std::vector<std::uint8_t> header = user.read<std::vector<std::uint8_t>>("stream.wav");
     ASSERT_GE(header.size(), 44u);
     EXPECT_EQ(header[24] | header[25] << 8 | header[26] << 16, 48000) << "the WAV's rate";
     EXPECT_EQ(peer->sink.requestsOf(VELMORA::MessageType::CONNECTPRE_REQ).size(), 2u);
