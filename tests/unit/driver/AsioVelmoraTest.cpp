@@ -141,13 +141,19 @@ TEST_F(Driver, InitAgainstSinksAndItsFailures) {
     }
 }
 
-TEST_F(Driver, InitFailsForAPortTheTargetHasNot) {
+TEST_F(Driver, InitFailsWhereNothingIsFound) {
     LoopbackTarget peer(sinkOffering(sinkPcm));
     ASSERT_TRUE(peer.opened);
+    // A port index the target hasn't.
     auto driver = driverWith("TargetAddress=::1,19642\nTargetPO=7\nInterLoopback=enable\n");
     driver->targetControlPort = peer.control();
     EXPECT_EQ(driver->init(nullptr), ASIOFalse);
     EXPECT_EQ(errorMessage(*driver), "Velmora can not ReFind");
+
+    // An interface without addresses (the control panel's case, which is Linux-only, checks it too).
+    auto noAddresses = driverWith("Interface=65000\n");
+    EXPECT_EQ(noAddresses->init(nullptr), ASIOFalse);
+    EXPECT_EQ(errorMessage(*noAddresses), "Velmora Find open err!");
 }
 
 TEST(SampleFormat, RowsAndWidths) {
