@@ -10,28 +10,12 @@
 #include <utility>
 #include <vector>
 
-#include "Samples/SyncBuffer.h"
+#include "PatternSources.h"
 #include "System/Threads.h"
 #include "TargetProcess.h"
 #include "WorkerPriority.h"
 
 namespace StreamHost {
-
-// Byte n of the source; never 0, the silence byte.
-inline std::uint8_t patternByte(std::uint64_t n) {
-    return std::uint8_t(1 + n % 251);
-}
-
-class PatternSource : public VELMORA::SyncBuffer {
-  public:
-    std::uint64_t filled = 0;  // the buffer worker's alone until the end
-
-    ~PatternSource() override { shutdown(); }
-    void fillBuffer(VELMORA::StreamBuffer& slot, bool) override {
-        for (std::uint64_t i = 0; i < slot.size; ++i) slot.data[i] = patternByte(filled + i);
-        filled += slot.size;
-    }
-};
 
 // The ring of the host's buffer worker: 8 slots of 4 ms. The sink's latency
 // is 40 ms, in units of 100 us.
@@ -42,7 +26,7 @@ constexpr std::uint16_t latencyUnits = 400;
 // Sets the stream to the target's first sink up and plays. Skips where the
 // system refuses the worker its priority: callers return on a skip or a
 // fatal failure.
-inline void start(PatternSource& host, const TargetProcess& target, VELMORA::FormatID format) {
+inline void start(PatternBuffer& host, const TargetProcess& target, VELMORA::FormatID format) {
     using NORVA::TimeValue;
     ASSERT_TRUE(target.ready()) << "velmora-target did not start its sink:\n" << target.printed;
     if (!workerPriorityGranted()) GTEST_SKIP() << "the system refuses the worker's priority";
@@ -63,7 +47,7 @@ inline void start(PatternSource& host, const TargetProcess& target, VELMORA::For
 }
 
 // Lets the ring play out, ends the stream, then the target.
-inline void finish(PatternSource& host, TargetProcess& target) {
+inline void finish(PatternBuffer& host, TargetProcess& target) {
     host.stop();
     NORVA::sleepMilliseconds(100);  // silence after the audio shows a loss among its last packets
     ASSERT_EQ(host.connectState, VELMORA::Sync::connected) << "the stream ended before it was asked to";

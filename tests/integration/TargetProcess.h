@@ -10,14 +10,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <initializer_list>
 #include <iterator>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
+
+#include "TempFolder.h"
 
 // A program running on until stop() (SIGTERM); ready once a line of its
 // output holds `readyText`. By default velmora-target, ready once it says
@@ -104,16 +104,6 @@ inline bool takeArguments(int argc, char** argv, std::initializer_list<std::stri
     for (std::string* value : values) *value = *++argv;
     return true;
 }
-
-// A fresh directory, removed with what it holds.
-struct TempDir {
-    char pattern[32] = "/tmp/velmora-test-XXXXXX";
-    const std::string path = mkdtemp(pattern);
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-};
 
 // All a file holds; "" if it can't be read.
 inline std::string readFile(const std::string& path) {

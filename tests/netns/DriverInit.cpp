@@ -5,11 +5,9 @@
 //     netns_driver_init DRIVER_LIBRARY
 #include <dlfcn.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <string>
 
 #include "../integration/TargetProcess.h"
@@ -22,9 +20,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     // A settings folder of this run's own, its file leaving every key at its default.
-    TempDir root;
-    mkdir((root.path + "/KESTRANE Velmora").c_str(), 0700);
-    std::ofstream(root.path + "/KESTRANE Velmora/setting.inf") << "; discovery\r\n";
+    TempFolder root;
+    root.write("KESTRANE Velmora/setting.inf", "; discovery\r\n");
     setenv("XDG_CONFIG_HOME", root.path.c_str(), 1);
 
     // The driver object through the COM entry point, asked for with its class identifier.

@@ -11,8 +11,6 @@
 // 10 or 11 frames, so raw frames come both short (40 bytes of audio, below
 // the Ethernet minimum) and full-sized (44 bytes).
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +19,7 @@
 #include <vector>
 
 #include "Discovery/Find.h"
+#include "PatternSources.h"
 #include "Stream/Sync.h"
 #include "System/Log.h"
 #include "System/Threads.h"
@@ -34,34 +33,6 @@ using namespace VELMORA;
 const FormatID stereoS16At48k(0x202u, 0x000Cu);
 constexpr std::uint32_t frameBytes = 4;
 constexpr std::uint32_t bytesPerSecond = 48000 * frameBytes;
-
-// Byte n of the source; never 0, so silence and audio can't be confused.
-std::uint8_t patternByte(std::uint64_t n) {
-    return std::uint8_t(1 + n % 251);
-}
-
-class PatternSync : public Sync {
-  public:
-    std::uint64_t sourceBytes = 0;
-    std::atomic<std::uint64_t> given{0};
-
-    ~PatternSync() override {
-        connectState = idle;
-        joinWorker();
-    }
-    bool getBuffer(StreamChunk& out) override {
-        std::uint64_t at = given;
-        if (at >= sourceBytes) return false;
-        std::uint32_t size = std::uint32_t(std::min<std::uint64_t>(chunk.size(), sourceBytes - at));
-        for (std::uint32_t i = 0; i < size; ++i) chunk[i] = patternByte(at + i);
-        given = at + size;
-        out = {chunk.data(), size};
-        return true;
-    }
-
-  private:
-    std::array<std::uint8_t, 1000> chunk{};
-};
 
 const char* modeName(std::uint32_t mode) {
     return mode == msModeRawFrames ? "RFS" : mode == msMode2 ? "mode2" : mode == msMode1 ? "mode1" : "none";

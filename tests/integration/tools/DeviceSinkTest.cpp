@@ -22,7 +22,6 @@
 
 #include "../StreamHost.h"
 #include "../TargetProcess.h"
-#include "ScratchFile.h"
 
 namespace {
 
@@ -171,29 +170,29 @@ TEST_P(DeviceSink, StreamArrivesBitExactOnTheServersClockWithoutXruns) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
     unsigned idleXruns = capture.xruns.exchange(0);
 
-    ScratchFile json{"velmora-jack-sink", ".json"};
     // The ALSA device "velmora": the plugin's ports led to the capture's, in
-    // the ~/.asoundrc of a home of the test's own.
-    TempDir home;
+    // the ~/.asoundrc of a home of the test's own, which holds the statistics too.
+    TempFolder home;
+    const std::string json = home.file("sink.json");
     if (alsa) {
-        std::ofstream(home.path + "/.asoundrc") << "pcm.velmora {\n  type jack\n  playback_ports {\n    0 "
-                                                   "capture:in_1\n    1 capture:in_2\n  }\n}\n";
+        std::ofstream(home.file(".asoundrc")) << "pcm.velmora {\n  type jack\n  playback_ports {\n    0 "
+                                                 "capture:in_1\n    1 capture:in_2\n  }\n}\n";
         ASSERT_EQ(setenv("HOME", home.path.c_str(), 1), 0);
     }
     TargetProcess target(
         toolPath,
         TargetProcess::anyPorts({"--sink", "1,0,Main out", alsa ? "--alsa" : "--jack",
                                  alsa ? "velmora" : "velmora-test", "--latency", std::to_string(latencyUnits),
-                                 "--stats-json", json.path, "--log-level", "3"}));
+                                 "--stats-json", json, "--log-level", "3"}));
     ASSERT_TRUE(alsa || capture.connectFrom("velmora-test"));
-    PatternSource host;
+    PatternBuffer host;
     StreamHost::start(host, target, stereoS16At48k);
     if (IsSkipped() || HasFatalFailure()) return;
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     finish(host, target);
     if (HasFatalFailure()) return;
 
-    SinkReport report(json.path);
+    SinkReport report(json);
     EXPECT_GE(report.xruns, 0) << "the statistics count the device's xruns";
     // An xrun of the server itself drops or repeats a period for every
     // client: the stream can't be judged then. Without one, the sink must have none.
@@ -227,7 +226,7 @@ TEST(DeviceSinkLoss, TheServerGoingAndComingBackIsToldAndTheStreamPlaysOn) {
                                  // return left empty would run dry between them.
                                  "--batch-wait", "4000"}),
         true);
-    PatternSource host;
+    PatternBuffer host;
     StreamHost::start(host, target, stereoS16At48k);
     if (IsSkipped() || HasFatalFailure()) return;
     std::this_thread::sleep_for(std::chrono::seconds(1));

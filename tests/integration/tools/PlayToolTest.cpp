@@ -18,6 +18,7 @@
 #include "PlayOptions.h"
 #include "Sink/StreamDigest.h"
 #include "Sink/WavWriter.h"
+#include "TestFormats.h"
 
 namespace {
 
@@ -64,9 +65,7 @@ TEST(PlaySource, DsdBitOrdersAreMirrorImages) {
     ASSERT_EQ(a.size(), 1000u);
     int ones = 0;
     for (std::size_t i = 0; i < a.size(); ++i) {
-        std::uint8_t mirrored = 0;
-        for (int bit = 0; bit < 8; ++bit) mirrored |= std::uint8_t(((a[i] >> bit) & 1) << (7 - bit));
-        ASSERT_EQ(mirrored, b[i]) << i;
+        ASSERT_EQ(reversedBits(a[i]), b[i]) << i;
         ones += __builtin_popcount(a[i]);
     }
     // A sine's density averages out to half.
@@ -97,25 +96,25 @@ TEST(PlayCompare, MatchesAfterLeadsAndFindsADifferenceAShortSinkAndAnotherFormat
 // DSD goes out in 32-bit words per channel: the given file matches the sink's
 // after its idle pattern, and so does the fingerprint of what was handed over.
 TEST(PlayCompare, DsdGivenMatchesTheSinksFileAfterItsIdlePattern) {
-    TempDir dir;
+    TempFolder dir;
     HostSource source;
     std::string error;
     const std::uint64_t perChannel = VELMORA::StreamDigest::checkpointBytes / 2;
     ASSERT_TRUE(
         source.makeSignal({SignalSpec::noise, 0}, ASIOSTDSDInt8LSB1, 2, 2822400, perChannel * 8, error));
-    ASSERT_TRUE(source.writeGiven(dir.path + "/given.wav", perChannel + 8, 2822400, error)) << error;
+    ASSERT_TRUE(source.writeGiven(dir.file("given.wav"), perChannel + 8, 2822400, error)) << error;
     WavData given, received;
-    ASSERT_TRUE(readWav(dir.path + "/given.wav", given, error)) << error;
+    ASSERT_TRUE(readWav(dir.file("given.wav"), given, error)) << error;
     std::vector<std::uint8_t> left = channelBytes(source, 0), right = channelBytes(source, 1);
     const std::uint8_t* words[] = {left.data(), right.data(), left.data() + 4};
     for (int i = 0; i < 3; ++i) EXPECT_EQ(std::memcmp(given.data.data() + 4 * i, words[i], 4), 0) << i;
 
     VELMORA::WavWriter sink;
     std::vector<std::uint8_t> idle(24, 0x69);
-    ASSERT_TRUE(sink.open(dir.path + "/sink.wav", 2822400, 2, 1));
+    ASSERT_TRUE(sink.open(dir.file("sink.wav"), 2822400, 2, 1));
     ASSERT_TRUE(sink.write(idle.data(), idle.size()) && sink.write(given.data.data(), given.data.size()));
     ASSERT_TRUE(sink.close());
-    ASSERT_TRUE(readWav(dir.path + "/sink.wav", received, error)) << error;
+    ASSERT_TRUE(readWav(dir.file("sink.wav"), received, error)) << error;
     Comparison result = compareWav(given, received);
     EXPECT_TRUE(result.exact) << result.text();
     EXPECT_EQ(result.sinkLead, 12u) << "frames of one byte per channel";
@@ -152,33 +151,32 @@ TEST(PlayOptionsTest, ContradictionsAreRefused) {
 
 // ---- The programs --------------------------------------------------------
 
-std::string settingsFolder(const TempDir& dir) {
-    std::string folder = dir.path + "/config/KESTRANE Velmora";
+std::string settingsFolder(const TempFolder& dir) {
+    std::string folder = dir.file("config/KESTRANE Velmora");
     std::filesystem::create_directories(folder);
     std::ofstream(folder + "/setting.inf") << "TargetAddress=::1,19642\r\nInterLoopback=enable\r\n";
-    return dir.path + "/config";
+    return dir.file("config");
 }
 
 TEST(PlayTool, ErrorsExitWithTheirCodeAndSayWhy) {
-    TempDir dir;
+    TempFolder dir;
     std::string withDriver = playPath + " --driver " + driverPath + " --settings ";
     const struct {
         std::string command;
         int code;
         const char* text;
     } cases[] = {
-        {playPath + " --driver " + dir.path + "/none.so", 3, "can't load the driver"},
-        {withDriver + dir.path, 2, "no \"KESTRANE Velmora/setting.inf\""},
+        {playPath + " --driver " + dir.file("none.so"), 3, "can't load the driver"},
+        {withDriver + dir.path.string(), 2, "no \"KESTRANE Velmora/setting.inf\""},
         // No target runs: the driver's own error text is reported.
-        {withDriver + settingsFolder(dir) + " --json " + dir.path + "/report.json", 4,
-         "error text   Velmora"},
+        {withDriver + settingsFolder(dir) + " --json " + dir.file("report.json"), 4, "error text   Velmora"},
     };
     for (const auto& c : cases) {
         auto [code, output] = runCommand(c.command);
         EXPECT_EQ(code, c.code) << c.command << "\n" << output;
         EXPECT_NE(output.find(c.text), std::string::npos) << c.command << "\n" << output;
     }
-    std::string json = readFile(dir.path + "/report.json");
+    std::string json = readFile(dir.file("report.json"));
     // Every call with its duration, the release too.
     EXPECT_NE(json.find("\"calls\":[{\"call\":\"init\",\"result\":0,\"ms\":"), std::string::npos) << json;
     EXPECT_NE(json.find("{\"call\":\"release\",\"result\":0,\"ms\":"), std::string::npos) << json;
@@ -188,28 +186,28 @@ TEST(PlayTool, ErrorsExitWithTheirCodeAndSayWhy) {
 // The whole host's order against a target whose sink writes what it
 // receives: the sink's file holds exactly what the driver was given.
 TEST(PlayTool, PlaysToTheSinkBitForBit) {
-    TempDir dir;
+    TempFolder dir;
     TargetProcess target(targetPath, {"--loopback", "--name", "Desk", "--sink", "1,0,Main out", "--wav",
-                                      dir.path + "/sink.wav"});
+                                      dir.file("sink.wav")});
     ASSERT_TRUE(target.ready()) << target.printed;
     auto [code, output] =
         runCommand(playPath + " --driver " + driverPath + " --settings " + settingsFolder(dir) +
-                   " --signal noise --seconds 1 --buffer 256 --given " + dir.path + "/given.wav --json " +
-                   dir.path + "/report.json");
+                   " --signal noise --seconds 1 --buffer 256 --given " + dir.file("given.wav") + " --json " +
+                   dir.file("report.json"));
     ASSERT_EQ(target.stop(), 0) << target.printed;
     ASSERT_EQ(code, 0) << output;
     EXPECT_NE(output.find("\"Desk"), std::string::npos) << output;
-    std::string json = readFile(dir.path + "/report.json");
+    std::string json = readFile(dir.file("report.json"));
     // Every callback moved the position by one buffer and switched halves.
     EXPECT_NE(json.find("\"positionJumps\":0,\"indexRepeats\":0"), std::string::npos) << json;
     EXPECT_NE(json.find("\"timeline\":[[0,"), std::string::npos) << json;
-    auto compare = runCommand(playPath + " --compare " + dir.path + "/given.wav " + dir.path + "/sink.wav");
+    auto compare = runCommand(playPath + " --compare " + dir.file("given.wav") + " " + dir.file("sink.wav"));
     EXPECT_EQ(compare.first, 0) << compare.second << output;
 }
 
 TEST(LogTool, PrintsTheDriversLinesReadably) {
-    TempDir dir;
-    TargetProcess log(logPath, {"--port", "0", "--file", dir.path + "/lines"}, true, "listening on [::1]:");
+    TempFolder dir;
+    TargetProcess log(logPath, {"--port", "0", "--file", dir.file("lines")}, true, "listening on [::1]:");
     unsigned port = 0;
     ASSERT_EQ(std::sscanf(log.readyLine.c_str(), "velmora-log: listening on [::1]:%u", &port), 1)
         << log.printed;
@@ -221,7 +219,7 @@ TEST(LogTool, PrintsTheDriversLinesReadably) {
     std::string lines;
     for (int tries = 0; tries < 100 && lines.empty(); ++tries) {
         usleep(20000);
-        lines = readFile(dir.path + "/lines");
+        lines = readFile(dir.file("lines"));
     }
     EXPECT_EQ(log.stop(), 0) << "a user's Ctrl-C ends it cleanly";
     EXPECT_EQ(lines, "Nov 23 08:54:46 error Velmora get info err\n");

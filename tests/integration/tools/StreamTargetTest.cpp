@@ -17,8 +17,8 @@
 #include "../StreamHost.h"
 #include "../TargetProcess.h"
 #include "Samples/SyncBuffer.h"
-#include "ScratchFile.h"
 #include "System/Threads.h"
+#include "TempFolder.h"
 #include "TestFormats.h"
 #include "WavFile.h"
 
@@ -51,8 +51,9 @@ struct Case {
 
 class StreamToTarget : public ::testing::TestWithParam<Case> {
   protected:
-    ScratchFile wav{"velmora-stream-target", ".wav"}, json{"velmora-stream-target", ".json"};
-    PatternSource host;
+    TempFolder folder;
+    const std::string wav = folder.file("sink.wav"), json = folder.file("sink.json");
+    PatternBuffer host;
     std::vector<std::pair<double, std::int16_t>> adjusts;  // ms since the stream started, Q14; every 10 ms
 
     // Where the host's ring ran dry (the machine held the buffer worker back)
@@ -60,7 +61,7 @@ class StreamToTarget : public ::testing::TestWithParam<Case> {
     void expectSourceBitForBit() {
         WavData file;  // read as velmora-play reads it
         std::string error;
-        EXPECT_TRUE(readWav(wav.path, file, error)) << error;
+        EXPECT_TRUE(readWav(wav, file, error)) << error;
         const std::vector<std::uint8_t>& stream = file.data;
         std::size_t lead = 0;
         while (lead < stream.size() && stream[lead] == 0) ++lead;
@@ -121,11 +122,10 @@ class StreamToTarget : public ::testing::TestWithParam<Case> {
 
 TEST_P(StreamToTarget, SourceArrivesWholeAndTheBufferStaysCentred) {
     const Case& run = GetParam();
-    TargetProcess target(
-        toolPath,
-        TargetProcess::anyPorts({"--sink", "1,0,Main out", "--latency", std::to_string(latencyUnits), "--wav",
-                                 wav.path, "--stats-json", json.path, "--ppm", std::to_string(run.ppm),
-                                 "--drop", std::to_string(run.drop), "--log-level", "3"}));
+    TargetProcess target(toolPath, TargetProcess::anyPorts(
+                                       {"--sink", "1,0,Main out", "--latency", std::to_string(latencyUnits),
+                                        "--wav", wav, "--stats-json", json, "--ppm", std::to_string(run.ppm),
+                                        "--drop", std::to_string(run.drop), "--log-level", "3"}));
     StreamHost::start(host, target, stereoS32At48k);
     if (IsSkipped() || HasFatalFailure()) return;
     // The correction every 10 ms of the run's length.
@@ -139,7 +139,7 @@ TEST_P(StreamToTarget, SourceArrivesWholeAndTheBufferStaysCentred) {
     finish(host, target);
     if (HasFatalFailure()) return;
 
-    SinkReport report(json.path);
+    SinkReport report(json);
     record(report);
     expectSourceBitForBit();
     if (run.drop > 0) {

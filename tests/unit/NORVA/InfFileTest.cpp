@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <random>
 #include <string>
 
 #include "Platform/Platform.h"
+#include "TempFolder.h"
 
 namespace {
 
@@ -67,20 +67,11 @@ TEST(InfFileRead, NumberForms) {
         "-12 0 7 0 12 9223372036854775807 9223372036854775807 -9223372036854775808 -9223372036854775808 0 ");
 }
 
-// A folder of the test's own. Names are UTF-8 bytes, joined as text: a
-// narrow fs::path isn't UTF-8 on Windows.
+// A folder of the test's own; names are UTF-8 bytes.
 class InfFileFiles : public ::testing::Test {
   protected:
-    const fs::path dir = fs::temp_directory_path() / ("norva_inf_" + std::to_string(std::random_device()()));
-    void SetUp() override { ASSERT_TRUE(fs::create_directory(dir)); }
-    void TearDown() override {
-        std::error_code ignored;
-        fs::remove_all(dir, ignored);
-    }
-    std::string file(const std::string& name) const {
-        std::u8string text = dir.u8string();
-        return std::string(text.begin(), text.end()) + "/" + name;
-    }
+    TempFolder folder;
+    std::string file(const std::string& name) const { return folder.file(name); }
     void put(const std::string& name, const std::string& bytes) const {
         ASSERT_TRUE(NORVA::Platform::writeWholeFile(file(name), bytes));
     }
@@ -118,7 +109,7 @@ TEST_F(InfFileFiles, LayeredLoadsWriteWithoutEmptyValues) {
     const std::string name = "s\xC3\xA4tting \xE2\x82\xAC.inf";
     put(name, std::string(200, '.'));
     ASSERT_TRUE(inf.write(file(name)));
-    EXPECT_TRUE(fs::exists(dir / fs::path(u8"s\u00e4tting \u20ac.inf")));
+    EXPECT_TRUE(fs::exists(folder.path / fs::path(u8"s\u00e4tting \u20ac.inf")));
     std::string bytes;
     ASSERT_TRUE(NORVA::Platform::readWholeFile(file(name), bytes));
     EXPECT_EQ(bytes,

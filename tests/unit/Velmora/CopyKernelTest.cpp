@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Format/CopyKernel.h"
+#include "TestFormats.h"
 
 using namespace VELMORA;
 
@@ -16,13 +17,6 @@ Bytes run(CopyKernel kernel, const Bytes& source) {
     Bytes destination(source.size() + 1, 0xEE);  // a guard byte past the end
     kernel(destination.data(), source.data(), source.size());
     return destination;
-}
-
-// The byte with its bits in reverse order, bit by bit.
-std::uint8_t reversedBits(std::uint8_t byte) {
-    std::uint8_t out = 0;
-    for (int bit = 0; bit < 8; ++bit) out |= std::uint8_t(((byte >> bit) & 1) << (7 - bit));
-    return out;
 }
 
 }  // namespace

@@ -3,14 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <iterator>
 
 #include "Protocol/Connection.h"
 #include "Protocol/MessageTypes.h"
 #include "Samples/SyncBuffer.h"
-#include "ScratchFile.h"
 #include "System/Threads.h"
+#include "TempFolder.h"
 #include "TestStream.h"
 
 namespace {
@@ -52,25 +51,9 @@ TEST(SinkExchange, ConnectOffersOnlyTheModesItHas) {
 
 // ---- A whole stream: ring, stream worker and the playing sink ----------------
 
-// A source that fills each slot with the next bytes of the pattern.
-class PatternBuffer : public SyncBuffer {
-  public:
-    std::uint64_t filled = 0;  // the buffer worker's alone
-    PatternBuffer() {
-        EXPECT_TRUE(open(0, TimeValue::fromMs(50), 0, "sink test", 1, -1, -1, 0));
-        planTestStream(*this);
-    }
-    ~PatternBuffer() override { shutdown(); }
-    void fillBuffer(StreamBuffer& slot, bool) override {
-        for (std::uint64_t i = 0; i < slot.size; ++i) slot.data[i] = patternByte(filled + i);
-        filled += slot.size;
-    }
-};
-
 class SinkStream : public TimedStreamTest<::testing::TestWithParam<std::uint32_t>> {
   protected:
-    ScratchFile wav{"velmora-sinkstream", ".wav"};
-    ScratchFile json{"velmora-sinkstream", ".json"};
+    TempFolder folder;
 };
 
 // Ring, stream worker and a sink that drops 2 % in each framing: the sink's
@@ -79,12 +62,14 @@ TEST_P(SinkStream, LossIsAskedForAgainAndTheFileStaysExact) {
     StreamSinkConfig config;
     config.pcm = FormatID(0xE06u, 0x003Eu);
     config.latency = 200;  // 20 ms
-    config.play.wavPath = wav.path;
+    config.play.wavPath = folder.file("stream.wav");
     config.play.dropShare = 0.02;
-    config.statsPath = json.path;
+    config.statsPath = folder.file("stream.json");
     StreamSink sink(config);
     ASSERT_TRUE(sink.start());
     PatternBuffer host;
+    ASSERT_TRUE(host.open(0, TimeValue::fromMs(50), 0, "sink test", 1, -1, -1, 0));
+    planTestStream(host);
     host.targetAddress = sink.address();
     host.debugAddress = sink.address();
     host.msMode = GetParam();
@@ -99,9 +84,7 @@ TEST_P(SinkStream, LossIsAskedForAgainAndTheFileStaysExact) {
     host.disconnect();
     EXPECT_EQ(host.connectState, Sync::idle);
     sink.stop();
-    std::ifstream file(wav.path, std::ios::binary);
-    std::vector<std::uint8_t> stream((std::istreambuf_iterator<char>(file)),
-                                     std::istreambuf_iterator<char>());
+    const auto stream = folder.read<std::vector<std::uint8_t>>("stream.wav");
     ASSERT_GE(stream.size(), 44u);
     std::size_t lead = 44;  // the WAV header
     while (lead < stream.size() && stream[lead] == 0) ++lead;
@@ -119,7 +102,7 @@ TEST_P(SinkStream, LossIsAskedForAgainAndTheFileStaysExact) {
     EXPECT_GT(stats.feedbacks, 0u);
     EXPECT_GT(stats.dropped, 0u);
     EXPECT_EQ(stats.resends > 0, stats.dropped > 0) << "asked again exactly when something was lost";
-    EXPECT_TRUE(std::ifstream(json.path).good()) << "statistics at the stream's end";
+    EXPECT_FALSE(folder.read("stream.json").empty()) << "statistics at the stream's end";
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, SinkStream, ::testing::Values(msModeNone, msMode1, msMode2));

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <initializer_list>
 #include <mutex>
@@ -117,28 +116,17 @@ class ScriptedSink {
     FindPeer peer{[this](FindPeer& self, const Receive& frame) { message(self, frame); }};
 };
 
-// A source of `sourceBytes` of the pattern, in chunks that don't line up with packets.
-class PatternSync : public Sync {
+// The pattern's source, counting the worker's cycles.
+class WorkerSync : public PatternSync {
   public:
-    std::uint64_t sourceBytes = 0;  // then getBuffer fails
-    std::atomic<std::uint64_t> given{0};
     std::atomic<std::uint32_t> cycles{0};
-    PatternSync() {
+    WorkerSync() {
         EXPECT_TRUE(open(0, TimeValue::fromMs(100), 0, "worker test", 1, -1, -1, 0));
         planTestStream(*this);
     }
-    ~PatternSync() override {
+    ~WorkerSync() override {  // before the object stops being a WorkerSync
         connectState = idle;
         joinWorker();
-    }
-    bool getBuffer(StreamChunk& out) override {
-        if (given >= sourceBytes) return false;
-        std::uint64_t at = given;
-        std::uint32_t size = std::uint32_t(std::min<std::uint64_t>(chunk.size(), sourceBytes - at));
-        for (std::uint32_t i = 0; i < size; ++i) chunk[i] = patternByte(at + i);
-        given = at + size;
-        out = {chunk.data(), size};
-        return true;
     }
     // The worker's own allocations at cycles 40 and 340.
     std::size_t allocationsAt[2] = {};
@@ -155,15 +143,12 @@ class PatternSync : public Sync {
     bool waitForCycles(std::uint32_t count) {
         return eventually([&] { return cycles >= count; });
     }
-
-  private:
-    std::array<std::uint8_t, 1000> chunk{};
 };
 
 class SyncWorkerStream : public TimedStreamTest<> {
   protected:
     SinkScript script;
-    PatternSync sync;
+    WorkerSync sync;
     void connectTo(ScriptedSink& sink, std::uint64_t bytes = ~0ull) {
         sync.sourceBytes = bytes;
         sync.targetAddress = sink.peer.address;

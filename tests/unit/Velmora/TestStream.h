@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "Stream/Sync.h"
+#include "PatternSources.h"
 #include "System/Threads.h"
 #include "TestFormats.h"
 #include "WorkerPriority.h"
@@ -22,11 +22,6 @@ inline void planTestStream(VELMORA::Sync& sync) {
     profile.dataSize = 24 * 8;
     profile.mode = VELMORA::transferFix;
     sync.profileCount = 1;
-}
-
-// Byte n of a test source; never the silence byte.
-inline std::uint8_t patternByte(std::uint64_t n) {
-    return std::uint8_t(1 + n % 251);
 }
 
 // Polls for up to 10 s, as a busy machine may need.

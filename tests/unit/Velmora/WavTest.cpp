@@ -2,24 +2,21 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <vector>
 
-#include "ScratchFile.h"
+#include "TempFolder.h"
 
 namespace {
 
 TEST(Wav, AnOddDataChunkIsPaddedAndItsSizeKept) {
-    ScratchFile file("velmora-odd", ".wav");
+    TempFolder folder;
     VELMORA::WavWriter wav;
-    ASSERT_TRUE(wav.open(file.path, 8000, 1, 8));
+    ASSERT_TRUE(wav.open(folder.file("odd.wav"), 8000, 1, 8));
     const std::uint8_t bytes[3] = {1, 2, 3};
     ASSERT_TRUE(wav.write(bytes, 3));
     ASSERT_TRUE(wav.close());
     EXPECT_FALSE(wav.write(bytes, 3)) << "closed";
-    std::ifstream in(file.path, std::ios::binary);
-    std::vector<std::uint8_t> written((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const auto written = folder.read<std::vector<std::uint8_t>>("odd.wav");
     ASSERT_EQ(written.size(), 48u);
     EXPECT_EQ(written[4], 40);  // the RIFF size counts the pad byte
     EXPECT_EQ(written[40], 3);  // the data size doesn't

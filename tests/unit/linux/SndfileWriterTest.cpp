@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "Platform/linux/SndfileWriter.h"
-#include "ScratchFile.h"
+#include "TempFolder.h"
 
 namespace {
 
@@ -31,9 +31,10 @@ TEST(SndfileWriter, FilesSayWhatTheyHoldAndHoldItExactly) {
         {"16-bit FLAC", ".flac", 0x202, SF_FORMAT_FLAC, SF_FORMAT_PCM_16},
         {"24-bit FLAC", ".flac", 0x402, SF_FORMAT_FLAC, SF_FORMAT_PCM_24},
     };
+    TempFolder folder;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        ScratchFile file("velmora-sndfile", c.suffix);
+        const std::string file = folder.file(std::string("out") + c.suffix);
         FormatID format(c.low, 0xCu);  // 48 kHz
         unsigned step = format.bytesPerSample();
         std::vector<std::uint8_t> bytes(480 * 2 * step);
@@ -46,12 +47,12 @@ TEST(SndfileWriter, FilesSayWhatTheyHoldAndHoldItExactly) {
         }
         SndfileWriter writer;
         std::string error;
-        ASSERT_TRUE(writer.open(file.path, format, error)) << error;
+        ASSERT_TRUE(writer.open(file, format, error)) << error;
         ASSERT_TRUE(writer.write(bytes.data(), bytes.size() / 2) &&
                     writer.write(bytes.data() + bytes.size() / 2, bytes.size() / 2) && writer.close());
 
         SF_INFO info{};
-        SNDFILE* in = sf_open(file.path.c_str(), SFM_READ, &info);
+        SNDFILE* in = sf_open(file.c_str(), SFM_READ, &info);
         ASSERT_NE(in, nullptr);
         // Type, sample form, channels, rate and frames.
         ASSERT_EQ(std::tuple(info.format & SF_FORMAT_TYPEMASK, info.format & SF_FORMAT_SUBMASK, info.channels,
@@ -78,11 +79,11 @@ TEST(SndfileWriter, FilesSayWhatTheyHoldAndHoldItExactly) {
 }
 
 TEST(SndfileWriter, FlacRefusesWhatItCantHold) {
-    ScratchFile file("velmora-sndfile", ".flac");
+    TempFolder folder;
     for (std::uint32_t low : {0x802u, 0x2002u}) {
         SndfileWriter writer;
         std::string error;
-        EXPECT_FALSE(writer.open(file.path, FormatID(low, 0xCu), error));
+        EXPECT_FALSE(writer.open(folder.file("out.flac"), FormatID(low, 0xCu), error));
         EXPECT_NE(error.find("FLAC holds 16 or 24 bits"), std::string::npos) << error;
     }
 }

@@ -229,7 +229,9 @@ int socketWaitAnyReadable(const SocketHandle* handles, std::size_t count, std::u
         return 0;
     }
     if (!pollNearDeadlines) return selectReadable(handles, count, timeoutMicroseconds, ready);
-    const std::uint64_t deadline = microsecondsNow() + timeoutMicroseconds;
+    // One microsecond on: the clock reads whole microseconds, and the wait
+    // may end with its timeout passed, never before.
+    const std::uint64_t deadline = microsecondsNow() + timeoutMicroseconds + 1;
     if (timeoutMicroseconds >= selectMarginUs + 1000) {
         int result = selectReadable(handles, count, timeoutMicroseconds - selectMarginUs, ready);
         if (result != 1) return result;

@@ -18,6 +18,7 @@
 #include "../LoopbackTarget.h"
 #include "Protocol/MessageTypes.h"
 #include "System/Threads.h"
+#include "TestFormats.h"
 #include "asio_velmora.h"
 
 #ifdef __linux__
@@ -29,12 +30,6 @@ namespace {
 using VELMORA::FormatID;
 using VELMORA::StreamSinkConfig;
 using namespace std::chrono_literals;
-
-std::uint8_t bitReversed(std::uint8_t byte) {
-    std::uint8_t out = 0;
-    for (int bit = 0; bit < 8; ++bit) out |= std::uint8_t(((byte >> bit) & 1) << (7 - bit));
-    return out;
-}
 
 // Byte b of sample k of channel c in the host's n-th buffer: never a silence byte, and unlike its neighbours.
 std::uint8_t patternByte(std::uint64_t n, std::uint32_t c, std::uint32_t k, std::uint32_t b) {
@@ -85,7 +80,7 @@ class Host {
                 for (std::uint32_t c = 0; c < channels; ++c)
                     for (std::uint32_t b = wire == OnWire::highThree ? 1 : 0; b < sampleBytes; ++b) {
                         std::uint8_t byte = patternByte(n, c, k, b);
-                        out.push_back(wire == OnWire::bitsReversed ? bitReversed(byte) : byte);
+                        out.push_back(wire == OnWire::bitsReversed ? reversedBits(byte) : byte);
                     }
         return out;
     }
