@@ -23,11 +23,11 @@ class TempFolder {
     TempFolder(const TempFolder&) = delete;
     TempFolder& operator=(const TempFolder&) = delete;
 
-    // A name in the folder as UTF-8 text, as the product takes paths (a
-    // narrow path isn't UTF-8 on Windows).
+    // The path of `name` in the folder. Both are UTF-8 text, as the product
+    // takes paths (a path's narrow form isn't UTF-8 on Windows).
     std::string file(const std::string& name) const {
-        std::u8string text = path.u8string();
-        return std::string(text.begin(), text.end()) + "/" + name;
+        const std::u8string text = (path / std::u8string(name.begin(), name.end())).u8string();
+        return {text.begin(), text.end()};
     }
 
     // Writes `text` to `name` (folders made as needed); returns its path.
