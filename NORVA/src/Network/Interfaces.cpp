@@ -7,22 +7,40 @@
 
 namespace NORVA {
 
-bool enumerateV6(InterfaceMap& map) {
+namespace {
+
+IPAddress keyOf(const Platform::AdapterAddress& record) {
+    IPAddress key;
+    key.setBytes(record.address);
+    key.setScope(record.interfaceIndex & 0xFFFF);
+    return key;
+}
+
+bool enumerate(bool ipv6, InterfaceMap& map) {
     map.clear();
     std::vector<Platform::AdapterAddress> records;
-    if (!Platform::listAdapterAddresses(records)) return false;
+    if (!Platform::listAdapterAddresses(ipv6, records)) return false;
     for (const Platform::AdapterAddress& record : records) {
-        IPAddress key;
-        key.setBytes(record.address);
-        key.setScope(record.interfaceIndex & 0xFFFF);
-        InterfaceInfo& info = map[key];
+        InterfaceInfo& info = map[keyOf(record)];
         info.friendlyName = record.friendlyName;
         info.description = record.description;
-        info.adapterName = record.adapterName;
-        info.mtu = record.mtu;
-        std::memcpy(info.mac, record.mac, 6);
+        if (ipv6) {
+            info.adapterName = record.adapterName;
+            info.mtu = record.mtu;
+            std::memcpy(info.mac, record.mac, 6);
+        }
     }
     return true;
+}
+
+}  // namespace
+
+bool enumerateV6(InterfaceMap& map) {
+    return enumerate(true, map);
+}
+
+bool enumerateV4(InterfaceMap& map) {
+    return enumerate(false, map);
 }
 
 bool getMyLocalAddresV6(InterfaceMap& map, bool includeLoopback) {

@@ -24,6 +24,8 @@ using InterfaceMap = std::map<IPAddress, InterfaceInfo>;
 // Every IPv6 address of every adapter. False (and an empty map) if the
 // system's list can't be read.
 bool enumerateV6(InterfaceMap& map);
+// The IPv4 addresses in mapped form; only the two names are filled.
+bool enumerateV4(InterfaceMap& map);
 // The link-local (fe80) addresses, and ::1 if `includeLoopback`. An empty
 // result is still a success.
 bool getMyLocalAddresV6(InterfaceMap& map, bool includeLoopback);

@@ -41,16 +41,33 @@ bool Socket::open(Kind newKind) {
     kind = newKind;
     if (kind == raw) return true;
 
-    handle = Platform::socketCreate();
+    bool v6 = kind == tcp6 || kind == udp6 || kind == tcp6dual || kind == udp6dual;
+    handle =
+        Platform::socketCreate(v6 ? Platform::SocketFamily::v6 : Platform::SocketFamily::v4,
+                               isStream() ? Platform::SocketType::stream : Platform::SocketType::datagram);
     if (handle == Platform::noSocket) {
         lastError = Platform::lastSocketError();
         return false;
     }
 
-    // A system may refuse one of these; that is harmless.
+    if (kind == udp4) {
+        if (!Platform::socketSetOption(handle, Platform::SocketOption::broadcast, 1)) {
+            close();
+            return false;
+        }
+        Platform::socketSetNonBlocking(handle, false);
+    }
+
+    // Each of these fits only some kinds; a refusal is expected and harmless.
+    Platform::socketSetOption(handle, Platform::SocketOption::noDelay, 1);
+    Platform::socketSetOption(handle, Platform::SocketOption::reuseAddress, 1);
     Platform::socketSetOption(handle, Platform::SocketOption::dontFragment, 1);
     Platform::socketSetOption(handle, Platform::SocketOption::pathMtuDiscovery, 1);
-    Platform::socketSetOption(handle, Platform::SocketOption::v6Only, 1);
+
+    if (v6) {
+        Platform::socketSetOption(handle, Platform::SocketOption::v6Only,
+                                  kind == tcp6 || kind == udp6 ? 1 : 0);
+    }
 
     blocking = true;
     return true;
@@ -59,7 +76,7 @@ bool Socket::open(Kind newKind) {
 void Socket::close() {
     if (handle == Platform::noSocket) return;
     // The raw kind has no platform socket behind its handle.
-    if (kind != raw) Platform::socketClose(handle);
+    if (kind != raw) Platform::socketClose(handle, isStream());
     handle = Platform::noSocket;
 }
 
@@ -82,12 +99,13 @@ bool Socket::bind(IPAddress& address) {
         boundScope = address.scope();
     }
     record.scope = boundScope;
-    // A named port is shared with the other programs that listen on it. A
-    // port of the system's choice is not: with the option, a system may hand
-    // out a port that another such socket holds, and its datagrams go astray.
-    if (!address.noPort()) Platform::socketSetOption(handle, Platform::SocketOption::reuseAddress, 1);
+    // A port of the system's choice is the socket's own. Sharing addresses,
+    // a system may pick one that another such socket holds (Linux does, and
+    // Wine over it), and one of the two then loses its datagrams.
+    if (address.noPort()) Platform::socketSetOption(handle, Platform::SocketOption::reuseAddress, 0);
 
-    if (!Platform::socketBind6(handle, record)) {
+    bool bound = isV4() ? Platform::socketBind4(handle, record) : Platform::socketBind6(handle, record);
+    if (!bound) {
         lastError = Platform::lastSocketError();
         return false;
     }
@@ -97,6 +115,8 @@ bool Socket::bind(IPAddress& address) {
         if (!Platform::socketLocalAddress6(handle, assigned)) return false;
         address.portNetworkOrder = assigned.portNetworkOrder;
     }
+
+    if (isStream() && !Platform::socketListen(handle, 1000)) return false;
 
     // Sending out of the bound interface is wanted but not required.
     if (boundScope != 0) setOutgoingInterface(boundScope);
@@ -122,6 +142,90 @@ bool Socket::sendTo(const IPAddress& peer, bool retry, const void* data, std::si
 bool Socket::sendRecord(const void* data, std::size_t length, bool retry,
                         const Platform::SocketAddress6& record) {
     return sendRetrying(length, retry, [&] { return Platform::socketSendTo6(handle, data, length, record); });
+}
+
+bool Socket::sendTo4(const IPAddress& peer, bool retry, const void* data, std::size_t length) {
+    Platform::SocketAddress6 record = socketAddressOf(peer);
+    auto send = [&] { return Platform::socketSendTo4(handle, data, length, record); };
+    if (record.bytes[12] != 239) return sendRetrying(length, retry, send);
+    // A group of this site's own scope: out of every interface, each named by
+    // one of its addresses.
+    InterfaceMap locals;
+    if (!enumerateV4(locals)) return false;
+    for (const auto& [local, info] : locals) {
+        std::uint8_t bytes[16];
+        local.copyBytes(bytes);
+        if (!Platform::socketSetMulticastInterface4(handle, bytes + 12)) {
+            lastError = Platform::lastSocketError();
+            return false;
+        }
+        if (!sendRetrying(length, retry, send)) return false;
+    }
+    return true;
+}
+
+bool Socket::sendBytes(const void* data, std::size_t length) {
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    while (length != 0) {
+        std::int64_t sent = Platform::socketSend(handle, bytes, length);
+        if (sent <= 0) {
+            lastError = Platform::lastSocketError();
+            return false;
+        }
+        bytes += sent;
+        length -= static_cast<std::size_t>(sent);
+    }
+    return true;
+}
+
+bool Socket::connect(const IPAddress& address) {
+    Platform::SocketAddress6 record = socketAddressOf(address);
+    if (boundScope != 0) record.scope = boundScope;
+    Platform::SocketFamily family = isV4() ? Platform::SocketFamily::v4 : Platform::SocketFamily::v6;
+    if (Platform::socketConnect(handle, record, family)) return true;
+    lastError = Platform::lastSocketError();
+    return false;
+}
+
+bool Socket::accept(Socket& out, IPAddress& peer) {
+    Platform::SocketAddress6 from{};
+    Platform::SocketHandle accepted = Platform::socketAccept(handle, &from);
+    if (accepted == Platform::noSocket) {
+        lastError = Platform::lastSocketError();
+        return false;
+    }
+    out.close();
+    out.handle = accepted;
+    out.kind = kind;
+    // Systems differ in what an accepted socket inherits: it starts blocking.
+    out.setBlocking(true);
+    peer = addressOf(from);
+    return true;
+}
+
+int Socket::accept(Socket& out, IPAddress& peer, TimeValue timeout) {
+    int ready = waitReadable(timeout);
+    if (ready != 2) return ready;
+    return accept(out, peer) ? 2 : 0;
+}
+
+bool Socket::joinV4(const IPAddress& group, const IPAddress& interfaceAddress) {
+    std::uint8_t groupBytes[16];
+    std::uint8_t interfaceBytes[16];
+    group.copyBytes(groupBytes);
+    interfaceAddress.copyBytes(interfaceBytes);
+    if (Platform::socketJoinGroup4(handle, groupBytes + 12, interfaceBytes + 12)) return true;
+    lastError = Platform::lastSocketError();
+    return false;
+}
+
+bool Socket::joinV4All(const IPAddress& group) {
+    InterfaceMap locals;
+    if (!enumerateV4(locals)) return false;
+    for (const auto& [local, info] : locals) {
+        if (!joinV4(group, local)) return false;
+    }
+    return true;
 }
 
 template <typename Send>
@@ -159,6 +263,8 @@ bool Socket::receiveDatagram(void* data, std::size_t size, std::size_t& received
     Platform::SocketAddress6 from{};
     std::int64_t result = Platform::socketReceiveFrom6(handle, data, size, peer != nullptr ? &from : nullptr);
     if (result < 0) return isNothingReceived(Platform::lastSocketError());
+    // On a stream, 0 bytes means that the other end has closed.
+    if (result == 0 && isStream()) return false;
     received = static_cast<std::size_t>(result);
     if (peer != nullptr) *peer = addressOf(from);
     return true;

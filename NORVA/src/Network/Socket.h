@@ -27,12 +27,17 @@ namespace NORVA {
 class Socket {
   public:
     enum Kind : std::int32_t {
-        udp6,  // IPv6 datagram, IPv6 only
-        raw    // no socket: raw frames
+        tcp4 = 0,      // IPv4 stream
+        udp4 = 1,      // IPv4 datagram
+        tcp6 = 2,      // IPv6 stream, IPv6 only
+        udp6 = 3,      // IPv6 datagram, IPv6 only
+        tcp6dual = 4,  // IPv6 stream, IPv4 too
+        udp6dual = 5,  // IPv6 datagram, IPv4 too
+        raw = 6        // no socket: raw frames
     };
 
     Platform::SocketHandle handle = Platform::noSocket;
-    Kind kind = udp6;
+    Kind kind = tcp4;
     std::uint32_t receiveSize = 1500;  // what a receive buffer is made to
     bool blocking = true;              // the handle's mode, as far as we set it
     std::int32_t lastError = 0;        // of the last failed socket, bind, join or send
@@ -46,6 +51,9 @@ class Socket {
     Socket& operator=(const Socket&) = delete;
 
     bool isOpen() const { return handle != Platform::noSocket; }
+    bool isStream() const { return kind == tcp4 || kind == tcp6 || kind == tcp6dual; }
+    // The IPv4 kinds bind, connect and send to the mapped form ::ffff:a.b.c.d.
+    bool isV4() const { return kind == tcp4 || kind == udp4; }
 
     // Closes what is there, then makes a socket of the given kind with the
     // options this system always wants. A socket starts in blocking mode.
@@ -64,11 +72,29 @@ class Socket {
     bool setBlocking(bool flag);
     // Joins an IPv6 multicast group on the interface of the address's scope.
     bool joinV6(const IPAddress& group);
+    // Joins an IPv4 group on the interface with the address `interfaceAddress`;
+    // all zeros lets the system choose.
+    bool joinV4(const IPAddress& group, const IPAddress& interfaceAddress);
+    // Joins on every local IPv4 address; stops at the first failure.
+    bool joinV4All(const IPAddress& group);
+
+    // The scope is the bound one if there is one, else the address's.
+    bool connect(const IPAddress& address);
+    // The next connection of a listening socket, into `out` (blocking).
+    bool accept(Socket& out, IPAddress& peer);
+    // The same once one is there, waiting up to `timeout`: 0 error, 1 timed
+    // out, 2 accepted.
+    int accept(Socket& out, IPAddress& peer, TimeValue timeout);
+    // A stream send that must take all bytes.
+    bool sendBytes(const void* data, std::size_t length);
 
     // One IPv6 datagram. With `retry`, a full send path makes a non-blocking
     // socket blocking until the datagram is taken, instead of losing it.
     bool sendTo(const IPAddress& peer, bool retry, const void* data, std::size_t length);
     bool sendRecord(const void* data, std::size_t length, bool retry, const Platform::SocketAddress6& record);
+    // One IPv4 datagram, with `retry` as above. To a group 239.x.x.x it goes
+    // once out of each local IPv4 address.
+    bool sendTo4(const IPAddress& peer, bool retry, const void* data, std::size_t length);
 
     // One datagram into the caller's memory, cut to `size`. True with
     // `received` 0 when nothing was there; false on a failure of the socket.

@@ -86,7 +86,8 @@ bool writeWholeFile(const std::string& path, const std::string& bytes);
 
 // ---- Network interfaces -----------------------------------------------------
 
-// One unicast IPv6 address of one adapter (GetAdaptersAddresses / getifaddrs).
+// One unicast address of one adapter (GetAdaptersAddresses / getifaddrs).
+// For IPv4 the address is in the mapped form ::ffff:a.b.c.d.
 struct AdapterAddress {
     std::uint8_t address[16];
     std::uint32_t interfaceIndex;
@@ -96,8 +97,8 @@ struct AdapterAddress {
     std::uint32_t mtu;
     std::uint8_t mac[6];
 };
-// Adapters in the system's order, each with its IPv6 addresses.
-bool listAdapterAddresses(std::vector<AdapterAddress>& out);
+// Adapters in the system's order, each with its addresses of one family.
+bool listAdapterAddresses(bool ipv6, std::vector<AdapterAddress>& out);
 
 // ---- Sockets --------------------------------------------------------------
 
@@ -123,9 +124,10 @@ int startSocketLibrary();
 // The error of the last failed socket call of this thread.
 int lastSocketError();
 
-// An IPv6 datagram socket.
-SocketHandle socketCreate();
-void socketClose(SocketHandle handle);
+enum class SocketFamily { v4, v6 };
+enum class SocketType { stream, datagram };
+SocketHandle socketCreate(SocketFamily family, SocketType type);
+void socketClose(SocketHandle handle, bool shutdownFirst);
 // Ends, for good, any wait or receive on the socket in another thread, and
 // makes later ones return at once; the handle stays valid until closed, so
 // that the other thread never meets a handle that was reused meanwhile.
@@ -134,6 +136,8 @@ void socketInterrupt(SocketHandle handle);
 bool socketSetNonBlocking(SocketHandle handle, bool nonBlocking);
 
 enum class SocketOption {
+    broadcast,           // SO_BROADCAST
+    noDelay,             // TCP_NODELAY
     reuseAddress,        // SO_REUSEADDR
     dontFragment,        // IPv4: no fragmentation by this host
     pathMtuDiscovery,    // IPv4: MTU discovery on the path
@@ -157,10 +161,26 @@ struct SocketAddress6 {
 };
 
 bool socketBind6(SocketHandle handle, const SocketAddress6& address);
+bool socketListen(SocketHandle handle, int backlog);
 bool socketLocalAddress6(SocketHandle handle, SocketAddress6& address);
 bool socketJoinGroup6(SocketHandle handle, const std::uint8_t group[16], std::uint32_t scope);
 
+// IPv4 sockets take their addresses in the mapped form ::ffff:a.b.c.d.
+bool socketBind4(SocketHandle handle, const SocketAddress6& address);
+bool socketConnect(SocketHandle handle, const SocketAddress6& address, SocketFamily family);
+// The accepted connection, or noSocket; `peer` may be null.
+SocketHandle socketAccept(SocketHandle handle, SocketAddress6* peer);
+// Joins the IPv4 group `group` on the interface with the address
+// `interfaceAddress` (all zeros: the system's choice); both 4 bytes.
+bool socketJoinGroup4(SocketHandle handle, const std::uint8_t group[4],
+                      const std::uint8_t interfaceAddress[4]);
+// IPv4 multicast leaves out of the interface with this address.
+bool socketSetMulticastInterface4(SocketHandle handle, const std::uint8_t interfaceAddress[4]);
+
 // Bytes sent, or -1 on failure (see lastSocketError).
+std::int64_t socketSend(SocketHandle handle, const void* data, std::size_t length);
+std::int64_t socketSendTo4(SocketHandle handle, const void* data, std::size_t length,
+                           const SocketAddress6& peer);
 std::int64_t socketSendTo6(SocketHandle handle, const void* data, std::size_t length,
                            const SocketAddress6& peer);
 // Bytes received (0 for an empty datagram), or -1 on failure. peer may be null.

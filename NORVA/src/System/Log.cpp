@@ -1,16 +1,19 @@
 #include "System/Log.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <new>
 
 #include "Platform/Platform.h"
+#include "System/Threads.h"
 
 namespace NORVA {
 
 std::atomic<std::int32_t> logThreshold{-1};
 std::atomic<Syslog*> Syslog::current{nullptr};
+std::atomic<SyslogRing*> SyslogRing::current{nullptr};
 
 namespace {
 
@@ -24,6 +27,24 @@ constexpr char monthNames[12][4] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
 void putTwoDigits(char* at, int value) {
     at[0] = static_cast<char>('0' + (value / 10) % 10);
     at[1] = static_cast<char>('0' + value % 10);
+}
+
+// The caller's text of a finished line: behind "<" up to three digits ">"
+// and the 26 characters of date and host. Anything else is taken whole.
+const char* callerText(const char* line) {
+    if (line[0] != '<') return line;
+    std::size_t close = 1;
+    while (close < 4 && line[close] >= '0' && line[close] <= '9') ++close;
+    if (close == 1 || line[close] != '>') return line;
+    constexpr std::size_t dateAndHost = LogLine::headerLength - 5;
+    const char* behind = line + close + 1;
+    return behind + strnlen(behind, dateAndHost);
+}
+
+void printLine(const char* text) {
+    std::fputs(text, stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
 }
 
 }  // namespace
@@ -116,12 +137,17 @@ void LogLine::appendHex(std::uint64_t value) {
 Syslog::~Syslog() {
     Syslog* self = this;
     current.compare_exchange_strong(self, nullptr, std::memory_order_acq_rel);
+    if (sink == &Syslog::toRing) delete SyslogRing::install(nullptr);
 }
 
 bool Syslog::configure(std::int32_t newFacility, Sink newSink, std::uint16_t port) {
     facility = newFacility;
     sink = newSink;
-    if (sink == nullptr && port != 0) return open(port);
+    if (sink == &Syslog::toRing) {
+        // The old ring's thread is stopped and joined by its destructor.
+        delete SyslogRing::install(new SyslogRing());
+    }
+    if ((sink == &Syslog::toRing || sink == nullptr) && port != 0) return open(port);
     return true;
 }
 
@@ -184,19 +210,100 @@ void Syslog::write(std::uint8_t pri, char* text, std::uint32_t length) {
     if (sink != nullptr) sink(text + start);
 }
 
+void Syslog::toRing(const char* line) {
+    if (SyslogRing* ring = SyslogRing::installed()) ring->push(line);
+}
+
 bool setLogLevel(std::int32_t level) {
     logThreshold.store(level, std::memory_order_relaxed);
     Syslog* log = Syslog::installed();
     return log != nullptr && log->open(Syslog::defaultPort);
 }
 
-// ---- Err -------------------------------------------------------------------
+// ---- SyslogRing --------------------------------------------------------------
+
+SyslogRing::SyslogRing(bool startDrain) {
+    if (startDrain) thread = std::thread(&SyslogRing::drain, this);
+}
+
+SyslogRing::~SyslogRing() {
+    stop.exchange(1);
+    {
+        // Taken so that the thread can't miss the wake-up between its test
+        // of `stop` and its wait.
+        std::lock_guard<std::mutex> guard(lock);
+    }
+    wake.notify_all();
+    if (thread.joinable()) thread.join();
+}
+
+void SyslogRing::push(const char* line) {
+    const char* text = callerText(line);
+    if (text[0] == '\0') return;
+
+    std::unique_lock<std::mutex> guard(lock);
+    if (isFull()) {
+        guard.unlock();
+        bool room = false;
+        for (int attempt = 0; attempt < 10 && stop.load() == 0; ++attempt) {
+            wake.notify_one();
+            if (attempt == 0) {
+                printLine("wait debug out");
+            } else {
+                sleepMilliseconds(1);
+            }
+            guard.lock();
+            if (!isFull()) {
+                room = true;
+                break;
+            }
+            guard.unlock();
+        }
+        if (!room) {
+            printLine("timeout debug out");
+            return;
+        }
+    }
+
+    // Longer texts are cut to what one slot holds.
+    std::uint32_t index = writeIndex.load();
+    std::size_t length = strnlen(text, slotSize - 1);
+    std::memcpy(slots[index], text, length);
+    slots[index][length] = '\0';
+    writeIndex.store((index + 1) % slotCount);
+}
+
+void SyslogRing::drain() {
+    // A console is the least urgent thing in the process; refusal is harmless.
+    setCurrentThreadLevel(levelIdle);
+
+    while (stop.load() == 0) {
+        std::uint32_t next = (readIndex.load() + 1) % slotCount;
+        if (next == writeIndex.load()) {
+            std::unique_lock<std::mutex> guard(lock);
+            waitFor(wake, guard, std::chrono::milliseconds(100),
+                    [&] { return next != writeIndex.load() || stop.load() != 0; });
+            continue;
+        }
+        if (stop.load() != 0) break;
+        // The writer can't reach this slot until readIndex has passed it.
+        printLine(slots[next]);
+        readIndex.store(next);
+    }
+}
+
+// ---- Err and dump --------------------------------------------------------------
 
 Err::Err(const char* file, std::int32_t line, std::uint32_t data)
     : file(file), line(line), code(0), data(data) {
     std::printf("\nNORVA ASSERT[%s]Line:%d[code:%d Data:%u]\n", file != nullptr ? file : "", line, code,
                 data);
     std::fflush(stdout);
+}
+
+bool dump(const std::string& fileName, const void* data, std::size_t size) {
+    std::string bytes(static_cast<const char*>(data), size);
+    return Platform::writeWholeFile(fileName.empty() ? "dump" : fileName, bytes);
 }
 
 }  // namespace NORVA

@@ -13,10 +13,13 @@
 
 #include <atomic>
 #include <concepts>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "Network/IPAddress.h"
 #include "Network/Socket.h"
@@ -170,7 +173,7 @@ class Syslog {
     IPAddress destination;
 
     Syslog() = default;
-    // Uninstalls itself if installed.
+    // Uninstalls itself if installed, and ends the ring if it feeds it.
     ~Syslog();
     Syslog(const Syslog&) = delete;
     Syslog& operator=(const Syslog&) = delete;
@@ -181,8 +184,8 @@ class Syslog {
     // Installs `log` (null to remove); returns the one installed before.
     static Syslog* install(Syslog* log) { return current.exchange(log, std::memory_order_acq_rel); }
 
-    // Stores facility and sink. Without a sink and with a port, opens the
-    // socket.
+    // Stores facility and sink; `toRing` starts a new console ring and ends
+    // an old one. Without another sink and with a port, opens the socket.
     bool configure(std::int32_t newFacility, Sink newSink, std::uint16_t port);
     // Makes and binds the log socket, once; later calls change nothing.
     bool open(std::uint16_t port);
@@ -190,12 +193,53 @@ class Syslog {
     // characters, NUL-terminated) in place and sends it.
     void write(std::uint8_t pri, char* text, std::uint32_t length);
 
+    // The sink that feeds the console ring.
+    static void toRing(const char* line);
+
     std::int32_t getFacility() const { return facility; }
     void setFacility(std::int32_t value) { facility = value; }
     Sink getSink() const { return sink; }
 
   private:
     static std::atomic<Syslog*> current;
+};
+
+// A console destination behind a ring of 120 slots and an idle-priority
+// thread that prints them. Holds at most 119 lines; a writer that finds it
+// full waits about 9 ms and then drops its line.
+class SyslogRing {
+  public:
+    static constexpr std::uint32_t slotCount = 120;
+    static constexpr std::uint32_t slotSize = 1500;
+
+    // Without `startDrain` nothing empties the ring (for inspection).
+    explicit SyslogRing(bool startDrain = true);
+    // Stops and joins the drain thread. Lines still in the ring are lost.
+    ~SyslogRing();
+    SyslogRing(const SyslogRing&) = delete;
+    SyslogRing& operator=(const SyslogRing&) = delete;
+
+    static SyslogRing* installed() { return current.load(std::memory_order_acquire); }
+    static SyslogRing* install(SyslogRing* ring) { return current.exchange(ring, std::memory_order_acq_rel); }
+
+    // Stores the caller's text of a finished line, cut to fit one slot.
+    void push(const char* line);
+
+    bool isEmpty() const { return (readIndex.load() + 1) % slotCount == writeIndex.load(); }
+    bool isFull() const { return readIndex.load() == writeIndex.load(); }
+
+    std::thread thread;
+    std::atomic<std::uint8_t> stop{0};
+    char slots[slotCount][slotSize];
+    std::atomic<std::uint32_t> writeIndex{0};             // slot the next line goes into
+    std::atomic<std::uint32_t> readIndex{slotCount - 1};  // slot last drained
+    std::mutex lock;
+    std::condition_variable wake;
+
+  private:
+    void drain();
+
+    static std::atomic<SyslogRing*> current;
 };
 
 // The one exception type: for conditions that can't be continued from. It
@@ -209,5 +253,8 @@ class Err {
 
     Err(const char* file, std::int32_t line, std::uint32_t data);
 };
+
+// Debugging aid: writes the bytes to a file ("dump" if the name is empty).
+bool dump(const std::string& fileName, const void* data, std::size_t size);
 
 }  // namespace NORVA

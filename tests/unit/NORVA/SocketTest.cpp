@@ -69,8 +69,8 @@ TEST(Socket, OpenSetBlockingCloseAndFailures) {
     EXPECT_TRUE(socket.kind == Socket::udp6 && !socket.blocking);
     EXPECT_TRUE(socket.setBlocking(true) && socket.blocking);
     // Opening again starts over in blocking mode.
-    ASSERT_TRUE(socket.open(Socket::udp6));
-    EXPECT_TRUE(socket.kind == Socket::udp6 && socket.blocking);
+    ASSERT_TRUE(socket.open(Socket::udp6dual));
+    EXPECT_TRUE(socket.kind == Socket::udp6dual && socket.blocking);
     socket.close();
     socket.close();
     EXPECT_TRUE(socket.open(Socket::raw) && !socket.isOpen()) << "the raw kind makes no socket";

@@ -6,6 +6,7 @@
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -43,7 +44,7 @@ std::map<std::string, std::array<std::uint8_t, 6>> hardwareAddresses(const ifadd
 
 }  // namespace
 
-bool listAdapterAddresses(std::vector<AdapterAddress>& out) {
+bool listAdapterAddresses(bool ipv6, std::vector<AdapterAddress>& out) {
     out.clear();
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) return false;
@@ -52,7 +53,7 @@ bool listAdapterAddresses(std::vector<AdapterAddress>& out) {
     int probe = socket(AF_INET, SOCK_DGRAM, 0);
     for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
         AdapterAddress record{};
-        if (entry->ifa_addr == nullptr || !addressBytes(entry->ifa_addr, record.address)) continue;
+        if (entry->ifa_addr == nullptr || !addressBytes(entry->ifa_addr, ipv6, record.address)) continue;
         record.interfaceIndex = if_nametoindex(entry->ifa_name);
         record.friendlyName = record.description = record.adapterName = entry->ifa_name;
         record.mtu = interfaceMtu(probe, entry->ifa_name);

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -105,8 +106,14 @@ bool setInt(SocketHandle handle, int level, int name, int value) {
 // set on every datagram, so that this host never fragments. An IPv6 socket
 // has it twice, for its IPv6 traffic and for IPv4 in mapped form.
 bool setNoFragmentation(SocketHandle handle, bool on, int offValue) {
+    int family = 0;
+    socklen_t size = sizeof(family);
+    getsockopt(fd(handle), SOL_SOCKET, SO_DOMAIN, &family, &size);
     bool done = setInt(handle, IPPROTO_IP, IP_MTU_DISCOVER, on ? IP_PMTUDISC_DO : offValue);
-    return setInt(handle, IPPROTO_IPV6, IPV6_MTU_DISCOVER, on ? IPV6_PMTUDISC_DO : offValue) || done;
+    if (family == AF_INET6) {
+        done = setInt(handle, IPPROTO_IPV6, IPV6_MTU_DISCOVER, on ? IPV6_PMTUDISC_DO : offValue) || done;
+    }
+    return done;
 }
 
 }  // namespace
@@ -120,8 +127,11 @@ int lastSocketError() {
     return lastError;
 }
 
-SocketHandle socketCreate() {
-    int result = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+SocketHandle socketCreate(SocketFamily family, SocketType type) {
+    int domain = family == SocketFamily::v6 ? AF_INET6 : AF_INET;
+    int kind = type == SocketType::stream ? SOCK_STREAM : SOCK_DGRAM;
+    int protocol = type == SocketType::stream ? IPPROTO_TCP : IPPROTO_UDP;
+    int result = socket(domain, kind | SOCK_CLOEXEC, protocol);
     if (result < 0) {
         failed();
         return noSocket;
@@ -129,7 +139,8 @@ SocketHandle socketCreate() {
     return result;
 }
 
-void socketClose(SocketHandle handle) {
+void socketClose(SocketHandle handle, bool shutdownFirst) {
+    if (shutdownFirst) shutdown(fd(handle), SHUT_RDWR);
     close(fd(handle));
 }
 
@@ -173,6 +184,56 @@ bool socketBind6(SocketHandle handle, const SocketAddress6& address) {
     return true;
 }
 
+bool socketBind4(SocketHandle handle, const SocketAddress6& address) {
+    sockaddr_in native = toNative4(address);
+    if (bind(fd(handle), reinterpret_cast<const sockaddr*>(&native), sizeof(native)) != 0) return failed();
+    return true;
+}
+
+bool socketConnect(SocketHandle handle, const SocketAddress6& address, SocketFamily family) {
+    sockaddr_in6 v6 = toNative(address);
+    sockaddr_in v4 = toNative4(address);
+    int result = family == SocketFamily::v4
+                     ? connect(fd(handle), reinterpret_cast<const sockaddr*>(&v4), sizeof(v4))
+                     : connect(fd(handle), reinterpret_cast<const sockaddr*>(&v6), sizeof(v6));
+    if (result != 0) return failed();
+    return true;
+}
+
+SocketHandle socketAccept(SocketHandle handle, SocketAddress6* peer) {
+    sockaddr_storage native{};
+    socklen_t size = sizeof(native);
+    int result = accept4(fd(handle), reinterpret_cast<sockaddr*>(&native), &size, SOCK_CLOEXEC);
+    if (result < 0) {
+        failed();
+        return noSocket;
+    }
+    if (peer != nullptr) fromNative(native, *peer);
+    return result;
+}
+
+bool socketJoinGroup4(SocketHandle handle, const std::uint8_t group[4],
+                      const std::uint8_t interfaceAddress[4]) {
+    ip_mreq request{};
+    std::memcpy(&request.imr_multiaddr, group, 4);
+    std::memcpy(&request.imr_interface, interfaceAddress, 4);
+    if (setsockopt(fd(handle), IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof(request)) != 0)
+        return failed();
+    return true;
+}
+
+bool socketSetMulticastInterface4(SocketHandle handle, const std::uint8_t interfaceAddress[4]) {
+    in_addr address{};
+    std::memcpy(&address, interfaceAddress, 4);
+    if (setsockopt(fd(handle), IPPROTO_IP, IP_MULTICAST_IF, &address, sizeof(address)) != 0) return failed();
+    return true;
+}
+
+bool socketListen(SocketHandle handle, int backlog) {
+    if (listen(fd(handle), backlog) != 0) return failed();
+    return true;
+}
+
 bool socketLocalAddress6(SocketHandle handle, SocketAddress6& address) {
     sockaddr_storage native{};
     socklen_t size = sizeof(native);
@@ -203,6 +264,16 @@ std::int64_t sendToRecord(SocketHandle handle, const void* data, std::size_t len
 }
 
 }  // namespace
+
+std::int64_t socketSend(SocketHandle handle, const void* data, std::size_t length) {
+    return sendToRecord(handle, data, length, nullptr, 0);
+}
+
+std::int64_t socketSendTo4(SocketHandle handle, const void* data, std::size_t length,
+                           const SocketAddress6& peer) {
+    sockaddr_in native = toNative4(peer);
+    return sendToRecord(handle, data, length, reinterpret_cast<const sockaddr*>(&native), sizeof(native));
+}
 
 std::int64_t socketSendTo6(SocketHandle handle, const void* data, std::size_t length,
                            const SocketAddress6& peer) {

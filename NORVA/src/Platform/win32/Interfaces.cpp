@@ -26,7 +26,7 @@ std::string toUtf8(const wchar_t* text) {
 
 }  // namespace
 
-bool listAdapterAddresses(std::vector<AdapterAddress>& out) {
+bool listAdapterAddresses(bool ipv6, std::vector<AdapterAddress>& out) {
     out.clear();
     // Both families are asked for and filtered here: Wine answers a request
     // for AF_INET6 alone with a bogus error, while AF_UNSPEC works everywhere.
@@ -42,10 +42,11 @@ bool listAdapterAddresses(std::vector<AdapterAddress>& out) {
         for (const IP_ADAPTER_UNICAST_ADDRESS* unicast = adapter->FirstUnicastAddress; unicast != nullptr;
              unicast = unicast->Next) {
             AdapterAddress record{};
-            if (!addressBytes(unicast->Address.lpSockaddr, record.address)) continue;
+            if (!addressBytes(unicast->Address.lpSockaddr, ipv6, record.address)) continue;
             // Wine leaves the IPv6 index at 0; the adapter's index is the same
             // number there.
-            record.interfaceIndex = adapter->Ipv6IfIndex != 0 ? adapter->Ipv6IfIndex : adapter->IfIndex;
+            record.interfaceIndex =
+                ipv6 && adapter->Ipv6IfIndex != 0 ? adapter->Ipv6IfIndex : adapter->IfIndex;
             record.friendlyName = toUtf8(adapter->FriendlyName);
             record.description = toUtf8(adapter->Description);
             record.adapterName = adapter->AdapterName != nullptr ? adapter->AdapterName : "";

@@ -61,14 +61,18 @@ void ignorePortUnreachable(SOCKET socket) {
 
 }  // namespace
 
-SocketHandle socketCreate() {
-    SOCKET result = socket(AF_INET6, SOCK_DGRAM, IPPROTO_UDP);
+SocketHandle socketCreate(SocketFamily family, SocketType type) {
+    int domain = family == SocketFamily::v6 ? AF_INET6 : AF_INET;
+    int kind = type == SocketType::stream ? SOCK_STREAM : SOCK_DGRAM;
+    int protocol = type == SocketType::stream ? IPPROTO_TCP : IPPROTO_UDP;
+    SOCKET result = socket(domain, kind, protocol);
     if (result == INVALID_SOCKET) return noSocket;
-    ignorePortUnreachable(result);
+    if (type == SocketType::datagram) ignorePortUnreachable(result);
     return static_cast<SocketHandle>(result);
 }
 
-void socketClose(SocketHandle handle) {
+void socketClose(SocketHandle handle, bool shutdownFirst) {
+    if (shutdownFirst) shutdown(native(handle), SD_BOTH);
     closesocket(native(handle));
 }
 
@@ -78,7 +82,8 @@ void socketInterrupt(SocketHandle handle) {
     // wherever it is bound to the unspecified address.
     sockaddr_in6 self{};
     int size = sizeof(self);
-    if (getsockname(native(handle), reinterpret_cast<sockaddr*>(&self), &size) == 0) {
+    if (getsockname(native(handle), reinterpret_cast<sockaddr*>(&self), &size) == 0 &&
+        self.sin6_family == AF_INET6) {
         self.sin6_addr = in6addr_loopback;
         self.sin6_scope_id = 0;
         char nothing = 0;
@@ -113,6 +118,49 @@ bool socketBind6(SocketHandle handle, const SocketAddress6& address) {
     return bind(native(handle), reinterpret_cast<const sockaddr*>(&record), sizeof(record)) == 0;
 }
 
+bool socketBind4(SocketHandle handle, const SocketAddress6& address) {
+    sockaddr_in record = toNative4(address);
+    return bind(native(handle), reinterpret_cast<const sockaddr*>(&record), sizeof(record)) == 0;
+}
+
+bool socketConnect(SocketHandle handle, const SocketAddress6& address, SocketFamily family) {
+    sockaddr_in6 v6 = toNative(address);
+    sockaddr_in v4 = toNative4(address);
+    int result = family == SocketFamily::v4
+                     ? connect(native(handle), reinterpret_cast<const sockaddr*>(&v4), sizeof(v4))
+                     : connect(native(handle), reinterpret_cast<const sockaddr*>(&v6), sizeof(v6));
+    return result == 0;
+}
+
+SocketHandle socketAccept(SocketHandle handle, SocketAddress6* peer) {
+    sockaddr_storage record{};
+    int size = sizeof(record);
+    SOCKET result = accept(native(handle), reinterpret_cast<sockaddr*>(&record), &size);
+    if (result == INVALID_SOCKET) return noSocket;
+    if (peer != nullptr) fromNative(record, *peer);
+    return static_cast<SocketHandle>(result);
+}
+
+bool socketJoinGroup4(SocketHandle handle, const std::uint8_t group[4],
+                      const std::uint8_t interfaceAddress[4]) {
+    ip_mreq request{};
+    std::memcpy(&request.imr_multiaddr, group, 4);
+    std::memcpy(&request.imr_interface, interfaceAddress, 4);
+    return setsockopt(native(handle), IPPROTO_IP, IP_ADD_MEMBERSHIP, reinterpret_cast<const char*>(&request),
+                      sizeof(request)) == 0;
+}
+
+bool socketSetMulticastInterface4(SocketHandle handle, const std::uint8_t interfaceAddress[4]) {
+    in_addr address{};
+    std::memcpy(&address, interfaceAddress, 4);
+    return setsockopt(native(handle), IPPROTO_IP, IP_MULTICAST_IF, reinterpret_cast<const char*>(&address),
+                      sizeof(address)) == 0;
+}
+
+bool socketListen(SocketHandle handle, int backlog) {
+    return listen(native(handle), backlog) == 0;
+}
+
 bool socketLocalAddress6(SocketHandle handle, SocketAddress6& address) {
     sockaddr_storage record{};
     int size = sizeof(record);
@@ -139,6 +187,17 @@ std::int64_t sendToRecord(SocketHandle handle, const void* data, std::size_t len
 }
 
 }  // namespace
+
+std::int64_t socketSend(SocketHandle handle, const void* data, std::size_t length) {
+    int sent = send(native(handle), static_cast<const char*>(data), static_cast<int>(length), 0);
+    return sent == SOCKET_ERROR ? -1 : sent;
+}
+
+std::int64_t socketSendTo4(SocketHandle handle, const void* data, std::size_t length,
+                           const SocketAddress6& peer) {
+    sockaddr_in record = toNative4(peer);
+    return sendToRecord(handle, data, length, reinterpret_cast<const sockaddr*>(&record), sizeof(record));
+}
 
 std::int64_t socketSendTo6(SocketHandle handle, const void* data, std::size_t length,
                            const SocketAddress6& peer) {
