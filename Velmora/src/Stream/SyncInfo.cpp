@@ -158,6 +158,7 @@ void Sync::exchangeDataSize(const IPAddress& target, std::uint32_t mtu) {
 }
 
 std::uint16_t Sync::probe(const IPAddress& target, std::uint32_t candidate, std::uint32_t req) {
+    if (candidate <= defaultPacket) return defaultPacket;
     std::uint32_t echoed = 0;
     if (probeTry(target, candidate, echoed) && echoed == candidate) return std::uint16_t(candidate);
     if (!probeTry(target, req, echoed)) return defaultPacket;
